@@ -20,6 +20,7 @@ constexpr std::array<uint32_t, 26> primes = {
     12582917, 25165843, 50331653, 100663319, 201326611, 402653189, 805306457, 1610612741,
 };
 constexpr uint32_t last_prime_index = primes.size() - 1;
+constexpr size_t head_size = sizeof(void *); // of one chain head
 constexpr uint32_t largest_minsize = uint32_t{1} << 30;
 
 // The volatile stores force both roundings to single precision where the
@@ -82,7 +83,7 @@ void rehash_in_place(hash_entry **buckets, uint32_t old_count, uint32_t new_coun
 hash_entry **stretch(hash_entry **buckets, uint32_t old_count, uint32_t new_count)
 {
     size_t size = 0;
-    if (__builtin_mul_overflow(new_count, sizeof(hash_entry *), &size)) {
+    if (__builtin_mul_overflow(new_count, head_size, &size)) {
         return nullptr;
     }
     auto **stretched = static_cast<hash_entry **>(realloc(static_cast<void *>(buckets), size));
@@ -120,7 +121,7 @@ hashtable *create_hashtable(uint32_t minsize, hashtable_hash_fn hash_fn,
         return nullptr;
     }
     const uint32_t bucket_count = primes[index];
-    auto **buckets = static_cast<hash_entry **>(calloc(bucket_count, sizeof(hash_entry *)));
+    auto **buckets = static_cast<hash_entry **>(calloc(bucket_count, head_size));
     if (buckets == nullptr) {
         free(table);
         return nullptr;
@@ -140,7 +141,7 @@ int hashtable_grow(hashtable *table)
         return 0;
     }
     const uint32_t new_count = primes[table->prime_index + 1];
-    auto **buckets = static_cast<hash_entry **>(calloc(new_count, sizeof(hash_entry *)));
+    auto **buckets = static_cast<hash_entry **>(calloc(new_count, head_size));
     if (buckets != nullptr) {
         move_all(*table, buckets, new_count);
         free(static_cast<void *>(table->buckets));
