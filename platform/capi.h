@@ -291,7 +291,9 @@ CAPI_STATIC_ASSERT(sizeof(struct capi_fru_record) == 1024, "fru record");
 int capi_get_inventory(const char *nac_name, int mode, uint32_t *count,
                        struct capi_inventory_record **items);
 
-/* Releases a list of capi_get_inventory, its names included. */
+/* Releases a list of capi_get_inventory, its names included. An empty list may
+ * come as null, and may be kept by the caller without being released: let it own
+ * nothing. */
 void capi_free_inventory(struct capi_inventory_record *items, uint32_t count);
 
 /* A human-readable description of a component type. The text stays the

@@ -1,0 +1,324 @@
+// Construction of the cache from the inventory, and containment.
+#include "kavdata/cache.h"
+#include "kavdata/cache_lock_internal.h"
+#include "kavdata/strlcpy.h"
+#include "trace/trace.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+char root_nac[256];
+
+namespace kavplat
+{
+
+namespace
+{
+
+constexpr int inventory_poll_seconds = 3;
+constexpr size_t name_buffer_size = 256;
+
+// Nobody may wait for the cache lock as long as a platform takes to come up.
+void wait_for_inventory()
+{
+    const bool held = this_thread_holds_cache_lock();
+    if (held) {
+        monitor_fru_unlock();
+    }
+    sleep(inventory_poll_seconds);
+    if (held) {
+        monitor_fru_lock();
+    }
+}
+
+char *allocate_text(size_t size)
+{
+    return static_cast<char *>(calloc(1, size));
+}
+
+void set_entity_defaults(phys_entry *entry, const capi_inventory_record &record)
+{
+    entry->entPhysicalVendorType[0] = 0;
+    entry->entPhysicalVendorType[1] = 0;
+    entry->entPhysicalContainedIn = 0;
+    entry->entPhysicalClass = PHYSICAL_CLASS_UNKNOWN;
+    entry->entPhysicalParentRelPos = -1;
+    entry->entPhysicalHardwareRev = nullptr;
+    entry->entPhysicalFirmwareRev = nullptr;
+    entry->entPhysicalSoftwareRev = nullptr;
+    entry->entPhysicalSerialNum = nullptr;
+    entry->entPhysicalMfgName = nullptr;
+    entry->entPhysicalModelName = nullptr;
+    entry->entPhysicalAlias = nullptr;
+    entry->entPhysicalAssetID = nullptr;
+    entry->entPhysicalIsFRU =
+        record.capabilities[CAPI_CAP_FIELD_REPLACEABLE_BYTE] & CAPI_CAP_FIELD_REPLACEABLE
+            ? TRUTH_TRUE
+            : TRUTH_FALSE;
+}
+
+void set_platform_defaults(phys_entry *entry)
+{
+    entry->equipmentCol1 = 2;
+    entry->equipmentCol2 = 2;
+    entry->equipmentCol3 = 7;
+    entry->equipmentCol4 = 2;
+    entry->holderCol1 = 4;
+    entry->holderCol2 = allocate_text(HOLDER_TEXT_SIZE);
+    entry->holderCol3 = 4;
+    entry->holderCol4 = 2;
+    entry->circuitPackDescr = entry->entPhysicalDescr;
+    entry->circuitPackFlag = 0;
+    entry->circuitPackValue1 = 2;
+    entry->circuitPackValue2 = 2;
+    entry->platPhysicalClass = 1;
+    entry->sensorKind = SENSOR_KIND_NONE;
+    entry->sensorCol2 = 2;
+    entry->sensorCol3 = 0;
+    entry->binarySensorValue1 = TRUTH_FALSE;
+    entry->binarySensorValue2 = TRUTH_TRUE;
+    entry->binarySensorText1 = allocate_text(SENSOR_TEXT_SIZE);
+    entry->binarySensorText2 = allocate_text(SENSOR_TEXT_SIZE);
+    entry->numericSensorCol1 = 1;
+    entry->numericSensorCol2 = 0;
+    entry->numericSensorCol3 = 1;
+    entry->numericSensorCol4 = 0;
+    entry->numericSensorCol5 = 0;
+    entry->numericSensorCol6 = 255;
+    entry->numericSensorCol7 = 0;
+    entry->numericSensorCol8 = 0;
+    entry->numericSensorCol9 = 0;
+    entry->numericSensorCol10 = 0;
+    entry->numericSensorCol11 = 0;
+    entry->numericSensorCol12 = 0;
+    entry->numericSensorCol13 = 0;
+    entry->numericSensorCol14 = 0;
+    entry->thresholdMask = 0xFC;
+    entry->discreteStateCount = -1;
+    entry->discreteSensorValue = 0;
+    entry->discreteSensorCol2 = 2;
+    entry->powerSupplyValue = 2;
+    entry->powerSupplyCol2 = 2;
+    entry->alarmCol1 = 3;
+    entry->alarmCol2 = 2;
+    entry->alarmCol3 = 4;
+    entry->watchdogCol1 = 0;
+    entry->watchdogCol2 = 1;
+    entry->watchdogCol3 = 1;
+    entry->lastReadTime = 0;
+}
+
+void free_unserved(phys_entry *entry)
+{
+    if (entry) {
+        free(entry->entPhysicalName);
+        free(entry);
+    }
+}
+
+} // namespace
+
+const char *record_name(const capi_inventory_record &record)
+{
+    return record.nac_name && record.nac_name_length != 0 ? record.nac_name : "Unknown";
+}
+
+bool append_row(const char *caller, uint32_t index, const capi_inventory_record &record,
+                row_origin origin)
+{
+    auto *entry = static_cast<phys_entry *>(calloc(1, sizeof(phys_entry)));
+    char *name = strdup(record_name(record));
+    if (!entry || !name) {
+        log_failure(caller, "no memory for a cache entry");
+        free(name);
+        free_unserved(entry);
+        return false;
+    }
+    entry->entPhysicalIndex = index;
+    if (origin == row_origin::first_build) {
+        trace_index(index, entry, caller);
+    } else if (record.nac_name_length > 256) {
+        // Tested against 256 but reported as 255, and kept whole: meant.
+        snmp_log(LOG_ERR, "%s:capi component name length (%u) has exceeded mib defined max (%u)\n",
+                 caller, record.nac_name_length, 255U);
+    }
+    entry->entPhysicalName = name;
+    if (origin == row_origin::first_build) {
+        KAV_TRACE("kavdata::cache", "%s:entPhysicalName:[%s]\n", caller, name);
+    }
+    KAV_TRACE("kavdata::cache", "%s:hashtable_insert %s at %u\n", caller, name, index);
+    if (!insert_name(entry)) {
+        log_failure(caller, "no memory for a name, it can not be found");
+    }
+    build_phys_entry(entry, &record);
+    get_static_fields(entry);
+    store_slot(index, entry);
+    return true;
+}
+
+} // namespace kavplat
+
+int make_root_nacname(int timeout_seconds)
+{
+    while (timeout_seconds > 0) {
+        uint32_t count = 0;
+        capi_inventory_record *list = nullptr;
+        if (capi_get_inventory("/", CAPI_INVENTORY_ROOT, &count, &list) == 0) {
+            // The first record is "/" itself, the second the root component.
+            const bool named = count > 1 && list && list[1].nac_name &&
+                               list[1].nac_name_length != 0;
+            if (named) {
+                strlcpy(root_nac, list[1].nac_name, 255);
+            }
+            capi_free_inventory(list, count);
+            if (named) {
+                return 1;
+            }
+        }
+        kavplat::wait_for_inventory();
+        timeout_seconds -= kavplat::inventory_poll_seconds;
+    }
+    kavplat::log_failure("make_root_nacname", "Timed out waiting for capi_get_inventory");
+    return 0;
+}
+
+void init_local_cache(void)
+{
+    using namespace kavplat;
+
+    snmp_log(LOG_INFO, "%s:local cache initializing\n", "init_local_cache");
+    const bool was_built = cache_is_built();
+    while (!make_root_nacname(INT_MAX)) {
+    }
+    if (!was_built && cache_is_built()) {
+        // Another event built it while this one waited without the lock.
+        return;
+    }
+    uint32_t count = 0;
+    capi_inventory_record *list = nullptr;
+    if (capi_get_inventory(root_nac, CAPI_INVENTORY_SUBTREE, &count, &list) != 0) {
+        snmp_log(LOG_ERR, "%s:capi_get_inventory(%s) failed\n", "init_local_cache", root_nac);
+        return;
+    }
+    snmp_log(LOG_INFO, "%s:local cache processing %d inventory entries\n", "init_local_cache",
+             static_cast<int>(count));
+    drop_cache();
+    // A fifth more than there is, for hot insertions.
+    localCacheSize = static_cast<uint32_t>(std::min(count + count * 0.2, double{UINT32_MAX}));
+    const bool allocated = replace_slots(localCacheSize);
+    KAV_TRACE("kavdata::cache", "%s:physicalTable=0x%08x, localCacheSize=%u\n", "init_local_cache",
+              printable(physicalTable), localCacheSize);
+    if (!allocated) {
+        // Nothing is attempted again, whatever the message says: meant.
+        snmp_log(LOG_ERR, "%s:alloc failure, attempting (%u) entries\n", "init_local_cache",
+                 localCacheSize);
+        cache_valid = 0;
+        localCacheSize = 0;
+        capi_free_inventory(list, count);
+        return;
+    }
+    cache_valid = 1;
+    if (!create_name_index()) {
+        log_failure("init_local_cache", "no memory for the index by name");
+    }
+    for (uint32_t index = 1; index <= count; index++) {
+        append_row("init_local_cache", index, list[index - 1], row_origin::first_build);
+        publish_max_index(index);
+    }
+    capi_free_inventory(list, count);
+    snmp_log(LOG_INFO, "%s:local cache ready\n", "init_local_cache");
+}
+
+void build_phys_entry(phys_entry *entry, const capi_inventory_record *record)
+{
+    using namespace kavplat;
+
+    KAV_TRACE("kavdata::cache", "%s:entry=0x%08x\n", "build_phys_entry", printable(entry));
+    if (!entry) {
+        log_failure("build_phys_entry", "entry NULL");
+        return;
+    }
+    if (!record) {
+        log_failure("build_phys_entry", "record NULL");
+        return;
+    }
+    set_entity_defaults(entry, *record);
+    set_platform_defaults(entry);
+    std::copy(std::begin(record->capabilities), std::end(record->capabilities), entry->capiCaps);
+    entry->capiComponentType = record->component_type;
+    read_static_data(entry, record->component_type);
+    get_containedIn(entry, &entry->entPhysicalContainedIn);
+    KAV_TRACE("kavdata::contained", "%s:get_containedIn done, ci=%u\n", "build_phys_entry",
+              static_cast<unsigned>(entry->entPhysicalContainedIn));
+    get_parentRelPos(entry, &entry->entPhysicalParentRelPos);
+    KAV_TRACE("kavdata::relpos", "%s:get_parentRelPos done, rp=%d\n", "build_phys_entry",
+              entry->entPhysicalParentRelPos);
+    // Whatever the static data said of these is overridden: meant.
+    entry->circuitPackDescr = entry->entPhysicalDescr;
+    entry->circuitPackValue2 = 2;
+    entry->circuitPackFlag = 0;
+    entry->circuitPackValue1 = 2;
+}
+
+void get_containedIn(const phys_entry *entry, int32_t *result)
+{
+    using namespace kavplat;
+
+    *result = 0;
+    if (!entry) {
+        log_failure("get_containedIn", "entry NULL");
+        return;
+    }
+    if (!entry->entPhysicalName) {
+        log_failure("get_containedIn", "entPhysicalName NULL");
+        return;
+    }
+    KAV_TRACE("kavdata::contained", "%s:entry=0x%08x, nac=%s\n", "get_containedIn",
+              printable(entry), entry->entPhysicalName);
+    char parent[name_buffer_size];
+    strlcpy(parent, entry->entPhysicalName, sizeof parent);
+    char *separator = strrchr(parent, '/');
+    if (!separator) {
+        snmp_log(LOG_ERR, "%s:nac separator not found for %s\n", "get_containedIn",
+                 entry->entPhysicalName);
+        return;
+    }
+    *separator = '\0';
+    const uint32_t pos = hash_nac(parent);
+    *result = static_cast<int32_t>(pos);
+    KAV_TRACE("kavdata::contained", "%s:pos=%u\n", "get_containedIn", pos);
+}
+
+void get_parentRelPos(const phys_entry *entry, int32_t *result)
+{
+    using namespace kavplat;
+
+    KAV_TRACE("kavdata::relpos", "%s:entry=0x%08x, %s\n", "get_parentRelPos", printable(entry),
+              printable(entry ? entry->entPhysicalName : nullptr));
+    if (!entry || !entry->entPhysicalName || entry->entPhysicalContainedIn == 0) {
+        *result = -1;
+        return;
+    }
+    char name[name_buffer_size];
+    strlcpy(name, entry->entPhysicalName, sizeof name);
+    // The first character is never looked at: it is the '/' of every proper name.
+    const char *suffix = name + strlen(name);
+    while (suffix > name + 1 && suffix[-1] >= '0' && suffix[-1] <= '9') {
+        suffix--;
+    }
+    KAV_TRACE("kavdata::relpos", "%s:numeric suffix=%s\n", "get_parentRelPos", suffix);
+    const int matched = *suffix ? 1 : 0;
+    // A suffix that does not fit stops at the last number that does.
+    const int number =
+        matched ? static_cast<int>(std::min<unsigned long long>(strtoull(suffix, nullptr, 10),
+                                                                INT_MAX - 1))
+                : -1;
+    KAV_TRACE("kavdata::relpos", "%s:matched=%d,num=%d\n", "get_parentRelPos", matched, number);
+    if (matched) {
+        // P0 is the first.
+        *result = number + 1;
+    }
+}

@@ -1,0 +1,164 @@
+/*
+ * One cached physical entity: a row of ENTITY-MIB and of the platform tables.
+ *
+ * Integers are 32 bits wide in host order, so that a table can hand a field to
+ * the agent as it stands. Texts marked "owned" are heap blocks that the entry
+ * frees; null where a text may be absent. Where a value has codes, they are
+ * those of the MIB object that serves it.
+ *
+ * Fields change only under the cache lock (kavdata/cache_lock.h), but for the
+ * thresholds, thresholdMask and numericSensorCol2, which a sensor refresh writes
+ * without it; those are accessed atomically.
+ */
+#ifndef KAVPLAT_KAVDATA_PHYS_ENTRY_H
+#define KAVPLAT_KAVDATA_PHYS_ENTRY_H
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/types.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ENTITY-MIB PhysicalClass (RFC 2737). */
+enum physical_class {
+    PHYSICAL_CLASS_OTHER = 1,
+    PHYSICAL_CLASS_UNKNOWN = 2,
+    PHYSICAL_CLASS_CHASSIS = 3,
+    PHYSICAL_CLASS_BACKPLANE = 4,
+    PHYSICAL_CLASS_CONTAINER = 5,
+    PHYSICAL_CLASS_POWER_SUPPLY = 6,
+    PHYSICAL_CLASS_FAN = 7,
+    PHYSICAL_CLASS_SENSOR = 8,
+    PHYSICAL_CLASS_MODULE = 9,
+    PHYSICAL_CLASS_PORT = 10,
+    PHYSICAL_CLASS_STACK = 11
+};
+
+/* phys_entry.sensorKind */
+enum sensor_kind {
+    SENSOR_KIND_NONE = 0,
+    SENSOR_KIND_BINARY = 1,
+    SENSOR_KIND_NUMERIC = 2,
+    SENSOR_KIND_DISCRETE = 3
+};
+
+/* SNMPv2-TC TruthValue (RFC 2579). */
+enum truth_value { TRUTH_TRUE = 1, TRUTH_FALSE = 2 };
+
+enum {
+    ENT_PHYSICAL_DESCR_SIZE = 256, /* SnmpAdminString: 255 octets and the NUL */
+    HOLDER_TEXT_SIZE = 32,
+    SENSOR_TEXT_SIZE = 256
+};
+
+typedef struct phys_entry {
+    /* ENTITY-MIB entPhysicalTable */
+    uint32_t entPhysicalIndex; /* this entry's slot in physicalTable, from 1 */
+    char entPhysicalDescr[ENT_PHYSICAL_DESCR_SIZE];
+    oid entPhysicalVendorType[2];   /* always zeroDotZero */
+    int32_t entPhysicalContainedIn; /* index of the container, 0: none */
+    int32_t entPhysicalClass;       /* enum physical_class */
+    int32_t entPhysicalParentRelPos; /* position among siblings, -1: unknown */
+    char *entPhysicalName;           /* owned; the NAC name, also the key of htab */
+    char *entPhysicalHardwareRev;    /* owned, may be null, as the seven below */
+    char *entPhysicalFirmwareRev;
+    char *entPhysicalSoftwareRev;
+    char *entPhysicalSerialNum;
+    char *entPhysicalMfgName;
+    char *entPhysicalModelName;
+    char *entPhysicalAlias;
+    char *entPhysicalAssetID;
+    int32_t entPhysicalIsFRU; /* enum truth_value */
+
+    /* kavPlatEquipmentTable */
+    int32_t equipmentCol1;
+    int32_t equipmentCol2;
+    int32_t equipmentCol3;
+    int32_t equipmentCol4;
+
+    /* kavPlatEquipmentHolderTable */
+    int32_t holderCol1;
+    char *holderCol2; /* owned, HOLDER_TEXT_SIZE bytes */
+    int32_t holderCol3;
+    int32_t holderCol4;
+
+    /* kavPlatCircuitPackTable. circuitPackDescr points into this very entry, so
+     * it is valid exactly as long as the entry; that is meant. */
+    char *circuitPackDescr;
+    uint8_t circuitPackFlag;
+    int32_t circuitPackValue1;
+    int32_t circuitPackValue2;
+
+    /* kavPlatPhysicalTable; 2 marks an indicator, 3 a watchdog */
+    int32_t platPhysicalClass;
+
+    /* kavPlatSensorTable */
+    int32_t sensorKind; /* enum sensor_kind */
+    int32_t sensorCol2; /* sensor type */
+    uint32_t sensorCol3;
+
+    /* kavPlatBinarySensorTable */
+    int32_t binarySensorValue1; /* current, enum truth_value */
+    int32_t binarySensorValue2; /* expected, enum truth_value */
+    char *binarySensorText1;    /* owned, SENSOR_TEXT_SIZE bytes: what true means */
+    char *binarySensorText2;    /* owned, SENSOR_TEXT_SIZE bytes: what false means */
+
+    /* kavPlatNumericSensorTable, named by storage position: each word serves the
+     * column of its number, but for words 9, 10, 11 and 12, which serve columns
+     * 10, 12, 9 and 11. */
+    int32_t numericSensorCol1;  /* base units */
+    int32_t numericSensorCol2;  /* exponent: 0 or -3 */
+    int32_t numericSensorCol3;
+    int32_t numericSensorCol4;  /* current reading */
+    int32_t numericSensorCol5;
+    int32_t numericSensorCol6;
+    int32_t numericSensorCol7;
+    int32_t numericSensorCol8;  /* column 8: lower non-critical threshold */
+    int32_t numericSensorCol9;  /* column 10: lower critical threshold */
+    int32_t numericSensorCol10; /* column 12: lower fatal threshold */
+    int32_t numericSensorCol11; /* column 9: upper non-critical threshold */
+    int32_t numericSensorCol12; /* column 11: upper critical threshold */
+    int32_t numericSensorCol13; /* column 13: upper fatal threshold */
+    uint32_t numericSensorCol14;
+    uint8_t thresholdMask; /* BITS: 0x80 lower nc, 0x40 upper nc, 0x20 lower critical,
+                              0x10 upper critical, 0x08 lower fatal, 0x04 upper fatal */
+
+    /* kavPlatDiscreteSensorTable and kavPlatDiscreteSensorStatesTable */
+    int32_t discreteStateCount; /* number of the state set, -1: none */
+    int32_t discreteSensorValue;
+    int32_t discreteSensorCol2;
+
+    /* kavPlatPowerSupplyTable and kavPlatBatteryTable */
+    int32_t powerSupplyValue; /* 3 marks a battery */
+    int32_t powerSupplyCol2;
+
+    /* kavPlatAlarmTable */
+    int32_t alarmCol1;
+    int32_t alarmCol2;
+    int32_t alarmCol3;
+
+    /* kavPlatWatchdogTable. The third word is served both as a text and as an
+     * integer; that is meant. */
+    int32_t watchdogCol1;
+    int32_t watchdogCol2;
+    int32_t watchdogCol3;
+
+    /* From the inventory record (platform/capi.h). */
+    uint8_t capiCaps[10];
+    uint32_t capiComponentType;
+
+    /* Agent up-time, in hundredths of a second, of the last live read; 0: never. */
+    uint32_t lastReadTime;
+
+    /* Links the rows that are unlinked and wait to be freed. */
+    struct phys_entry *next_retired;
+} phys_entry;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

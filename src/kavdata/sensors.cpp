@@ -1,0 +1,216 @@
+// Live sensor readings and thresholds.
+#include "kavdata/cache.h"
+#include "kavdata/cache_pass.h"
+#include "trace/trace.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+namespace kavplat
+{
+
+namespace
+{
+
+// The field of each threshold, and the bit that the mask has for it. Exponent,
+// mask and thresholds are written here without the lock by a refresh, so all of
+// them are accessed atomically.
+struct threshold {
+    float capi_sensor_record::*source;
+    int32_t phys_entry::*field;
+    unsigned valid_flag;
+    unsigned mask_bit;
+};
+
+constexpr threshold thresholds[] = {
+    {&capi_sensor_record::upper_fatal, &phys_entry::numericSensorCol13, CAPI_UPPER_FATAL_VALID,
+     0x04},
+    {&capi_sensor_record::upper_critical, &phys_entry::numericSensorCol12,
+     CAPI_UPPER_CRITICAL_VALID, 0x10},
+    {&capi_sensor_record::upper_non_critical, &phys_entry::numericSensorCol11,
+     CAPI_UPPER_NON_CRITICAL_VALID, 0x40},
+    {&capi_sensor_record::lower_fatal, &phys_entry::numericSensorCol10, CAPI_LOWER_FATAL_VALID,
+     0x08},
+    {&capi_sensor_record::lower_critical, &phys_entry::numericSensorCol9,
+     CAPI_LOWER_CRITICAL_VALID, 0x20},
+    {&capi_sensor_record::lower_non_critical, &phys_entry::numericSensorCol8,
+     CAPI_LOWER_NON_CRITICAL_VALID, 0x80},
+};
+
+// Truncated toward zero; what does not fit saturates, no number is the lowest.
+int32_t truncate(double value)
+{
+    if (std::isnan(value)) {
+        return INT32_MIN;
+    }
+    if (value >= 2147483647.0) {
+        return INT32_MAX;
+    }
+    if (value <= -2147483648.0) {
+        return INT32_MIN;
+    }
+    return static_cast<int32_t>(value);
+}
+
+int32_t thousandths(float value)
+{
+    return truncate(double{value} * 1000.0);
+}
+
+void write_text(char *field, const char *text)
+{
+    if (field) {
+        snprintf(field, SENSOR_TEXT_SIZE, "%s", text);
+    }
+}
+
+void set_binary_texts(phys_entry *entry, const char *when_true, const char *when_false)
+{
+    write_text(entry->binarySensorText1, when_true);
+    write_text(entry->binarySensorText2, when_false);
+}
+
+void read_numeric(phys_entry *entry, const capi_sensor_record &record)
+{
+    const int32_t current = truncate(record.reading);
+    KAV_TRACE_AS("snmp_read_sensor", KAVPLAT_ROOM, "kavdata::sensor", "%s:numeric current=%d\n",
+                 "snmp_read_sensor", current);
+    entry->numericSensorCol4 = current;
+    // Decided anew at each read and never undone here, though exponent and
+    // thresholds may be those of a scaled read: meant.
+    if (record.reading == static_cast<float>(record.raw_reading) || entry->sensorCol2 == 6) {
+        return;
+    }
+    KAV_TRACE_AS("snmp_read_sensor", KAVPLAT_ROOM, "kavdata::sensor", "%s:threshold adjust\n",
+                 "snmp_read_sensor");
+    relaxed_store(entry->numericSensorCol2, -3);
+    entry->numericSensorCol4 = thousandths(record.reading);
+    for (const threshold &t : thresholds) {
+        relaxed_store(entry->*t.field, thousandths(record.*t.source));
+    }
+}
+
+void read_discrete(phys_entry *entry, const capi_sensor_record &record)
+{
+    entry->binarySensorValue1 = record.reading == 2.0F ? TRUTH_TRUE : TRUTH_FALSE;
+    if (record.flags & CAPI_STATE_SEMANTICS) {
+        if (record.state == 1.0F) {
+            set_binary_texts(entry, "fail", "ok");
+            entry->binarySensorValue2 = TRUTH_FALSE;
+        } else {
+            set_binary_texts(entry, "ok", "fail");
+            entry->binarySensorValue2 = TRUTH_TRUE;
+        }
+    } else if (record.sensor_type == CAPI_SENSOR_PRESENCE) {
+        entry->sensorCol2 = 12;
+        set_binary_texts(entry, "Present", "Absent");
+        entry->binarySensorValue2 = TRUTH_TRUE;
+    } else if (capi_is_sensor_with_OK_semantics(&record) != 0) {
+        // The expected value stays as it was: meant.
+        set_binary_texts(entry, "ok", "fail");
+    } else if (strstr(record.name, "/SYS/IOX") && strstr(record.name, "SWITCH")) {
+        set_binary_texts(entry, "on", "standby");
+        entry->binarySensorValue2 = TRUTH_TRUE;
+    } else {
+        set_binary_texts(entry, "fail", "ok");
+        entry->binarySensorValue2 = TRUTH_FALSE;
+    }
+}
+
+} // namespace
+
+} // namespace kavplat
+
+int snmp_read_sensor(phys_entry *entry)
+{
+    using namespace kavplat;
+
+    if (!entry) {
+        log_failure("snmp_read_sensor", "entry NULL");
+        return -1;
+    }
+    if (!entry->entPhysicalName) {
+        log_failure("snmp_read_sensor", "entPhysicalName NULL");
+        return -1;
+    }
+    const uint32_t now = agent_uptime();
+    if (is_fresh(entry->lastReadTime, now)) {
+        return 0;
+    }
+    capi_sensor_record record = {};
+    if (const int status = capi_get_sensor(0, entry->entPhysicalName, &record); status != 0) {
+        snmp_log(LOG_ERR, "%s:FAILED:%s %s, status=%d\n", "snmp_read_sensor", "capi_get_sensor",
+                 entry->entPhysicalName, status);
+        return -1;
+    }
+    terminate(record.name);
+    if (record.reading_status == CAPI_READING_INVALID) {
+        KAV_TRACE("kavdata::sensor", "%s:SENSOR_READING_INVALID\n", "snmp_read_sensor");
+        entry->equipmentCol4 = 1;
+        entry->equipmentCol3 = 4;
+        entry->equipmentCol2 = 1;
+        return -1;
+    }
+    entry->equipmentCol4 = 2;
+    entry->lastReadTime = now;
+    entry->equipmentCol2 = 2;
+    entry->equipmentCol3 = 7;
+    if (entry->capiComponentType == CAPI_TYPE_SLOT_IDENTITY) {
+        entry->numericSensorCol4 = truncate(record.reading);
+        KAV_TRACE("kavdata::sensor", "%s:SLOTID current=%d\n", "snmp_read_sensor",
+                  entry->numericSensorCol4);
+    } else if (record.sensor_class == CAPI_SENSOR_THRESHOLD) {
+        read_numeric(entry, record);
+    } else if (record.sensor_class == CAPI_SENSOR_DISCRETE) {
+        read_discrete(entry, record);
+    }
+    return 0;
+}
+
+void set_sensor_thresholds(phys_entry *entry, const struct capi_sensor_record *record)
+{
+    using namespace kavplat;
+
+    unsigned mask = 0xFC;
+    relaxed_store(entry->numericSensorCol2, 0);
+    for (const threshold &t : thresholds) {
+        relaxed_store(entry->*t.field, truncate(record->*t.source));
+        if (!(record->flags & t.valid_flag)) {
+            mask &= ~t.mask_bit;
+        }
+    }
+    relaxed_store(entry->thresholdMask, static_cast<uint8_t>(mask));
+    KAV_TRACE("kavdata::sensor", "utf=%ld, utc=%ld, utnc=%ld, ltf=%ld, ltc=%ld, ltnc=%ld\n",
+              long{relaxed_load(entry->numericSensorCol13)},
+              long{relaxed_load(entry->numericSensorCol12)},
+              long{relaxed_load(entry->numericSensorCol11)},
+              long{relaxed_load(entry->numericSensorCol10)},
+              long{relaxed_load(entry->numericSensorCol9)},
+              long{relaxed_load(entry->numericSensorCol8)});
+}
+
+void reload_thresholds(const char *nac_name)
+{
+    using namespace kavplat;
+
+    const unlocked_read reading;
+    if (!std::atomic_ref(physicalTable).load(std::memory_order_acquire)) {
+        return;
+    }
+    const uint32_t index = hash_nac(nac_name);
+    phys_entry *entry = index != 0 ? entry_at(index) : nullptr;
+    if (!entry) {
+        return;
+    }
+    capi_sensor_record record = {};
+    const int status =
+        capi_get_sensor_info(entry->entPhysicalName, CAPI_SENSOR_INFO_ALL, &record);
+    KAV_TRACE("kavdata::sensor", "name=%s,status=%d,sensor_class/type:%u/%u\n",
+              entry->entPhysicalName, status, static_cast<unsigned>(record.sensor_class),
+              static_cast<unsigned>(record.sensor_type));
+    if (status == 0) {
+        set_sensor_thresholds(entry, &record);
+    }
+    relaxed_store(entLastChangeTime, agent_uptime());
+}

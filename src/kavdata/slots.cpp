@@ -1,0 +1,145 @@
+#include "kavdata/cache.h"
+#include "kavdata/cache_lock_internal.h"
+#include "kavdata/cache_pass.h"
+#include "kavdata/fork.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdlib>
+
+phys_entry **physicalTable = nullptr;
+uint32_t maxPhysicalIndex = 0;
+uint32_t localCacheSize = 0;
+uint8_t cache_valid = 1;
+uint32_t entLastChangeTime = 0;
+
+namespace kavplat
+{
+
+namespace
+{
+
+// No array is smaller than one before it, so that an index which a reader took
+// from an older cache lies within whatever array it then sees.
+uint32_t largest_size = 0;
+
+slot_array *array_of(phys_entry **slots)
+{
+    return reinterpret_cast<slot_array *>(reinterpret_cast<char *>(slots) -
+                                          offsetof(slot_array, slots));
+}
+
+// Room for indexes 0 to size, all slots empty.
+phys_entry **allocate_slots(uint32_t size)
+{
+    const size_t count = size_t{std::max(size, largest_size)} + 1;
+    if (count > (SIZE_MAX - sizeof(slot_array)) / sizeof(phys_entry *)) {
+        return nullptr;
+    }
+    auto *array =
+        static_cast<slot_array *>(calloc(1, sizeof(slot_array) + count * sizeof(phys_entry *)));
+    if (!array) {
+        return nullptr;
+    }
+    largest_size = std::max(size, largest_size);
+    return array->slots;
+}
+
+std::atomic_ref<phys_entry **> published_table()
+{
+    return std::atomic_ref(physicalTable);
+}
+
+std::atomic_ref<uint32_t> published_max()
+{
+    return std::atomic_ref(maxPhysicalIndex);
+}
+
+} // namespace
+
+phys_entry *entry_at(uint32_t index)
+{
+    // The maximum first: the array that is seen afterwards has room for it.
+    if (index > published_max().load(std::memory_order_acquire)) {
+        return nullptr;
+    }
+    phys_entry **slots = published_table().load(std::memory_order_acquire);
+    if (!slots) {
+        return nullptr;
+    }
+    return std::atomic_ref(slots[index]).load(std::memory_order_seq_cst);
+}
+
+bool table_is_empty()
+{
+    return getMaxPhysicalIndex() == 0 || !published_table().load(std::memory_order_acquire);
+}
+
+void store_slot(uint32_t index, phys_entry *entry)
+{
+    std::atomic_ref(physicalTable[index]).store(entry, std::memory_order_seq_cst);
+}
+
+void publish_max_index(uint32_t index)
+{
+    published_max().store(index, std::memory_order_release);
+}
+
+bool cache_is_built()
+{
+    return cache_valid != 0 && name_index_exists();
+}
+
+bool replace_slots(uint32_t size)
+{
+    phys_entry **slots = allocate_slots(size);
+    if (!slots) {
+        return false;
+    }
+    phys_entry **old = physicalTable;
+    if (old) {
+        std::copy_n(old, size_t{maxPhysicalIndex} + 1, slots);
+    }
+    published_table().store(slots, std::memory_order_seq_cst);
+    if (old) {
+        retire(array_of(old));
+    }
+    return true;
+}
+
+void drop_cache()
+{
+    const uint32_t last = std::min(maxPhysicalIndex, largest_size);
+    phys_entry **slots = physicalTable;
+    publish_max_index(0);
+    published_table().store(nullptr, std::memory_order_seq_cst);
+    if (slots) {
+        for (uint32_t i = 1; i <= last; i++) {
+            if (phys_entry *entry = slots[i]) {
+                remove_name(entry);
+                retire(entry);
+            }
+        }
+        retire(array_of(slots));
+    }
+    destroy_name_index(false);
+    localCacheSize = 0;
+}
+
+void renew_cache_locks_after_fork()
+{
+    renew_cache_lock_after_fork();
+    renew_names_lock_after_fork();
+}
+
+void forget_cache_after_fork()
+{
+    physicalTable = nullptr;
+    maxPhysicalIndex = 0;
+    localCacheSize = 0;
+    htab = nullptr;
+    cache_valid = 1;
+    forget_retired();
+}
+
+} // namespace kavplat

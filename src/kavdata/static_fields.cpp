@@ -1,0 +1,414 @@
+// What does not change while a component stays in place.
+#include "kavdata/build_info.h"
+#include "kavdata/cache.h"
+#include "kavdata/strlcpy.h"
+#include "trace/trace.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <sys/stat.h>
+
+namespace kavplat
+{
+
+namespace
+{
+
+constexpr char version_file[] = "/etc/static_conf/version.dat";
+constexpr char manufacturer[] = "Telvane Corporation";
+constexpr int vantor_id_size = 51;
+
+// Longest text of an identity field; replaceString keeps one character less.
+constexpr uint32_t long_text = 255;
+constexpr uint32_t short_text = 32;
+
+enum class vantor_id { product = 1, chassis = 2 };
+
+// Component types by PhysicalClass; a type that is in no row is class other(1).
+// The midplane (59) is other too, though it takes the chassis texts: meant.
+struct class_row {
+    int32_t physical_class;
+    std::array<uint8_t, 25> types; // 0 fills the rest
+};
+
+constexpr class_row class_rows[] = {
+    {PHYSICAL_CLASS_CONTAINER, {6,   7,   8,   14,  33,  34,  35,  41,  55,  56,  82,  104, 105,
+                                138, 139, 152, 153, 154, 155, 156, 157, 159, 160, 163, 176}},
+    {PHYSICAL_CLASS_CHASSIS, {2, 3}},
+    {PHYSICAL_CLASS_BACKPLANE, {48, 158, 164}},
+    {PHYSICAL_CLASS_MODULE, {9,  10, 15, 29,  40,  47,  52,  83,  88,  89, 90,
+                             95, 98, 103, 115, 149, 161, 162, 165, 173, 174}},
+    {PHYSICAL_CLASS_POWER_SUPPLY, {4, 44, 45, 94}},
+    {PHYSICAL_CLASS_FAN, {12, 13, 42, 43, 106, 107, 108}},
+    {PHYSICAL_CLASS_UNKNOWN, {92, 99}}, // and type 0
+};
+
+constexpr auto make_class_of_type()
+{
+    std::array<uint8_t, 177> classes{};
+    for (uint8_t &c : classes) {
+        c = PHYSICAL_CLASS_OTHER;
+    }
+    for (const class_row &row : class_rows) {
+        for (const uint8_t type : row.types) {
+            if (type != 0) {
+                classes[type] = static_cast<uint8_t>(row.physical_class);
+            }
+        }
+    }
+    classes[0] = PHYSICAL_CLASS_UNKNOWN;
+    return classes;
+}
+
+constexpr std::array<uint8_t, 177> class_of_type = make_class_of_type();
+
+bool has(const phys_entry &entry, unsigned byte, unsigned mask)
+{
+    return (entry.capiCaps[byte] & mask) != 0;
+}
+
+void read_vantor_id(phys_entry *entry, vantor_id selector)
+{
+    char buffer[vantor_id_size] = "";
+    const int status = selector == vantor_id::product
+                           ? capi_get_product_vantor_id(buffer, vantor_id_size)
+                           : capi_get_chassis_vantor_id(buffer, vantor_id_size);
+    if (status == 0) {
+        terminate(buffer);
+        replaceString(&entry->entPhysicalAlias, buffer, short_text);
+    }
+}
+
+bool is_regular_file(const char *path)
+{
+    struct stat status;
+    return stat(path, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+// The first line of the version file replaces the default text if it begins with
+// the "@(#)" of a what string, of which only the '@' is looked at.
+void read_firmware_revision(char **field)
+{
+    constexpr size_t field_size = 255;
+    char *revision = static_cast<char *>(calloc(1, field_size));
+    free(*field);
+    *field = revision;
+    if (!revision) {
+        log_failure("snmp_read_product_info", "no memory for the firmware revision");
+        return;
+    }
+    char text[256];
+    snprintf(text, sizeof text, "System Firmware : dev build %s (r%s) %s", build_user, build_number,
+             build_date);
+    // Anything but a regular file could keep the build waiting for a writer.
+    if (is_regular_file(version_file)) {
+        if (const std::unique_ptr<FILE, int (*)(FILE *)> file{fopen(version_file, "r"), fclose}) {
+            char line[128] = "";
+            if (fgets(line, sizeof line, file.get()) && line[0] == '@') {
+                const size_t skipped = std::min<size_t>(strlen(line), 4);
+                strlcpy(text, line + skipped, sizeof text);
+            }
+        }
+    }
+    strlcpy(revision, text, field_size);
+}
+
+struct units_row {
+    int32_t units;     // enum capi_sensor_units
+    int32_t type;      // sensor type, 0: stays
+    int32_t base_unit; // base units
+};
+
+constexpr units_row units_rows[] = {
+    {CAPI_UNITS_DEGREES_C, 3, 3}, {CAPI_UNITS_DEGREES_F, 3, 4}, {CAPI_UNITS_KELVIN, 3, 5},
+    {CAPI_UNITS_VOLTS, 4, 6},     {CAPI_UNITS_AMPS, 5, 7},      {CAPI_UNITS_WATTS, 0, 8},
+    {CAPI_UNITS_RPM, 6, 20},      {CAPI_UNITS_HERTZ, 0, 21},    {CAPI_UNITS_PERCENT, 0, 66},
+    {CAPI_UNITS_HOURS, 1, 24},
+};
+
+struct binary_type_row {
+    int32_t sensor_type; // enum capi_sensor_type
+    const char *trace;
+    int32_t type;
+};
+
+constexpr binary_type_row binary_type_rows[] = {
+    {CAPI_SENSOR_PRESENCE, "%s:PRESENCE\n", 12},
+    {CAPI_SENSOR_VOLTAGE, "%s:VOLTAGE\n", 4},
+    {CAPI_SENSOR_TEMPERATURE, "%s:TEMPERATURE\n", 3},
+    {CAPI_SENSOR_CURRENT, "%s:CURRENT\n", 5},
+    {CAPI_SENSOR_TACHOMETER, "%s:TACHOMETER\n", 6},
+};
+
+void read_binary_sensor(phys_entry *entry, const capi_sensor_record &info)
+{
+    entry->sensorKind = SENSOR_KIND_BINARY;
+    const auto *row = std::find_if(
+        std::begin(binary_type_rows), std::end(binary_type_rows),
+        [&](const binary_type_row &r) { return r.sensor_type == info.sensor_type; });
+    const bool known = row != std::end(binary_type_rows);
+    KAV_TRACE_AS("read_static_data", KAVPLAT_ROOM, "kavdata::sensor",
+                 known ? row->trace : "%s:OTHER\n", "read_static_data");
+    entry->sensorCol2 = known ? row->type : 1;
+}
+
+void read_numeric_sensor(phys_entry *entry, const capi_sensor_record &info)
+{
+    KAV_TRACE_AS("read_static_data", KAVPLAT_ROOM, "kavdata::sensor", "%s:NUMERIC\n",
+                 "read_static_data");
+    entry->sensorKind = SENSOR_KIND_NUMERIC;
+    entry->numericSensorCol1 = 1;
+    for (const units_row &row : units_rows) {
+        if (row.units == info.units) {
+            entry->numericSensorCol1 = row.base_unit;
+            entry->sensorCol2 = row.type != 0 ? row.type : entry->sensorCol2;
+        }
+    }
+    if (info.sensor_type == CAPI_SENSOR_HUMIDITY) {
+        entry->sensorCol2 = 10;
+    }
+    set_sensor_thresholds(entry, &info);
+}
+
+void read_sensor_nature(phys_entry *entry, uint32_t component_type)
+{
+    entry->sensorCol2 = 1;
+    entry->entPhysicalClass = PHYSICAL_CLASS_SENSOR;
+    capi_sensor_record info = {};
+    if (!entry->entPhysicalName ||
+        capi_get_sensor_info(entry->entPhysicalName, CAPI_SENSOR_INFO_ALL, &info) != 0) {
+        return;
+    }
+    // No sensor is ever given the discrete kind, so the discrete tables have no
+    // rows: meant.
+    if (component_type == CAPI_TYPE_SLOT_IDENTITY) {
+        KAV_TRACE_AS("read_static_data", KAVPLAT_ROOM, "kavdata::sensor", "%s:SLOTID\n",
+                     "read_static_data");
+        entry->sensorKind = SENSOR_KIND_NUMERIC;
+    } else if (info.sensor_class == CAPI_SENSOR_DISCRETE) {
+        read_binary_sensor(entry, info);
+    } else if (info.sensor_class == CAPI_SENSOR_THRESHOLD) {
+        read_numeric_sensor(entry, info);
+    }
+}
+
+void read_class(phys_entry *entry, uint32_t type)
+{
+    entry->entPhysicalClass =
+        type < class_of_type.size() ? class_of_type[type] : int32_t{PHYSICAL_CLASS_OTHER};
+    switch (entry->entPhysicalClass) {
+    case PHYSICAL_CLASS_CONTAINER:
+        if (entry->holderCol2) {
+            strlcpy(entry->holderCol2, "component", HOLDER_TEXT_SIZE);
+        }
+        break;
+    case PHYSICAL_CLASS_CHASSIS:
+        if (type == CAPI_TYPE_CHASSIS) {
+            KAV_TRACE_AS("read_static_data", KAVPLAT_ROOM, "kavdata::cache", "CHASSIS_TYPE\n");
+        }
+        KAV_TRACE_AS("read_static_data", KAVPLAT_ROOM, "kavdata::cache",
+                     "SYS_TYPE (unless prev line said CHASSIS)\n");
+        snmp_read_product_info(entry);
+        read_vantor_id(entry, vantor_id::product);
+        break;
+    case PHYSICAL_CLASS_UNKNOWN:
+        entry->equipmentCol4 = 1;
+        break;
+    default:
+        if (type == CAPI_TYPE_MIDPLANE) {
+            KAV_TRACE_AS("read_static_data", KAVPLAT_ROOM, "kavdata::cache", "MIDPLANE_TYPE\n");
+            add_chassis_info(entry);
+            read_vantor_id(entry, vantor_id::chassis);
+        }
+        break;
+    }
+}
+
+bool is_type(int (*ask)(uint32_t, int32_t *), uint32_t type)
+{
+    int32_t flag = 0;
+    return ask(type, &flag) == 0 && flag == 1;
+}
+
+// A drive bay knows from its presence sensor whether it is filled.
+bool holds_a_drive(const phys_entry &entry)
+{
+    constexpr char bay_prefix[] = "/SYS/HDD";
+    const char *name = entry.entPhysicalName;
+    if (entry.capiComponentType != CAPI_TYPE_DRIVE_BAY || !name ||
+        strncmp(name, bay_prefix, sizeof bay_prefix - 1) != 0 || strlen(name) >= 11) {
+        return false;
+    }
+    char sensor[32];
+    snprintf(sensor, sizeof sensor, "%s/PRSNT", name);
+    capi_sensor_record record = {};
+    return capi_get_sensor(0, sensor, &record) == 0 && record.raw_reading == 1 &&
+           record.reading_status == 0;
+}
+
+bool is_chassis_or_midplane(uint32_t type)
+{
+    return type == CAPI_TYPE_MIDPLANE || type == CAPI_TYPE_CHASSIS || type == CAPI_TYPE_SYSTEM;
+}
+
+} // namespace
+
+} // namespace kavplat
+
+void read_static_data(phys_entry *entry, uint32_t component_type)
+{
+    using namespace kavplat;
+
+    if (!entry) {
+        log_failure("read_static_data", "entry NULL");
+        return;
+    }
+    const char *text = nullptr;
+    if (capi_get_component_desc_str(component_type, &text) != 0 || !text) {
+        text = "";
+    }
+    strlcpy(entry->entPhysicalDescr, text, sizeof entry->entPhysicalDescr);
+    KAV_TRACE("kavdata::cache", "%s:init entPhysicalDescr:[%s]\n", "read_static_data",
+              entry->entPhysicalDescr);
+    if (is_type(capi_is_sensor_type, component_type)) {
+        read_sensor_nature(entry, component_type);
+    } else if (is_type(capi_is_indicator_type, component_type)) {
+        entry->entPhysicalClass = PHYSICAL_CLASS_OTHER;
+        entry->platPhysicalClass = 2;
+    } else {
+        read_class(entry, component_type);
+    }
+    KAV_TRACE("kavdata::cache", "capi type %4d -> entPhysClass %d: %s\n",
+              static_cast<int>(component_type), entry->entPhysicalClass, entry->entPhysicalDescr);
+}
+
+void get_static_fields(phys_entry *entry)
+{
+    using namespace kavplat;
+
+    if (!entry) {
+        log_failure("get_static_fields", "entry NULL");
+        return;
+    }
+    const uint32_t type = entry->capiComponentType;
+    const bool has_fru_info = has(*entry, CAPI_CAP_FRU_INFO_BYTE, CAPI_CAP_FRU_INFO);
+    if (has_fru_info || has(*entry, CAPI_CAP_HOT_PLUGGABLE_BYTE, CAPI_CAP_HOT_PLUGGABLE)) {
+        entry->entPhysicalIsFRU = TRUTH_TRUE;
+        if (has_fru_info && !is_chassis_or_midplane(type)) {
+            snmp_read_fru(entry);
+        }
+        entry->circuitPackValue1 = 1;
+    }
+    if (has(*entry, CAPI_CAP_STATEFUL_BYTE, CAPI_CAP_STATEFUL) ||
+        has(*entry, CAPI_CAP_POWER_BYTE,
+            CAPI_CAP_POWER_READABLE | CAPI_CAP_POWER_CONTROLLABLE | CAPI_CAP_POWER_STANDBY)) {
+        entry->equipmentCol2 = 2;
+    }
+    if (has(*entry, CAPI_CAP_HOLDER_BYTE, CAPI_CAP_HOLDER)) {
+        entry->holderCol1 = type == CAPI_TYPE_CHASSIS || type == CAPI_TYPE_SYSTEM ? 5 : 4;
+        entry->holderCol3 = holds_a_drive(*entry) ? 1 : 2;
+    }
+    if (has(*entry, CAPI_CAP_FIELD_REPLACEABLE_BYTE, CAPI_CAP_FIELD_REPLACEABLE)) {
+        entry->circuitPackValue1 = 1;
+    }
+    if (has(*entry, CAPI_CAP_POWER_BYTE, CAPI_CAP_POWER_READABLE | CAPI_CAP_POWER_CONTROLLABLE) ||
+        has(*entry, CAPI_CAP_RESETTABLE_BYTE, CAPI_CAP_RESETTABLE)) {
+        entry->circuitPackValue2 = 1;
+        entry->circuitPackValue1 = 1;
+    }
+}
+
+int snmp_read_product_info(phys_entry *entry)
+{
+    using namespace kavplat;
+
+    if (!entry) {
+        log_failure("snmp_read_product_info", "entry NULL");
+        return -1;
+    }
+    if (!entry->entPhysicalName) {
+        log_failure("snmp_read_product_info", "entPhysicalName NULL");
+        return -1;
+    }
+    capi_product_record record = {};
+    if (capi_get_product_ops_info(0, &record) != 0) {
+        log_failure("snmp_read_product_info", "capi_get_product_ops_info");
+        return -1;
+    }
+    terminate(record.serial);
+    terminate(record.model);
+    terminate(record.description);
+    replaceString(&entry->entPhysicalSerialNum, record.serial, short_text);
+    replaceString(&entry->entPhysicalModelName, record.model, long_text);
+    replaceString(&entry->entPhysicalMfgName, manufacturer, long_text);
+    strlcpy(entry->entPhysicalDescr, record.description, sizeof entry->entPhysicalDescr);
+    read_firmware_revision(&entry->entPhysicalFirmwareRev);
+    if (has(*entry, CAPI_CAP_FRU_INFO_BYTE, CAPI_CAP_FRU_INFO)) {
+        capi_fru_record fru = {};
+        if (capi_get_fru_info(entry->entPhysicalName, &fru) == 0) {
+            terminate(fru.alias);
+            replaceString(&entry->entPhysicalAlias, fru.alias, short_text);
+        }
+    }
+    return 0;
+}
+
+int snmp_read_fru(phys_entry *entry)
+{
+    using namespace kavplat;
+
+    if (!entry) {
+        log_failure("snmp_read_fru", "entry NULL");
+        return -1;
+    }
+    if (!entry->entPhysicalName) {
+        log_failure("snmp_read_fru", "entry->entPhysicalName NULL");
+        return -1;
+    }
+    KAV_TRACE("kavdata::fruid", "%s:entPhysicalName:[%s]\n", "snmp_read_fru",
+              entry->entPhysicalName);
+    capi_fru_record fru = {};
+    if (capi_get_fru_info(entry->entPhysicalName, &fru) != 0) {
+        snmp_log(LOG_ERR, "%s:FAILED:%s %s\n", "snmp_read_fru",
+                 "capi_get_fru_info for entPhysicalName", entry->entPhysicalName);
+        return -1;
+    }
+    terminate(fru.model);
+    terminate(fru.manufacturer);
+    terminate(fru.serial);
+    terminate(fru.alias);
+    terminate(fru.software_revision);
+    replaceString(&entry->entPhysicalModelName, fru.model, long_text);
+    replaceString(&entry->entPhysicalMfgName, fru.manufacturer, long_text);
+    replaceString(&entry->entPhysicalSerialNum, fru.serial, short_text);
+    replaceString(&entry->entPhysicalAlias, fru.alias, short_text);
+    replaceString(&entry->entPhysicalSoftwareRev, fru.software_revision, long_text);
+    return 0;
+}
+
+void add_chassis_info(phys_entry *entry)
+{
+    using namespace kavplat;
+
+    if (!entry) {
+        log_failure("add_chassis_info", "entry NULL");
+        return;
+    }
+    capi_chassis_record record = {};
+    if (capi_get_chassis_ops_info(&record) != 0) {
+        log_failure("add_chassis_info", "capi_get_chassis_ops_info");
+        return;
+    }
+    terminate(record.description);
+    terminate(record.model);
+    terminate(record.serial);
+    terminate(record.manufacturer);
+    strlcpy(entry->entPhysicalDescr, record.description, sizeof entry->entPhysicalDescr);
+    replaceString(&entry->entPhysicalModelName, record.model, long_text);
+    replaceString(&entry->entPhysicalSerialNum, record.serial, short_text);
+    replaceString(&entry->entPhysicalMfgName, record.manufacturer, long_text);
+}

@@ -1,0 +1,22 @@
+#include "kavdata/cache.h"
+#include "trace/trace.h"
+
+// The up-time stands in an agent header; nothing else of the agent is used here.
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/snmp_agent.h>
+
+namespace kavplat
+{
+
+uint32_t agent_uptime()
+{
+    return static_cast<uint32_t>(netsnmp_get_agent_uptime());
+}
+
+void log_failure(const char *function, const char *cause)
+{
+    snmp_log(LOG_ERR, "%s:FAILED:%s\n", function, cause);
+}
+
+} // namespace kavplat

@@ -1,0 +1,55 @@
+// The agent's log and debug facility, as every room uses them.
+//
+// KAV_TRACE prints while agent debugging is on, and costs one test while it is
+// off: first, under the token "trace", which function of which room speaks, then
+// the message under its own token. The room is KAVPLAT_ROOM, which the build
+// gives each room: a bare name, so that the output does not depend on where the
+// sources were built.
+#ifndef KAVPLAT_TRACE_TRACE_H
+#define KAVPLAT_TRACE_TRACE_H
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/library/snmp_debug.h>
+#include <net-snmp/library/snmp_logging.h>
+
+#include <cstdint>
+
+#define KAV_TRACE(token, ...) KAV_TRACE_AS(__func__, KAVPLAT_ROOM, token, __VA_ARGS__)
+
+// For a mechanism that speaks for another function or room.
+#ifdef KAVPLAT_NO_TRACES
+#define KAV_TRACE_AS(function, source, token, ...)                                                 \
+    do {                                                                                           \
+    } while (0)
+#else
+#define KAV_TRACE_AS(function, source, token, ...)                                                 \
+    do {                                                                                           \
+        if (snmp_get_do_debugging()) {                                                             \
+            debugmsgtoken("trace", "%s(): %s, %d:\n", function, source, __LINE__);                 \
+            debugmsg("trace", "%s(): %s, %d:\n", function, source, __LINE__);                      \
+            debugmsgtoken(token, __VA_ARGS__);                                                     \
+            debugmsg(token, __VA_ARGS__);                                                          \
+        }                                                                                          \
+    } while (0)
+#endif
+
+namespace kavplat
+{
+
+// Texts that may be absent print as "NULL".
+inline const char *printable(const char *text)
+{
+    return text ? text : "NULL";
+}
+
+// The trace formats print addresses as 32-bit hexadecimal numbers; on a 64-bit
+// host that is the address's lower half, enough to tell two rows apart.
+inline unsigned printable(const volatile void *address)
+{
+    return static_cast<unsigned>(reinterpret_cast<uintptr_t>(address));
+}
+
+} // namespace kavplat
+
+#endif
