@@ -168,8 +168,8 @@ int make_root_nacname(int timeout_seconds)
         capi_inventory_record *list = nullptr;
         if (capi_get_inventory("/", CAPI_INVENTORY_ROOT, &count, &list) == 0) {
             // The first record is "/" itself, the second the root component.
-            const bool named = count > 1 && list && list[1].nac_name &&
-                               list[1].nac_name_length != 0;
+            const bool named =
+                count > 1 && list && list[1].nac_name && list[1].nac_name_length != 0;
             if (named) {
                 strlcpy(root_nac, list[1].nac_name, 255);
             }
@@ -312,10 +312,9 @@ void get_parentRelPos(const phys_entry *entry, int32_t *result)
     KAV_TRACE("kavdata::relpos", "%s:numeric suffix=%s\n", "get_parentRelPos", suffix);
     const int matched = *suffix ? 1 : 0;
     // A suffix that does not fit stops at the last number that does.
-    const int number =
-        matched ? static_cast<int>(std::min<unsigned long long>(strtoull(suffix, nullptr, 10),
-                                                                INT_MAX - 1))
-                : -1;
+    const int number = matched ? static_cast<int>(std::min<unsigned long long>(
+                                     strtoull(suffix, nullptr, 10), INT_MAX - 1))
+                               : -1;
     KAV_TRACE("kavdata::relpos", "%s:matched=%d,num=%d\n", "get_parentRelPos", matched, number);
     if (matched) {
         // P0 is the first.

@@ -63,8 +63,9 @@ bool grow(const char *caller, uint32_t added)
     cache_valid = 0;
     const bool replaced = size <= UINT32_MAX && replace_slots(static_cast<uint32_t>(size));
     localCacheSize = static_cast<uint32_t>(size);
-    KAV_TRACE_AS(caller, KAVPLAT_ROOM, "kavdata::cache", "%s:physicalTable=0x%08x, localCacheSize=%u\n",
-                 caller, printable(replaced ? physicalTable : nullptr), localCacheSize);
+    KAV_TRACE_AS(caller, KAVPLAT_ROOM, "kavdata::cache",
+                 "%s:physicalTable=0x%08x, localCacheSize=%u\n", caller,
+                 printable(replaced ? physicalTable : nullptr), localCacheSize);
     if (!replaced) {
         snmp_log(LOG_ERR, "%s:realloc FAILED\n", caller);
         drop_cache();

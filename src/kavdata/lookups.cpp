@@ -108,8 +108,7 @@ phys_entry *getnext_entry_by_ent_class(uint32_t index, int32_t physical_class)
 
 uint32_t kav_plat_mib_find_by_nac(const char *nac)
 {
-    KAV_TRACE("kavdata::hash", "%s:nac=%s\n", "kav_plat_mib_find_by_nac",
-              kavplat::printable(nac));
+    KAV_TRACE("kavdata::hash", "%s:nac=%s\n", "kav_plat_mib_find_by_nac", kavplat::printable(nac));
     if (!nac) {
         kavplat::log_failure("kav_plat_mib_find_by_nac", "nac NULL");
         return 0;

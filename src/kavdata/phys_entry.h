@@ -58,9 +58,9 @@ typedef struct phys_entry {
     /* ENTITY-MIB entPhysicalTable */
     uint32_t entPhysicalIndex; /* this entry's slot in physicalTable, from 1 */
     char entPhysicalDescr[ENT_PHYSICAL_DESCR_SIZE];
-    oid entPhysicalVendorType[2];   /* always zeroDotZero */
-    int32_t entPhysicalContainedIn; /* index of the container, 0: none */
-    int32_t entPhysicalClass;       /* enum physical_class */
+    oid entPhysicalVendorType[2];    /* always zeroDotZero */
+    int32_t entPhysicalContainedIn;  /* index of the container, 0: none */
+    int32_t entPhysicalClass;        /* enum physical_class */
     int32_t entPhysicalParentRelPos; /* position among siblings, -1: unknown */
     char *entPhysicalName;           /* owned; the NAC name, also the key of htab */
     char *entPhysicalHardwareRev;    /* owned, may be null, as the seven below */
@@ -109,10 +109,10 @@ typedef struct phys_entry {
     /* kavPlatNumericSensorTable, named by storage position: each word serves the
      * column of its number, but for words 9, 10, 11 and 12, which serve columns
      * 10, 12, 9 and 11. */
-    int32_t numericSensorCol1;  /* base units */
-    int32_t numericSensorCol2;  /* exponent: 0 or -3 */
+    int32_t numericSensorCol1; /* base units */
+    int32_t numericSensorCol2; /* exponent: 0 or -3 */
     int32_t numericSensorCol3;
-    int32_t numericSensorCol4;  /* current reading */
+    int32_t numericSensorCol4; /* current reading */
     int32_t numericSensorCol5;
     int32_t numericSensorCol6;
     int32_t numericSensorCol7;

@@ -32,8 +32,8 @@ constexpr threshold thresholds[] = {
      CAPI_UPPER_NON_CRITICAL_VALID, 0x40},
     {&capi_sensor_record::lower_fatal, &phys_entry::numericSensorCol10, CAPI_LOWER_FATAL_VALID,
      0x08},
-    {&capi_sensor_record::lower_critical, &phys_entry::numericSensorCol9,
-     CAPI_LOWER_CRITICAL_VALID, 0x20},
+    {&capi_sensor_record::lower_critical, &phys_entry::numericSensorCol9, CAPI_LOWER_CRITICAL_VALID,
+     0x20},
     {&capi_sensor_record::lower_non_critical, &phys_entry::numericSensorCol8,
      CAPI_LOWER_NON_CRITICAL_VALID, 0x80},
 };
@@ -204,8 +204,7 @@ void reload_thresholds(const char *nac_name)
         return;
     }
     capi_sensor_record record = {};
-    const int status =
-        capi_get_sensor_info(entry->entPhysicalName, CAPI_SENSOR_INFO_ALL, &record);
+    const int status = capi_get_sensor_info(entry->entPhysicalName, CAPI_SENSOR_INFO_ALL, &record);
     KAV_TRACE("kavdata::sensor", "name=%s,status=%d,sensor_class/type:%u/%u\n",
               entry->entPhysicalName, status, static_cast<unsigned>(record.sensor_class),
               static_cast<unsigned>(record.sensor_type));

@@ -40,8 +40,8 @@ constexpr class_row class_rows[] = {
                                 138, 139, 152, 153, 154, 155, 156, 157, 159, 160, 163, 176}},
     {PHYSICAL_CLASS_CHASSIS, {2, 3}},
     {PHYSICAL_CLASS_BACKPLANE, {48, 158, 164}},
-    {PHYSICAL_CLASS_MODULE, {9,  10, 15, 29,  40,  47,  52,  83,  88,  89, 90,
-                             95, 98, 103, 115, 149, 161, 162, 165, 173, 174}},
+    {PHYSICAL_CLASS_MODULE,
+     {9, 10, 15, 29, 40, 47, 52, 83, 88, 89, 90, 95, 98, 103, 115, 149, 161, 162, 165, 173, 174}},
     {PHYSICAL_CLASS_POWER_SUPPLY, {4, 44, 45, 94}},
     {PHYSICAL_CLASS_FAN, {12, 13, 42, 43, 106, 107, 108}},
     {PHYSICAL_CLASS_UNKNOWN, {92, 99}}, // and type 0
@@ -137,19 +137,17 @@ struct binary_type_row {
 };
 
 constexpr binary_type_row binary_type_rows[] = {
-    {CAPI_SENSOR_PRESENCE, "%s:PRESENCE\n", 12},
-    {CAPI_SENSOR_VOLTAGE, "%s:VOLTAGE\n", 4},
-    {CAPI_SENSOR_TEMPERATURE, "%s:TEMPERATURE\n", 3},
-    {CAPI_SENSOR_CURRENT, "%s:CURRENT\n", 5},
+    {CAPI_SENSOR_PRESENCE, "%s:PRESENCE\n", 12},      {CAPI_SENSOR_VOLTAGE, "%s:VOLTAGE\n", 4},
+    {CAPI_SENSOR_TEMPERATURE, "%s:TEMPERATURE\n", 3}, {CAPI_SENSOR_CURRENT, "%s:CURRENT\n", 5},
     {CAPI_SENSOR_TACHOMETER, "%s:TACHOMETER\n", 6},
 };
 
 void read_binary_sensor(phys_entry *entry, const capi_sensor_record &info)
 {
     entry->sensorKind = SENSOR_KIND_BINARY;
-    const auto *row = std::find_if(
-        std::begin(binary_type_rows), std::end(binary_type_rows),
-        [&](const binary_type_row &r) { return r.sensor_type == info.sensor_type; });
+    const auto *row =
+        std::find_if(std::begin(binary_type_rows), std::end(binary_type_rows),
+                     [&](const binary_type_row &r) { return r.sensor_type == info.sensor_type; });
     const bool known = row != std::end(binary_type_rows);
     KAV_TRACE_AS("read_static_data", KAVPLAT_ROOM, "kavdata::sensor",
                  known ? row->trace : "%s:OTHER\n", "read_static_data");
