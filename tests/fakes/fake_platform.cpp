@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
+#include <span>
 #include <stdexcept>
 
 namespace
@@ -79,7 +79,7 @@ class entered
     int fail(int status, Output *output) const
     {
         if (world_.server.spoil_on_failure && output != nullptr) {
-            memset(static_cast<void *>(output), 0xA5, sizeof(Output));
+            std::ranges::fill(std::as_writable_bytes(std::span(output, 1)), std::byte{0xA5});
         }
         return status;
     }

@@ -302,10 +302,11 @@ bool eventually(const std::function<bool()> &condition, std::chrono::millisecond
 
 using namespace fake_system;
 
-extern "C" {
+// Visible, since the linker believes that the shared libraries of net-snmp ask
+// for them too; those keep calling the real functions.
+#pragma GCC visibility push(default)
 
-// With the exception specifications of the real ones left out, these are names
-// of our own; only the linker takes them for the calls.
+extern "C" {
 
 unsigned __wrap_sleep(unsigned seconds)
 {
@@ -436,3 +437,5 @@ unsigned __wrap_snmp_alarm_register(unsigned when, unsigned flags, SNMPAlarmCall
 }
 
 } // extern "C"
+
+#pragma GCC visibility pop
