@@ -57,13 +57,13 @@ enum { CAPI_SENSOR_INFO_ALL = -9 };
  * of 177 and more are class other(1).
  */
 enum capi_component_type {
-    CAPI_TYPE_CHASSIS = 2,      /* chassis(3): takes the product texts */
-    CAPI_TYPE_SYSTEM = 3,       /* chassis(3): takes the product texts */
-    CAPI_TYPE_DRIVE_BAY = 14,   /* container(5): "/SYS/HDD*" asks "<name>/PRSNT" */
+    CAPI_TYPE_CHASSIS = 2,            /* chassis(3): takes the product texts */
+    CAPI_TYPE_SYSTEM = 3,             /* chassis(3): takes the product texts */
+    CAPI_TYPE_DRIVE_BAY = 14,         /* container(5): "/SYS/HDD*" asks "<name>/PRSNT" */
     CAPI_TYPE_FAULT_SENSOR = 18,      /* a deviating state is a major alarm */
     CAPI_TYPE_PREDICTIVE_SENSOR = 19, /* a deviating state is a warning */
     CAPI_TYPE_SLOT_IDENTITY = 26,     /* a sensor whose reading is a slot number */
-    CAPI_TYPE_MIDPLANE = 59     /* other(1): takes the chassis texts */
+    CAPI_TYPE_MIDPLANE = 59           /* other(1): takes the chassis texts */
 };
 
 /*
@@ -71,23 +71,23 @@ enum capi_component_type {
  * capi_inventory_record.capabilities.
  */
 enum {
-    CAPI_CAP_STATEFUL_BYTE = 0,           /* reports an operational state */
+    CAPI_CAP_STATEFUL_BYTE = 0, /* reports an operational state */
     CAPI_CAP_STATEFUL = 0x04,
-    CAPI_CAP_FIELD_REPLACEABLE_BYTE = 2,  /* a FRU; ready-to-remove and power states readable */
+    CAPI_CAP_FIELD_REPLACEABLE_BYTE = 2, /* a FRU; ready-to-remove and power states readable */
     CAPI_CAP_FIELD_REPLACEABLE = 0x02,
-    CAPI_CAP_HOLDER_BYTE = 2,             /* holds replaceable components */
+    CAPI_CAP_HOLDER_BYTE = 2, /* holds replaceable components */
     CAPI_CAP_HOLDER = 0x08,
     CAPI_CAP_POWER_BYTE = 3,
-    CAPI_CAP_POWER_READABLE = 0x02,       /* power state readable */
-    CAPI_CAP_POWER_CONTROLLABLE = 0x04,   /* power state readable and settable */
-    CAPI_CAP_POWER_STANDBY = 0x08,        /* runs on standby power */
-    CAPI_CAP_FRU_INFO_BYTE = 4,           /* capi_get_fru_info answers; a FRU */
+    CAPI_CAP_POWER_READABLE = 0x02,     /* power state readable */
+    CAPI_CAP_POWER_CONTROLLABLE = 0x04, /* power state readable and settable */
+    CAPI_CAP_POWER_STANDBY = 0x08,      /* runs on standby power */
+    CAPI_CAP_FRU_INFO_BYTE = 4,         /* capi_get_fru_info answers; a FRU */
     CAPI_CAP_FRU_INFO = 0x02,
-    CAPI_CAP_HOT_PLUGGABLE_BYTE = 6,      /* may be changed while running; a FRU */
+    CAPI_CAP_HOT_PLUGGABLE_BYTE = 6, /* may be changed while running; a FRU */
     CAPI_CAP_HOT_PLUGGABLE = 0x02,
-    CAPI_CAP_ENABLE_STATE_BYTE = 7,       /* capi_get_enable_disable_state answers */
+    CAPI_CAP_ENABLE_STATE_BYTE = 7, /* capi_get_enable_disable_state answers */
     CAPI_CAP_ENABLE_STATE = 0x02,
-    CAPI_CAP_RESETTABLE_BYTE = 9,         /* can be reset on its own */
+    CAPI_CAP_RESETTABLE_BYTE = 9, /* can be reset on its own */
     CAPI_CAP_RESETTABLE = 0x01
 };
 
@@ -163,40 +163,40 @@ enum capi_enable_state { CAPI_DISABLED = 1, CAPI_ENABLED = 2 };
 
 /* One component of an inventory list. */
 struct capi_inventory_record {
-    const char *nac_name;      /* the platform's, valid until the list is released */
-    uint32_t nac_name_length;  /* strlen(nac_name); 0 means that the component has no name */
-    uint8_t capabilities[10];  /* CAPI_CAP_* */
+    const char *nac_name;     /* the platform's, valid until the list is released */
+    uint32_t nac_name_length; /* strlen(nac_name); 0 means that the component has no name */
+    uint8_t capabilities[10]; /* CAPI_CAP_* */
     uint8_t reserved[2];
-    uint32_t component_type;   /* enum capi_component_type, or any other type */
+    uint32_t component_type; /* enum capi_component_type, or any other type */
 };
 
 /* A sensor's reading and what is known of the sensor: 128 bytes. */
 struct capi_sensor_record {
-    char name[64];             /* the sensor's own name, bounded, NUL-terminated */
-    int32_t sensor_class;      /* enum capi_sensor_class */
-    int32_t sensor_type;       /* enum capi_sensor_type */
-    int32_t units;             /* enum capi_sensor_units, 0 when none fits */
-    float reading;             /* in units; 2.0 for the true state of a discrete sensor */
-    uint8_t raw_reading;       /* the reading as the device gives it. A numeric reading
-                                  that equals it is served as a whole number, any other
-                                  in thousandths. 1 on a presence sensor: present. */
+    char name[64];        /* the sensor's own name, bounded, NUL-terminated */
+    int32_t sensor_class; /* enum capi_sensor_class */
+    int32_t sensor_type;  /* enum capi_sensor_type */
+    int32_t units;        /* enum capi_sensor_units, 0 when none fits */
+    float reading;        /* in units; 2.0 for the true state of a discrete sensor */
+    uint8_t raw_reading;  /* the reading as the device gives it. A numeric reading
+                             that equals it is served as a whole number, any other
+                             in thousandths. 1 on a presence sensor: present. */
     uint8_t reserved1;
-    uint16_t reading_status;   /* CAPI_READING_VALID or CAPI_READING_INVALID */
-    float upper_fatal;         /* thresholds, in units */
+    uint16_t reading_status; /* CAPI_READING_VALID or CAPI_READING_INVALID */
+    float upper_fatal;       /* thresholds, in units */
     float upper_critical;
     float upper_non_critical;
     float lower_fatal;
     float lower_critical;
     float lower_non_critical;
-    uint16_t flags;            /* enum capi_sensor_flags */
+    uint16_t flags; /* enum capi_sensor_flags */
     uint16_t reserved2;
-    float state;               /* with CAPI_STATE_SEMANTICS: 1.0 is the failed state */
+    float state; /* with CAPI_STATE_SEMANTICS: 1.0 is the failed state */
     uint8_t reserved3[12];
 };
 
 /* An indicator (LED). */
 struct capi_indicator_record {
-    int32_t state;             /* enum capi_indicator_state */
+    int32_t state; /* enum capi_indicator_state */
     uint8_t reserved[252];
 };
 

@@ -47,8 +47,7 @@ typedef uint32_t event_mgr_handle;
 
 /* context is what was given with the callback. payload is valid during the
  * call only and may be null. */
-typedef void (*event_mgr_callback)(void *context, int event_class, int event,
-                                   const char *payload);
+typedef void (*event_mgr_callback)(void *context, int event_class, int event, const char *payload);
 
 #pragma GCC visibility push(default)
 
