@@ -80,10 +80,15 @@ struct records {
 
 constinit std::atomic_flag records_busy = ATOMIC_FLAG_INIT;
 
+records &all_records()
+{
+    static auto *all = new records;
+    return *all;
+}
+
 template <class Use>
 auto with_records(Use use)
 {
-    static auto *all = new records;
     struct hold {
         hold()
         {
@@ -95,7 +100,7 @@ auto with_records(Use use)
         hold(const hold &) = delete;
         hold &operator=(const hold &) = delete;
     } const held;
-    return use(*all);
+    return use(all_records());
 }
 
 constexpr unsigned never = std::numeric_limits<unsigned>::max();
