@@ -29,15 +29,16 @@ namespace kavplat
 
 // What a column serves for a row. How it gets into a varbind is not its concern.
 struct cell {
-    uint32_t number;   // integer, gauge
-    const void *bytes; // text, octets, object identifier
-    size_t length;     // of bytes
+    uint32_t number = 0;         // integer, gauge
+    const void *bytes = nullptr; // text, object identifier; octets when not null
+    size_t length = 0;           // of bytes or octets
+    u_char octets[4] = {};       // octets that are made on the spot
 };
 
 enum class cell_kind {
     integer,    // 32 bits, signed
     gauge,      // 32 bits, unsigned
-    text,       // octets up to a NUL; null serves the empty text
+    text,       // octets; null serves the empty text
     maybe_null, // a text that may be absent, see table::set_maybe_null
     octets,
     object_id
@@ -72,26 +73,32 @@ auto call(void *row)
     return Function(*static_cast<Row *>(row));
 }
 
+inline cell number_cell(uint32_t number)
+{
+    return {.number = number};
+}
+
 inline cell text_cell(const char *text)
 {
-    return {0, text, text ? strlen(text) : 0};
+    return {.bytes = text, .length = text ? strlen(text) : 0};
 }
 
 // A field may change on another thread while it is read.
 template <class T>
-uint32_t load(const T &field)
+T load(const T &field)
 {
-    static_assert(sizeof(T) == sizeof(uint32_t));
-    return static_cast<uint32_t>(__atomic_load_n(&field, __ATOMIC_RELAXED));
+    return __atomic_load_n(&field, __ATOMIC_RELAXED);
 }
 } // namespace detail
 
-// The value of a field of the row.
+// Columns that serve a field of the row.
+
 template <auto Member>
 constexpr column integer(int number, const char *name)
 {
     return {number, name, cell_kind::integer, [](void *row) {
-                return cell{detail::load(detail::field<Member>(row)), nullptr, 0};
+                const int32_t value = detail::load(detail::field<Member>(row));
+                return detail::number_cell(static_cast<uint32_t>(value));
             }};
 }
 
@@ -99,7 +106,7 @@ template <auto Member>
 constexpr column gauge(int number, const char *name)
 {
     return {number, name, cell_kind::gauge, [](void *row) {
-                return cell{detail::load(detail::field<Member>(row)), nullptr, 0};
+                return detail::number_cell(detail::load(detail::field<Member>(row)));
             }};
 }
 
@@ -117,13 +124,54 @@ constexpr column maybe_null_text(int number, const char *name)
             [](void *row) { return detail::text_cell(detail::field<Member>(row)); }};
 }
 
+// One byte, as an OCTET STRING of one octet.
+template <auto Member>
+constexpr column octet(int number, const char *name)
+{
+    return {number, name, cell_kind::octets, [](void *row) {
+                return cell{.length = 1, .octets = {detail::load(detail::field<Member>(row))}};
+            }};
+}
+
 template <auto Member>
 constexpr column object_id(int number, const char *name)
 {
     return {number, name, cell_kind::object_id, [](void *row) {
                 auto &field = detail::field<Member>(row);
-                return cell{0, field, sizeof field};
+                return cell{.bytes = field, .length = sizeof field};
             }};
+}
+
+// Columns that serve what a function of the row returns; it may refresh the row.
+
+template <auto Function>
+constexpr column integer_from(int number, const char *name)
+{
+    return {number, name, cell_kind::integer, [](void *row) {
+                const int32_t value = detail::call<Function>(row);
+                return detail::number_cell(static_cast<uint32_t>(value));
+            }};
+}
+
+template <auto Function>
+constexpr column text_from(int number, const char *name)
+{
+    return {number, name, cell_kind::text,
+            [](void *row) { return detail::text_cell(detail::call<Function>(row)); }};
+}
+
+template <auto Function>
+constexpr column octets_from(int number, const char *name)
+{
+    return {number, name, cell_kind::octets, [](void *row) { return detail::call<Function>(row); }};
+}
+
+// A column that is the same for every row.
+template <int32_t Value>
+constexpr column constant(int number, const char *name)
+{
+    return {number, name, cell_kind::integer,
+            [](void *) { return detail::number_cell(static_cast<uint32_t>(Value)); }};
 }
 
 // ---- Rows ----
@@ -136,23 +184,70 @@ struct row_rule {
 
 inline constexpr row_rule all_rows = {get_entry, getnext_entry};
 
-// Where a walk starts when its index varbind holds one that is not in the cache.
+template <int32_t Class>
+inline constexpr row_rule rows_of_class = {
+    [](uint32_t index) { return get_entry_by_ent_class(index, Class); },
+    [](uint32_t index) { return getnext_entry_by_ent_class(index, Class); },
+};
+
+namespace detail
+{
+phys_entry *scan_at(uint32_t index, bool (*is_row)(const phys_entry &));
+phys_entry *scan_after(uint32_t index, bool (*is_row)(const phys_entry &));
+} // namespace detail
+
+// A scan of the table's own, without the traces of the lookups.
+template <bool (*IsRow)(const phys_entry &)>
+inline constexpr row_rule rows_where = {
+    [](uint32_t index) { return detail::scan_at(index, IsRow); },
+    [](uint32_t index) { return detail::scan_after(index, IsRow); },
+};
+
+// Rows of a second index: each entity that the row rule finds has the states 1 to
+// state_count of its set, and it is the state that columns read. The agent serves
+// one request at a time, so one cursor serves all walks of a table.
+struct state_cursor {
+    uint32_t entity;
+    uint32_t state;
+    uint32_t set;
+    uint32_t state_count;
+};
+
+struct state_rule {
+    state_cursor *cursor;
+    uint32_t state_count;
+    uint32_t (*set_of)(const phys_entry &entity);
+    const void *(*state)(uint32_t set, uint32_t number);
+};
+
+// Where a walk starts when its index varbind holds an index out of range.
 enum class start_rule {
     first_from_maximum, // the maximum itself starts at 1 already
     first_above_maximum // the maximum is kept
 };
 
-enum class index_trace {
+// Which callbacks look first whether the cache is empty. One that does leaves the
+// index varbind alone then; one that does not comes to the end of its scan.
+enum class empty_rule { both, next_only, neither };
+
+enum class walk_trace {
     none,
-    index // "%s: idx=%ld\n" in either callback
+    index,        // "%s: idx=%ld\n" at every step
+    dump_steps,   // the index dump at every step, with a row or without
+    dump_rows,    // the index dump of every row
+    dump_next_row // the same, in get-next only
 };
 
-// What a handler answers in modes other than GET.
+// What a handler does in modes other than GET.
 enum class mode_rule {
-    refuse_all // SET and unknown modes: notWritable on every request
+    refuse_each,    // SET: notWritable, on each request that has a row; other
+                    // modes: logged, genErr
+    refuse_all,     // SET and, logged, other modes: notWritable on every request
+    ignore,         // nothing, under the lock
+    ignore_unlocked // nothing, without taking the lock
 };
 
-enum class memory_failure { assertion };
+enum class memory_failure { assertion, logged };
 
 // ---- Tables ----
 
@@ -162,20 +257,28 @@ struct table {
     std::span<const oid> root;
     std::span<const column> columns; // in ascending order without a gap
     row_rule rows;
-    start_rule start;
-    index_trace trace;
-    mode_rule modes;
-    const char *unsupported_mode; // logged with the handler's name and the mode
-    memory_failure on_memory_failure;
+    const state_rule *states = nullptr;
+    start_rule start = start_rule::first_above_maximum;
+    empty_rule empty = empty_rule::both;
+    walk_trace trace = walk_trace::none;
+    mode_rule modes = mode_rule::refuse_each;
+    // Logged with the handler's name and the mode.
+    const char *unsupported_mode = "%s:unsupported mode (%d)\n";
+    memory_failure on_memory_failure = memory_failure::logged;
+    // Called for a request with what the walk left for it, null without a row.
+    void (*on_request)(const void *row) = nullptr;
+    // Called for a request that has a row, before its mode and column are looked at.
+    void (*before_serving)(const char *handler, phys_entry &entry) = nullptr;
     // Sets an OCTET STRING that may be absent; only for maybe_null columns.
-    void (*set_maybe_null)(netsnmp_variable_list *var, const char *text);
+    void (*set_maybe_null)(netsnmp_variable_list *var, const char *text) = nullptr;
     // The exported forwarders.
     Netsnmp_First_Data_Point *get_first;
     Netsnmp_Next_Data_Point *get_next;
     Netsnmp_Node_Handler *handler;
 };
 
-// Registers a table with the agent, read-only. The result is the agent's.
+// Registers a table with the agent, read-only. The result is the agent's, or
+// SNMPERR_GENERR when there was no memory.
 int register_table(const table &t);
 
 netsnmp_variable_list *table_get_first(const table &t, void **loop_context, void **data_context,
