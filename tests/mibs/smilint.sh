@@ -1,0 +1,76 @@
+#!/bin/bash
+# Checks our MIB modules with smilint, at the level that reports all but style.
+# usage: smilint.sh SOURCE_DIR BUILD_DIR
+#
+# The base modules of SMIv2 come from an npm package: Debian has none, and the
+# extracts in mibs/compact leave out the macros that smilint wants to see.
+set -euo pipefail
+
+if [[ $# -ne 2 ]]; then
+    echo "usage: ${0##*/} SOURCE_DIR BUILD_DIR" >&2
+    exit 2
+fi
+source_dir=$(realpath -- "$1")
+mkdir -p -- "$2"
+build_dir=$(realpath -- "$2")
+
+need() {
+    if ! command -v "$1" >/dev/null; then
+        echo "$1 was not found: install $2" >&2
+        exit 1
+    fi
+}
+need smilint smitools
+need npm npm
+
+# A folder of node modules is left half made when npm is stopped; the copy of
+# the lock file is put beside it only when npm is done.
+packages=$build_dir/smilint-packages
+lock=$source_dir/tests/mibs/package-lock.json
+if ! cmp -s -- "$lock" "$packages/installed-lock.json"; then
+    rm -rf -- "$packages"
+    mkdir -p -- "$packages"
+    cp -- "$source_dir/tests/mibs/package.json" "$lock" "$packages/"
+    (cd "$packages" && npm ci --no-audit --no-fund --ignore-scripts)
+    cp -- "$lock" "$packages/installed-lock.json"
+fi
+
+# smilint takes a module from wherever it finds one of that name, so it gets one
+# directory that has each of them once.
+modules=$build_dir/smilint-modules
+rm -rf -- "$modules"
+mkdir -p -- "$modules"
+base=$packages/node_modules/net-snmp/lib/mibs
+cp -- "$base"/SNMPv2-{SMI,TC,CONF}.mib "$modules/"
+cp -- "$source_dir"/mibs/KAV-PLATFORM-MIB.txt \
+    "$source_dir"/mibs/compact/{ENTITY-MIB,SNMP-FRAMEWORK-MIB}.txt "$modules/"
+: >"$modules/smi.conf"
+
+# Prints what smilint has to say; its exit status tells nothing of warnings.
+# A date in the future is one by this machine's clock, which proves nothing.
+lint() {
+    SMIPATH=$modules smilint -c "$modules/smi.conf" -l 6 -s -m -i date-in-future "$1" 2>&1
+}
+
+failed=0
+for module in KAV-PLATFORM-MIB ENTITY-MIB; do
+    findings=$(lint "$modules/$module.txt") || failed=1
+    if [[ -n $findings ]]; then
+        printf '%s\n' "$findings"
+        failed=1
+    else
+        echo "$module: nothing to report"
+    fi
+done
+
+# Silence proves something only if smilint would have spoken: an object that is
+# in no group is the least that it must find.
+broken=$modules/broken
+mkdir -p -- "$broken"
+sed 's/OBJECTS     { kavPlatBatteryKind }/OBJECTS     { kavPlatFanKind }/' \
+    "$modules/KAV-PLATFORM-MIB.txt" >"$broken/KAV-PLATFORM-MIB.txt"
+if [[ $(lint "$broken/KAV-PLATFORM-MIB.txt") != *kavPlatBatteryKind* ]]; then
+    echo "smilint did not find the object that was taken out of its group" >&2
+    failed=1
+fi
+exit "$failed"
