@@ -179,7 +179,8 @@ struct capi_sensor_record {
     float reading;        /* in units; 2.0 for the true state of a discrete sensor */
     uint8_t raw_reading;  /* the reading as the device gives it. A numeric reading
                              that equals it is served as a whole number, any other
-                             in thousandths. 1 on a presence sensor: present. */
+                             in thousandths. Of a discrete sensor its state:
+                             1 deasserted (absent), 2 asserted (present). */
     uint8_t reserved1;
     uint16_t reading_status; /* CAPI_READING_VALID or CAPI_READING_INVALID */
     float upper_fatal;       /* thresholds, in units */

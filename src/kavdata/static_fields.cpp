@@ -232,8 +232,9 @@ bool is_type(int (*ask)(uint32_t, int32_t *), uint32_t type)
     return ask(type, &flag) == 0 && flag == 1;
 }
 
-// A drive bay knows from its presence sensor whether it is filled.
-bool holds_a_drive(const phys_entry &entry)
+// A drive bay knows from its presence sensor, in its deasserted state, that it is
+// empty.
+bool is_empty_drive_bay(const phys_entry &entry)
 {
     constexpr char bay_prefix[] = "/SYS/HDD";
     const char *name = entry.entPhysicalName;
@@ -308,7 +309,7 @@ void get_static_fields(phys_entry *entry)
     }
     if (has(*entry, CAPI_CAP_HOLDER_BYTE, CAPI_CAP_HOLDER)) {
         entry->holderCol1 = type == CAPI_TYPE_CHASSIS || type == CAPI_TYPE_SYSTEM ? 5 : 4;
-        entry->holderCol3 = holds_a_drive(*entry) ? 1 : 2;
+        entry->holderCol3 = is_empty_drive_bay(*entry) ? 1 : 2;
     }
     if (has(*entry, CAPI_CAP_FIELD_REPLACEABLE_BYTE, CAPI_CAP_FIELD_REPLACEABLE)) {
         entry->circuitPackValue1 = 1;

@@ -13,18 +13,13 @@
 namespace kavplat
 {
 
+function_name::function_name(const char *prefix, const table &t, const char *suffix)
+{
+    snprintf(text, sizeof text, "%s%s%s", prefix, t.name, suffix);
+}
+
 namespace
 {
-
-// "entPhysicalTable_handler" and the like, for messages only.
-struct function_name {
-    char text[96];
-
-    function_name(const char *prefix, const table &t, const char *suffix)
-    {
-        snprintf(text, sizeof text, "%s%s%s", prefix, t.name, suffix);
-    }
-};
 
 // The cache lock for a handler's call. At its end no row is outstanding.
 class request_lock
@@ -199,7 +194,7 @@ int handle_each(const table &t, netsnmp_agent_request_info *reqinfo, netsnmp_req
         return SNMP_ERR_NOERROR;
     }
     if (t.before_serving) {
-        t.before_serving(function_name("", t, "_handler").text, *static_cast<phys_entry *>(row));
+        t.before_serving(t, *static_cast<phys_entry *>(row));
     }
     if (is_set_mode(reqinfo->mode)) {
         netsnmp_set_request_error(reqinfo, request, SNMP_ERR_NOTWRITABLE);
@@ -313,6 +308,9 @@ netsnmp_variable_list *table_get_next(const table &t, void **loop_context, void 
 int table_handle(const table &t, netsnmp_agent_request_info *reqinfo,
                  netsnmp_request_info *requests)
 {
+    if (t.on_call) {
+        t.on_call(reqinfo->mode);
+    }
     const bool is_get = reqinfo->mode == MODE_GET;
     if (t.modes == mode_rule::ignore_unlocked && !is_get) {
         return SNMP_ERR_NOERROR;

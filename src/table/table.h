@@ -21,6 +21,7 @@
 
 #include <cstring>
 #include <span>
+#include <type_traits>
 
 namespace kavplat
 {
@@ -64,12 +65,12 @@ auto &field(void *row)
 }
 
 template <class Row, class Result>
-Row argument_of(Result (*)(Row &));
+std::type_identity<Row> argument_of(Result (*)(Row &)); // keeps its const
 
 template <auto Function>
 auto call(void *row)
 {
-    using Row = decltype(argument_of(Function));
+    using Row = typename decltype(argument_of(Function))::type;
     return Function(*static_cast<Row *>(row));
 }
 
@@ -265,16 +266,26 @@ struct table {
     // Logged with the handler's name and the mode.
     const char *unsupported_mode = "%s:unsupported mode (%d)\n";
     memory_failure on_memory_failure = memory_failure::logged;
+    // Called first, before the lock is taken.
+    void (*on_call)(int mode) = nullptr;
     // Called for a request with what the walk left for it, null without a row.
     void (*on_request)(const void *row) = nullptr;
     // Called for a request that has a row, before its mode and column are looked at.
-    void (*before_serving)(const char *handler, phys_entry &entry) = nullptr;
+    void (*before_serving)(const table &t, phys_entry &entry) = nullptr;
     // Sets an OCTET STRING that may be absent; only for maybe_null columns.
     void (*set_maybe_null)(netsnmp_variable_list *var, const char *text) = nullptr;
     // The exported forwarders.
     Netsnmp_First_Data_Point *get_first;
     Netsnmp_Next_Data_Point *get_next;
     Netsnmp_Node_Handler *handler;
+};
+
+// The name of one of a table's functions, such as "kavPlatFanTable_handler", for
+// messages.
+struct function_name {
+    char text[96];
+
+    function_name(const char *prefix, const table &t, const char *suffix);
 };
 
 // Registers a table with the agent, read-only. The result is the agent's, or

@@ -1,0 +1,60 @@
+// What can hold a component, and whether it does.
+#include "kavPlatMIB/platform_table.h"
+
+namespace kavplat
+{
+
+namespace
+{
+
+// As the MIB numbers them.
+enum { POWER_OTHER = 1, POWER_UNKNOWN = 2, POWER_ON = 3, POWER_OFF = 4 };
+
+int32_t power_state(phys_entry &entry)
+{
+    int32_t state = 0;
+    if ((entry.capiCaps[CAPI_CAP_POWER_BYTE] &
+         (CAPI_CAP_POWER_READABLE | CAPI_CAP_POWER_CONTROLLABLE)) &&
+        capi_get_power_state(0, entry.entPhysicalName, &state) == 0) {
+        switch (state) {
+        case CAPI_POWER_OFF:
+            entry.holderCol4 = POWER_OFF;
+            break;
+        case CAPI_POWER_ON:
+            entry.holderCol4 = POWER_ON;
+            break;
+        case CAPI_POWER_STANDBY:
+        case CAPI_POWER_SHUTTING_DOWN:
+            entry.holderCol4 = POWER_OTHER;
+            break;
+        default:
+            entry.holderCol4 = POWER_UNKNOWN;
+            break;
+        }
+    }
+    return entry.holderCol4;
+}
+
+constexpr column columns[] = {
+    integer<&phys_entry::holderCol1>(1, "kavPlatHolderType"),
+    text<&phys_entry::holderCol2>(2, "kavPlatHolderAccepts"),
+    integer<&phys_entry::holderCol3>(3, "kavPlatHolderOccupancy"),
+    integer_from<power_state>(4, "kavPlatHolderPowerState"),
+};
+
+} // namespace
+
+constinit const table kavPlatEquipmentHolderTable = {
+    .name = "kavPlatEquipmentHolderTable",
+    .source = KAVPLAT_ROOM,
+    .root = platform_oid<3>,
+    .columns = columns,
+    .rows = rows_of_class<PHYSICAL_CLASS_CONTAINER>,
+    .get_first = kavPlatEquipmentHolderTable_get_first_data_point,
+    .get_next = kavPlatEquipmentHolderTable_get_next_data_point,
+    .handler = kavPlatEquipmentHolderTable_handler,
+};
+
+} // namespace kavplat
+
+KAV_PLAT_DEFINE_TABLE(kavPlatEquipmentHolderTable)

@@ -1,0 +1,148 @@
+#include "kavPlatMIB/kavPlatMIB.h"
+
+#include "kavdata/build_info.h"
+#include "kavPlatMIB/platform_table.h"
+#include "trace/trace.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/resource.h>
+
+namespace kavplat
+{
+
+namespace
+{
+
+constexpr rlim_t core_file_limit = 10485760; // 10 MiB
+
+constexpr size_t date_and_time_size = 8;
+unsigned char start_time[date_and_time_size];
+
+// Kept for whoever looks at a core file; nothing prints them.
+constexpr size_t banner_size = 100;
+char *banner_number;
+char *banner_date;
+char *banner_user;
+
+// In the order in which they are registered. The watchdog table is not among
+// them: meant.
+constexpr struct {
+    int (*initialize)(void);
+    void (*deinitialize)(void);
+} tables[] = {
+    {initialize_table_kavPlatEquipmentTable, deinitialize_table_kavPlatEquipmentTable},
+    {initialize_table_kavPlatPowerSupplyTable, deinitialize_table_kavPlatPowerSupplyTable},
+    {initialize_table_kavPlatAlarmTable, deinitialize_table_kavPlatAlarmTable},
+    {initialize_table_kavPlatPhysicalTable, deinitialize_table_kavPlatPhysicalTable},
+    {initialize_table_kavPlatEquipmentHolderTable, deinitialize_table_kavPlatEquipmentHolderTable},
+    {initialize_table_kavPlatCircuitPackTable, deinitialize_table_kavPlatCircuitPackTable},
+    {initialize_table_kavPlatFanTable, deinitialize_table_kavPlatFanTable},
+    {initialize_table_kavPlatBatteryTable, deinitialize_table_kavPlatBatteryTable},
+    {initialize_table_kavPlatSensorTable, deinitialize_table_kavPlatSensorTable},
+    {initialize_table_kavPlatBinarySensorTable, deinitialize_table_kavPlatBinarySensorTable},
+    {initialize_table_kavPlatNumericSensorTable, deinitialize_table_kavPlatNumericSensorTable},
+    {initialize_table_kavPlatDiscreteSensorTable, deinitialize_table_kavPlatDiscreteSensorTable},
+    {initialize_table_kavPlatDiscreteSensorStatesTable,
+     deinitialize_table_kavPlatDiscreteSensorStatesTable},
+};
+
+void note_start_time()
+{
+    const time_t now = time(nullptr);
+    struct tm utc = {};
+    gmtime_r(&now, &utc);
+    convert_tmToDateAndTime(&utc, start_time);
+}
+
+void limit_core_files()
+{
+    const rlimit limit = {core_file_limit, core_file_limit};
+    if (setrlimit(RLIMIT_CORE, &limit) != 0) {
+        printf("setrlimit failed: error %s\n", strerror(errno));
+    }
+}
+
+char *make_banner(const char *format, const char *value)
+{
+    auto *banner = static_cast<char *>(malloc(banner_size));
+    if (banner) {
+        snprintf(banner, banner_size, format, value);
+    }
+    return banner;
+}
+
+} // namespace
+
+void trace_failed_read(const table &t, const phys_entry &entry)
+{
+    if (snmp_get_do_debugging()) {
+        const function_name handler("", t, "_handler");
+        KAV_TRACE_AS(handler.text, t.source, "kavdata::sensor",
+                     "%s:snmp_read_sensor failed, skipping: %s\n", handler.text,
+                     printable(entry.entPhysicalName));
+    }
+}
+
+} // namespace kavplat
+
+void init_kavPlatMIB(void)
+{
+    using namespace kavplat;
+
+    note_start_time();
+    limit_core_files();
+    banner_number = make_banner(" BUILD_NUMBER is %s ", build_number);
+    banner_date = make_banner(" BUILD_DATE is %s ", build_date);
+    banner_user = make_banner(" BUILD_USER is %s ", build_user);
+    netsnmp_register_scalar(netsnmp_create_handler_registration(
+        "kavPlatStartTime", handle_kavPlatStartTime, platform_oid<1>, OID_LENGTH(platform_oid<1>),
+        HANDLER_CAN_RONLY));
+    for (const auto &table : tables) {
+        table.initialize();
+    }
+}
+
+void deinit_kavPlatMIB(void)
+{
+    for (const auto &table : kavplat::tables) {
+        table.deinitialize();
+    }
+}
+
+int handle_kavPlatStartTime(netsnmp_mib_handler *, netsnmp_handler_registration *,
+                            netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)
+{
+    if (reqinfo->mode != MODE_GET) {
+        return SNMP_ERR_GENERR;
+    }
+    if (requests) {
+        snmp_set_var_typed_value(requests->requestvb, ASN_OCTET_STR, GetDateAndTime(),
+                                 GetDateAndTimeLen());
+    }
+    return SNMP_ERR_NOERROR;
+}
+
+unsigned char *GetDateAndTime(void)
+{
+    return kavplat::start_time;
+}
+
+size_t GetDateAndTimeLen(void)
+{
+    return sizeof kavplat::start_time;
+}
+
+void convert_tmToDateAndTime(const struct tm *tm, unsigned char *out)
+{
+    const int year = tm->tm_year + 1900;
+    const int octets[kavplat::date_and_time_size] = {
+        year >> 8, year, tm->tm_mon + 1, tm->tm_mday, tm->tm_hour, tm->tm_min, tm->tm_sec,
+        0, // deci-seconds are not known
+    };
+    for (const int octet : octets) {
+        *out++ = static_cast<unsigned char>(octet);
+    }
+}
