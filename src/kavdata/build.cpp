@@ -36,7 +36,11 @@ void wait_for_inventory()
 
 char *allocate_text(size_t size)
 {
-    return static_cast<char *>(calloc(1, size));
+    auto *text = static_cast<char *>(calloc(1, size));
+    if (!text) {
+        log_failure("build_phys_entry", "no memory for a text");
+    }
+    return text;
 }
 
 void set_entity_defaults(phys_entry *entry, const capi_inventory_record &record)
