@@ -151,9 +151,11 @@ bool append_row(const char *caller, uint32_t index, const capi_inventory_record 
     }
     entry->entPhysicalName = name;
     if (origin == row_origin::first_build) {
-        KAV_TRACE("kavdata::cache", "%s:entPhysicalName:[%s]\n", caller, name);
+        KAV_TRACE_AS(caller, KAVPLAT_ROOM, "kavdata::cache", "%s:entPhysicalName:[%s]\n", caller,
+                     name);
     }
-    KAV_TRACE("kavdata::cache", "%s:hashtable_insert %s at %u\n", caller, name, index);
+    KAV_TRACE_AS(caller, KAVPLAT_ROOM, "kavdata::cache", "%s:hashtable_insert %s at %u\n", caller,
+                 name, index);
     if (!insert_name(entry)) {
         log_failure(caller, "no memory for a name, it can not be found");
     }
