@@ -63,7 +63,9 @@ phys_entry *entry_at(uint32_t index)
     if (index > published_max().load(std::memory_order_acquire)) {
         return nullptr;
     }
-    phys_entry **slots = published_table().load(std::memory_order_acquire);
+    // In one order with the reader's flag, as the slot is: an array that is retired
+    // must not be taken by a reader whose flag was not seen.
+    phys_entry **slots = published_table().load(std::memory_order_seq_cst);
     if (!slots) {
         return nullptr;
     }
