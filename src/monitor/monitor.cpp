@@ -48,13 +48,14 @@ bool obtain_handle(const char *caller)
 {
     for (int attempt = 1; event_mgr_get_handle(&emHandle, evtmgr_callback, nullptr) != 0;
          attempt++) {
+        // A call that failed may have left anything there.
+        emHandle = 0;
         if (attempt > max_retries) {
             KAV_TRACE_AS(caller, KAVPLAT_ROOM, "monitor",
                          "%s:unable to obtain event manager handle, max retry %d\n", caller,
                          attempt);
             return false;
         }
-        emHandle = 0;
         KAV_TRACE_AS(caller, KAVPLAT_ROOM, "monitor",
                      "%s:unabled to obtain event manager handle, retry = %d\n", caller, attempt);
         sleep(retry_seconds);
