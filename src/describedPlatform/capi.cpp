@@ -117,7 +117,7 @@ int read_sensor(const sensor &from, capi_sensor_record &record)
     if (from.raw_reading) {
         record.raw_reading = static_cast<uint8_t>(values[raw].result.value_or(0.0));
     } else if (from.sensor_class == CAPI_SENSOR_DISCRETE) {
-        record.raw_reading = values[reading].result == reading_asserted ? 1 : 0;
+        record.raw_reading = values[reading].result == reading_asserted ? 2 : 1;
     }
     return 0;
 }
