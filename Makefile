@@ -1,0 +1,65 @@
+# What people type. CMake and CTest do the work; see CMakePresets.json.
+
+# KAVPLAT_PORT, DESCRIPTION and DESTDIR reach the commands through the environment.
+export KAVPLAT_PORT DESCRIPTION DESTDIR
+PREFIX ?= /usr/local
+SANITIZER_PRESETS := asan tsan
+SOURCES = git ls-files '*.c' '*.cpp' '*.h'
+JOBS := $(shell nproc)
+
+.PHONY: help run test build install coverage tidy format format-check clean setup-run setup-test setup-ci
+
+help:
+	@echo "make run            serve servers/rack-2u.json by a private snmpd on 127.0.0.1:1161"
+	@echo "                    DESCRIPTION=file  another server    KAVPLAT_PORT=n  another port"
+	@echo "make test           build everything and run all tests"
+	@echo "make build          build the libraries only, into build/release"
+	@echo "make install        install them   PREFIX=$(PREFIX)   DESTDIR=$(DESTDIR)"
+	@echo "make check-PRESET   build and test by another preset: asan, tsan, clang"
+	@echo "make coverage       line and branch coverage of src/, into build/coverage/report"
+	@echo "make tidy           clang-tidy over src/"
+	@echo "make format-check   is everything formatted?   make format  formats it"
+	@echo "make clean          remove build/"
+	@echo "run, test, coverage, tidy and format-check install what Debian packages they miss."
+
+setup-%:
+	@tools/setup $*
+
+build:
+	cmake --preset release -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake --build --preset release
+
+run: setup-run
+	@$(MAKE) --no-print-directory build
+	@exec tools/run-agent build/release
+
+test: setup-test check-dev
+
+check-%:
+	cmake --preset $*
+	cmake --build --preset $*
+	ctest --preset $* --parallel $(JOBS)
+
+install: build
+	cmake --install build/release
+
+coverage: setup-ci
+	find build/coverage -name '*.gcda' -delete 2>/dev/null || true
+	$(MAKE) --no-print-directory check-coverage
+	mkdir -p build/coverage/report
+	gcovr --root . --filter src/ --exclude-throw-branches --print-summary \
+		--html-details build/coverage/report/index.html build/coverage
+
+tidy: setup-ci
+	cmake --preset dev
+	cmake --build --preset dev
+	git ls-files 'src/*.cpp' 'tools/*.cpp' | xargs -P $(JOBS) -n 1 clang-tidy --quiet -p build/dev
+
+format:
+	$(SOURCES) | xargs clang-format -i
+
+format-check: setup-ci
+	$(SOURCES) | xargs clang-format --dry-run -Werror
+
+clean:
+	rm -rf build
