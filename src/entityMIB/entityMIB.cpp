@@ -4,6 +4,7 @@
 #include "kavdata/cache.h"
 #include "monitor/fork.h"
 #include "monitor/monitor.h"
+#include "table/table.h"
 #include "trace/trace.h"
 
 #include <cstdlib>
@@ -81,9 +82,8 @@ void deinitialize_table_entPhysicalTable(void)
 void initialize_entityGeneral(void)
 {
     KAV_TRACE("entityMIB", "Initializing\n");
-    netsnmp_register_scalar(netsnmp_create_handler_registration(
-        "entLastChangeTime", handle_entLastChangeTime, kavplat::entLastChangeTime_oid,
-        OID_LENGTH(kavplat::entLastChangeTime_oid), HANDLER_CAN_RONLY));
+    kavplat::register_scalar("entLastChangeTime", kavplat::entLastChangeTime_oid,
+                             handle_entLastChangeTime);
 }
 
 void snmp_debug_stop(const char *path)

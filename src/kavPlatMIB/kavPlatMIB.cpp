@@ -97,9 +97,7 @@ void init_kavPlatMIB(void)
     banner_number = make_banner(" BUILD_NUMBER is %s ", build_number);
     banner_date = make_banner(" BUILD_DATE is %s ", build_date);
     banner_user = make_banner(" BUILD_USER is %s ", build_user);
-    netsnmp_register_scalar(netsnmp_create_handler_registration(
-        "kavPlatStartTime", handle_kavPlatStartTime, platform_oid<1>, OID_LENGTH(platform_oid<1>),
-        HANDLER_CAN_RONLY));
+    register_scalar("kavPlatStartTime", platform_oid<1>, handle_kavPlatStartTime);
     for (const auto &table : tables) {
         table.initialize();
     }

@@ -71,10 +71,15 @@ constexpr const char *suffix_of(step s)
 
 void trace_start(const table &t, step s, uint32_t index)
 {
-    if (t.trace == walk_trace::index && snmp_get_do_debugging()) {
-        const function_name caller("", t, suffix_of(s));
+    if (!snmp_get_do_debugging()) {
+        return;
+    }
+    const function_name caller("", t, suffix_of(s));
+    if (t.trace == walk_trace::index) {
         KAV_TRACE_AS(caller.text, t.source, t.source, "%s: idx=%ld\n", caller.text,
                      static_cast<long>(index));
+    } else if (t.trace == walk_trace::next_steps && s == step::next) {
+        KAV_TRACE_LINE_AS(caller.text, t.source);
     }
 }
 
@@ -83,9 +88,11 @@ void trace_found(const table &t, step s, uint32_t index, const phys_entry *entry
     if (!snmp_get_do_debugging()) {
         return;
     }
-    const bool wanted = t.trace == walk_trace::dump_steps ||
-                        (entry && (t.trace == walk_trace::dump_rows ||
-                                   (t.trace == walk_trace::dump_next_row && s == step::next)));
+    const bool wanted =
+        t.trace == walk_trace::dump_steps ||
+        (entry && (t.trace == walk_trace::dump_rows ||
+                   ((t.trace == walk_trace::dump_next_row || t.trace == walk_trace::next_steps) &&
+                    s == step::next)));
     if (wanted) {
         dump_index(t, function_name("", t, suffix_of(s)).text,
                    entry ? entry->entPhysicalIndex : index, entry);
@@ -332,6 +339,17 @@ int table_handle(const table &t, netsnmp_agent_request_info *reqinfo,
         }
     }
     return result;
+}
+
+int register_scalar(const char *name, std::span<const oid> root, Netsnmp_Node_Handler *handler)
+{
+    netsnmp_handler_registration *registration = netsnmp_create_handler_registration(
+        name, handler, root.data(), root.size(), HANDLER_CAN_RONLY);
+    if (!registration) {
+        snmp_log(LOG_ERR, "malloc failed for %s\n", name);
+        return SNMPERR_GENERR;
+    }
+    return netsnmp_register_scalar(registration);
 }
 
 int register_table(const table &t)

@@ -233,10 +233,11 @@ enum class empty_rule { both, next_only, neither };
 
 enum class walk_trace {
     none,
-    index,        // "%s: idx=%ld\n" at every step
-    dump_steps,   // the index dump at every step, with a row or without
-    dump_rows,    // the index dump of every row
-    dump_next_row // the same, in get-next only
+    index,         // "%s: idx=%ld\n" at every step
+    dump_steps,    // the index dump at every step, with a row or without
+    dump_rows,     // the index dump of every row
+    dump_next_row, // the same, in get-next only
+    next_steps     // beside that, the line that says who speaks at every get-next
 };
 
 // What a handler does in modes other than GET.
@@ -291,6 +292,9 @@ struct function_name {
 // Registers a table with the agent, read-only. The result is the agent's, or
 // SNMPERR_GENERR when there was no memory.
 int register_table(const table &t);
+
+// The same for a scalar; the agent adds the instance ".0" to root.
+int register_scalar(const char *name, std::span<const oid> root, Netsnmp_Node_Handler *handler);
 
 netsnmp_variable_list *table_get_first(const table &t, void **loop_context, void **data_context,
                                        netsnmp_variable_list *index);

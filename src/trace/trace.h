@@ -19,15 +19,25 @@
 
 // For a mechanism that speaks for another function or room.
 #ifdef KAVPLAT_NO_TRACES
+#define KAV_TRACE_LINE_AS(function, source)                                                        \
+    do {                                                                                           \
+    } while (0)
 #define KAV_TRACE_AS(function, source, token, ...)                                                 \
     do {                                                                                           \
     } while (0)
 #else
-#define KAV_TRACE_AS(function, source, token, ...)                                                 \
+// Only the line that says who speaks.
+#define KAV_TRACE_LINE_AS(function, source)                                                        \
     do {                                                                                           \
         if (snmp_get_do_debugging()) {                                                             \
             debugmsgtoken("trace", "%s(): %s, %d:\n", function, source, __LINE__);                 \
             debugmsg("trace", "%s(): %s, %d:\n", function, source, __LINE__);                      \
+        }                                                                                          \
+    } while (0)
+#define KAV_TRACE_AS(function, source, token, ...)                                                 \
+    do {                                                                                           \
+        if (snmp_get_do_debugging()) {                                                             \
+            KAV_TRACE_LINE_AS(function, source);                                                   \
             debugmsgtoken(token, __VA_ARGS__);                                                     \
             debugmsg(token, __VA_ARGS__);                                                          \
         }                                                                                          \
