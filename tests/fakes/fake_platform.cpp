@@ -331,9 +331,12 @@ int capi_is_indicator_type(uint32_t component_type, int32_t *flag)
     return 0;
 }
 
-int capi_get_sensor(int /*reserved*/, const char *nac_name, capi_sensor_record *record)
+int capi_get_sensor(int reserved, const char *nac_name, capi_sensor_record *record)
 {
     const entered call("capi_get_sensor", text_or_empty(nac_name));
+    if (reserved != 0) {
+        return call.fail(failed, record);
+    }
     return call.answer(call.server().sensors, nac_name, record);
 }
 
@@ -358,21 +361,30 @@ int capi_is_sensor_with_OK_semantics(const void *sensor)
     return call.server().ok_semantics.contains(name) ? 1 : 0;
 }
 
-int capi_get_indicator(int /*reserved*/, const char *nac_name, capi_indicator_record *record)
+int capi_get_indicator(int reserved, const char *nac_name, capi_indicator_record *record)
 {
     const entered call("capi_get_indicator", text_or_empty(nac_name));
+    if (reserved != 0) {
+        return call.fail(failed, record);
+    }
     return call.answer(call.server().indicators, nac_name, record);
 }
 
-int capi_get_power_state(int /*reserved*/, const char *nac_name, int32_t *state)
+int capi_get_power_state(int reserved, const char *nac_name, int32_t *state)
 {
     const entered call("capi_get_power_state", text_or_empty(nac_name));
+    if (reserved != 0) {
+        return call.fail(failed, state);
+    }
     return call.answer(call.server().power_states, nac_name, state);
 }
 
-int capi_get_rdy2rm_status(int /*reserved*/, const char *nac_name, int32_t *status)
+int capi_get_rdy2rm_status(int reserved, const char *nac_name, int32_t *status)
 {
     const entered call("capi_get_rdy2rm_status", text_or_empty(nac_name));
+    if (reserved != 0) {
+        return call.fail(failed, status);
+    }
     return call.answer(call.server().ready_to_remove, nac_name, status);
 }
 
@@ -397,11 +409,11 @@ int capi_get_fru_info(const char *nac_name, capi_fru_record *record)
     return call.answer(call.server().frus, nac_name, record);
 }
 
-int capi_get_product_ops_info(int /*reserved*/, capi_product_record *record)
+int capi_get_product_ops_info(int reserved, capi_product_record *record)
 {
     const entered call("capi_get_product_ops_info", "");
-    if (call.status() != 0) {
-        return call.fail(call.status(), record);
+    if (call.status() != 0 || reserved != 0) {
+        return call.fail(call.status() != 0 ? call.status() : failed, record);
     }
     *record = call.server().product;
     return 0;
@@ -547,6 +559,13 @@ event_mgr_handle fake_platform::handle() const
     world &w = the_world();
     const std::lock_guard lock(w.mutex);
     return w.handle;
+}
+
+void *fake_platform::context() const
+{
+    world &w = the_world();
+    const std::lock_guard lock(w.mutex);
+    return w.context;
 }
 
 bool fake_platform::deliver(int event_class, int event, const char *payload)

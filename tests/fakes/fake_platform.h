@@ -12,10 +12,11 @@
  *     EXPECT_EQ(platform.calls("capi_get_sensor", "/SYS/T0"), 1U);
  *     EXPECT_TRUE(platform.all_lists_released());
  *
- * One object at a time; without one every call fails. platform-> holds the
- * platform's lock until the end of the full expression, platform.locked() for
- * as long as its result lives; the calls take the same lock, so a test may change
- * the data while other threads call.
+ * One object at a time; without one every call fails, and so does one whose
+ * reserved argument is not 0. platform-> holds the platform's lock until the end
+ * of the full expression, platform.locked() for as long as its result lives; the
+ * calls take the same lock, so a test may change the data while other threads
+ * call.
  */
 #ifndef KAVPLAT_TESTS_FAKES_FAKE_PLATFORM_H
 #define KAVPLAT_TESTS_FAKES_FAKE_PLATFORM_H
@@ -184,6 +185,8 @@ class fake_platform
     std::vector<fake_subscription> subscriptions() const;
     /* The handle last given, 0 when none was. */
     event_mgr_handle handle() const;
+    /* What was last handed in beside the callback. */
+    void *context() const;
     /* Calls the callback that was last handed in, on this thread, subscribed or
      * not; false when there is none. The payload may be null. */
     bool deliver(int event_class, int event, const char *payload);
