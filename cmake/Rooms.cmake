@@ -1,6 +1,9 @@
 # What every target of the project is compiled with.
 add_library(kavplat_options INTERFACE)
 target_compile_options(kavplat_options INTERFACE -Wall -Wextra -Wconversion -Wsign-conversion)
+if(NOT KAVPLAT_TRACES)
+  target_compile_definitions(kavplat_options INTERFACE KAVPLAT_NO_TRACES)
+endif()
 if(KAVPLAT_WERROR)
   target_compile_options(kavplat_options INTERFACE -Werror)
 endif()

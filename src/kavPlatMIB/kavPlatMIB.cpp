@@ -78,7 +78,7 @@ char *make_banner(const char *format, const char *value)
 
 void trace_failed_read(const table &t, const phys_entry &entry)
 {
-    if (snmp_get_do_debugging()) {
+    if (debugging()) {
         const function_name handler("", t, "_handler");
         KAV_TRACE_AS(handler.text, t.source, "kavdata::sensor",
                      "%s:snmp_read_sensor failed, skipping: %s\n", handler.text,

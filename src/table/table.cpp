@@ -71,7 +71,7 @@ constexpr const char *suffix_of(step s)
 
 void trace_start(const table &t, step s, uint32_t index)
 {
-    if (!snmp_get_do_debugging()) {
+    if (!debugging()) {
         return;
     }
     const function_name caller("", t, suffix_of(s));
@@ -85,7 +85,7 @@ void trace_start(const table &t, step s, uint32_t index)
 
 void trace_found(const table &t, step s, uint32_t index, const phys_entry *entry)
 {
-    if (!snmp_get_do_debugging()) {
+    if (!debugging()) {
         return;
     }
     const bool wanted =

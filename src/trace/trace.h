@@ -18,34 +18,39 @@
 #define KAV_TRACE(token, ...) KAV_TRACE_AS(__func__, KAVPLAT_ROOM, token, __VA_ARGS__)
 
 // For a mechanism that speaks for another function or room.
-#ifdef KAVPLAT_NO_TRACES
-#define KAV_TRACE_LINE_AS(function, source)                                                        \
-    do {                                                                                           \
-    } while (0)
 #define KAV_TRACE_AS(function, source, token, ...)                                                 \
     do {                                                                                           \
-    } while (0)
-#else
-// Only the line that says who speaks.
-#define KAV_TRACE_LINE_AS(function, source)                                                        \
-    do {                                                                                           \
-        if (snmp_get_do_debugging()) {                                                             \
-            debugmsgtoken("trace", "%s(): %s, %d:\n", function, source, __LINE__);                 \
-            debugmsg("trace", "%s(): %s, %d:\n", function, source, __LINE__);                      \
-        }                                                                                          \
-    } while (0)
-#define KAV_TRACE_AS(function, source, token, ...)                                                 \
-    do {                                                                                           \
-        if (snmp_get_do_debugging()) {                                                             \
+        if (kavplat::debugging()) {                                                                \
             KAV_TRACE_LINE_AS(function, source);                                                   \
             debugmsgtoken(token, __VA_ARGS__);                                                     \
             debugmsg(token, __VA_ARGS__);                                                          \
         }                                                                                          \
     } while (0)
-#endif
+
+// Only the line that says who speaks.
+#define KAV_TRACE_LINE_AS(function, source)                                                        \
+    do {                                                                                           \
+        if (kavplat::debugging()) {                                                                \
+            debugmsgtoken("trace", "%s(): %s, %d:\n", function, source, __LINE__);                 \
+            debugmsg("trace", "%s(): %s, %d:\n", function, source, __LINE__);                      \
+        }                                                                                          \
+    } while (0)
 
 namespace kavplat
 {
+
+// Whether traces are printed; a build without traces knows that they are not.
+#ifdef KAVPLAT_NO_TRACES
+constexpr bool debugging()
+{
+    return false;
+}
+#else
+inline bool debugging()
+{
+    return snmp_get_do_debugging() != 0;
+}
+#endif
 
 // Texts that may be absent print as "NULL".
 inline const char *printable(const char *text)
