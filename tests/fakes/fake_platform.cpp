@@ -5,6 +5,7 @@
 #include <memory>
 #include <span>
 #include <stdexcept>
+#include <type_traits>
 
 namespace
 {
@@ -76,6 +77,7 @@ class entered
     int status() const { return status_; }
 
     template <class Output>
+    requires std::is_trivially_copyable_v<Output>
     int fail(int status, Output *output) const
     {
         if (world_.server.spoil_on_failure && output != nullptr) {
@@ -391,14 +393,15 @@ int capi_get_rdy2rm_status(int reserved, const char *nac_name, int32_t *status)
 int capi_get_enable_disable_state(const char *nac_name, int32_t *state, char *buffer, int length)
 {
     const entered call("capi_get_enable_disable_state", text_or_empty(nac_name));
-    fake_enable_state found;
-    const int status = call.answer(call.server().enable_states, nac_name, &found);
-    if (status != 0) {
-        return call.fail(status, state);
+    const auto &states = call.server().enable_states;
+    const auto found = nac_name != nullptr ? states.find(nac_name) : states.end();
+    if (call.status() != 0 || found == states.end()) {
+        return call.fail(call.status() != 0 ? call.status() : failed, state);
     }
-    *state = found.state;
+    const fake_enable_state &answer = found->second;
+    *state = answer.state;
     if (buffer != nullptr && length > 0) {
-        buffer[found.why.copy(buffer, static_cast<size_t>(length) - 1)] = '\0';
+        buffer[answer.why.copy(buffer, static_cast<size_t>(length) - 1)] = '\0';
     }
     return 0;
 }
