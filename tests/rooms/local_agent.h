@@ -1,0 +1,135 @@
+/*
+ * An agent inside the test's own process, without a socket: real registrations,
+ * net-snmp's real table helpers, PDUs over its in-process transport. The callbacks
+ * run on the thread that asks.
+ *
+ *     local_agent &agent = local_agent::get();
+ *     init_kavPlatMIB();
+ *     const pdu_answer answer = agent.ask(SNMP_MSG_GETNEXT, {"1.3.6.1.4.1.58213"});
+ *
+ * What a test registers stays registered while the process lives.
+ */
+#ifndef KAVPLAT_TESTS_ROOMS_LOCAL_AGENT_H
+#define KAVPLAT_TESTS_ROOMS_LOCAL_AGENT_H
+
+#include <net-snmp/library/snmpCallbackDomain.h>
+
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+#include "rooms/requests.h"
+
+struct answered_varbind {
+    std::string name; /* dotted */
+    snmp_value value;
+
+    bool operator==(const answered_varbind &) const = default;
+};
+
+inline void PrintTo(const answered_varbind &varbind, std::ostream *out)
+{
+    *out << varbind.name << " = ";
+    PrintTo(varbind.value, out);
+}
+
+struct pdu_answer {
+    long error = 0;
+    long error_index = 0; /* from 1; 0: none */
+    std::vector<answered_varbind> varbinds;
+};
+
+class local_agent
+{
+  public:
+    static local_agent &get()
+    {
+        static local_agent agent;
+        return agent;
+    }
+    local_agent(const local_agent &) = delete;
+    local_agent &operator=(const local_agent &) = delete;
+
+    /* A SET sets the INTEGER 1. */
+    pdu_answer ask(int command, const std::vector<std::string> &names, long repetitions = 0)
+    {
+        netsnmp_pdu *pdu = snmp_pdu_create(command);
+        pdu->version = SNMP_VERSION_2c;
+        if (command == SNMP_MSG_GETBULK) {
+            pdu->non_repeaters = 0;
+            pdu->max_repetitions = repetitions;
+        }
+        const long one = 1;
+        for (const std::string &text : names) {
+            const std::vector<oid> name = parsed(text);
+            if (command == SNMP_MSG_SET) {
+                snmp_pdu_add_variable(pdu, name.data(), name.size(), ASN_INTEGER, &one, sizeof one);
+            } else {
+                snmp_add_null_var(pdu, name.data(), name.size());
+            }
+        }
+        netsnmp_pdu *response = nullptr;
+        if (snmp_synch_response(client_, pdu, &response) != STAT_SUCCESS || !response) {
+            throw std::runtime_error("the agent in this process gave no answer");
+        }
+        pdu_answer answer{response->errstat, response->errindex, {}};
+        for (const netsnmp_variable_list *var = response->variables; var;
+             var = var->next_variable) {
+            answer.varbinds.push_back({dotted(var->name, var->name_length), value_of(*var)});
+        }
+        snmp_free_pdu(response);
+        return answer;
+    }
+
+    /* All that GETNEXT gives below a place, one varbind at a time. */
+    std::vector<answered_varbind> walk(const std::string &root)
+    {
+        std::vector<answered_varbind> found;
+        std::string name = root;
+        for (;;) {
+            pdu_answer answer = ask(SNMP_MSG_GETNEXT, {name});
+            if (answer.error != SNMP_ERR_NOERROR || answer.varbinds.size() != 1) {
+                throw std::runtime_error("GETNEXT of " + name + " failed");
+            }
+            answered_varbind &varbind = answer.varbinds.front();
+            if (varbind.value.type == SNMP_ENDOFMIBVIEW || !varbind.name.starts_with(root + ".")) {
+                return found;
+            }
+            if (parsed(varbind.name) <= parsed(name)) {
+                throw std::runtime_error("OID not increasing: " + varbind.name + " after " + name);
+            }
+            name = varbind.name;
+            found.push_back(std::move(varbind));
+        }
+    }
+
+    static std::vector<oid> parsed(const std::string &text)
+    {
+        std::vector<oid> name;
+        std::istringstream in(text);
+        for (std::string arc; std::getline(in, arc, '.');) {
+            name.push_back(std::stoul(arc));
+        }
+        return name;
+    }
+
+  private:
+    local_agent()
+    {
+        // Nothing of the machine's own configuration, no MIB, no port.
+        netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
+        netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
+        netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, MASTER_AGENT);
+        init_agent("kavplat_test");
+        netsnmp_session *server = netsnmp_callback_open(0, handle_snmp_packet, nullptr, nullptr);
+        client_ =
+            server ? netsnmp_callback_open(server->local_port, nullptr, nullptr, nullptr) : nullptr;
+        if (!client_) {
+            throw std::runtime_error("net-snmp opens no session inside the process");
+        }
+    }
+
+    netsnmp_session *client_ = nullptr;
+};
+
+#endif
