@@ -161,6 +161,24 @@ live_values::file_pointer live_values::state_of(const std::string &path)
     return slot;
 }
 
+void live_values::serve(file_state &file, live_reading &reading, clock::time_point now)
+{
+    if (file.word && now - file.word_time <= slow_value_life) {
+        reading.result = word_to_value(*reading.value, *file.word);
+        file.unseen = false;
+    }
+}
+
+/* A file that stops giving values has none; but what it gave to a read that
+ * nobody waited for (and a fifo gives it but once) is still good for the next
+ * who asks. */
+void live_values::forget_seen_word(file_state &file)
+{
+    if (!file.unseen) {
+        file.word.reset();
+    }
+}
+
 void live_values::add_worker()
 {
     if (workers_.size() >= most_workers) {
@@ -246,7 +264,10 @@ void live_values::work()
         if (end == outcome::word) {
             file->word = std::move(word);
             file->word_time = now;
+            file->unseen = background;
             file->ever_read = true;
+        } else if (end == outcome::timed_out) {
+            forget_seen_word(*file);
         } else {
             file->word.reset();
         }
@@ -299,16 +320,13 @@ void live_values::read(std::span<live_reading> readings)
          * for is left to the background. */
         if (!file->slow && !file->ever_read && wait < bound_) {
             file->slow = true;
-            file->word.reset();
         }
         if (file->slow) {
             if (!file->queued && !file->running) {
                 ++file->wanted;
                 enqueue(file, true);
             }
-            if (file->word && begin - file->word_time <= slow_value_life) {
-                each.result = word_to_value(*each.value, *file->word);
-            }
+            serve(*file, each, begin);
             continue;
         }
         /* A read that is under way may have seen the file as it was before. */
@@ -322,21 +340,18 @@ void live_values::read(std::span<live_reading> readings)
         return;
     }
     const auto deadline = begin + std::max<clock::duration>(wait, shortest_wait);
-    const bool all_done = read_done_.wait_until(lock, deadline, [&] {
+    read_done_.wait_until(lock, deadline, [&] {
         return std::ranges::all_of(pending,
                                    [](const waiting &w) { return w.file->done >= w.number; });
     });
-    bool in_vain = !all_done;
+    bool in_vain = false;
     for (const waiting &each : pending) {
         if (each.file->done < each.number) {
             each.file->slow = true;
-            each.file->word.reset(); /* only what comes late is news */
-            continue;
+            forget_seen_word(*each.file);
         }
         in_vain = in_vain || each.file->slow;
-        if (each.file->word) {
-            each.reading->result = word_to_value(*each.reading->value, *each.file->word);
-        }
+        serve(*each.file, *each.reading, begin);
     }
     if (in_vain) {
         credit_ -= std::min(credit_, clock::now() - begin);

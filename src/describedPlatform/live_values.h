@@ -76,10 +76,13 @@ class live_values
         bool ever_read = false;
         std::optional<std::string> word; /* of the newest read that ended */
         clock::time_point word_time;
+        bool unseen = false; /* the word came in the background and nobody had it yet */
     };
     using file_pointer = std::shared_ptr<file_state>;
 
     file_pointer state_of(const std::string &path);
+    static void serve(file_state &file, live_reading &reading, clock::time_point now);
+    static void forget_seen_word(file_state &file);
     void enqueue(const file_pointer &file, bool background);
     void add_worker();
     void work();
