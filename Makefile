@@ -7,7 +7,7 @@ SANITIZER_PRESETS := asan tsan
 SOURCES = git ls-files '*.c' '*.cpp' '*.h'
 JOBS := $(shell nproc)
 
-.PHONY: help run test build install coverage tidy format format-check clean setup-run setup-test setup-ci
+.PHONY: help run test build install coverage fuzz tidy format format-check clean setup-run setup-test setup-ci
 
 help:
 	@echo "make run            serve servers/rack-2u.json by a private snmpd on 127.0.0.1:1161"
@@ -17,6 +17,7 @@ help:
 	@echo "make install        install them   PREFIX=$(PREFIX)   DESTDIR=$(DESTDIR)"
 	@echo "make check-PRESET   build and test by another preset: asan, tsan, clang"
 	@echo "make coverage       line and branch coverage of src/, into build/coverage/report"
+	@echo "make fuzz           the fuzzers, a minute each          SECONDS=n  longer"
 	@echo "make tidy           clang-tidy over src/"
 	@echo "make format-check   is everything formatted?   make format  formats it"
 	@echo "make clean          remove build/"
@@ -49,6 +50,13 @@ coverage: setup-ci
 	mkdir -p build/coverage/report
 	gcovr --root . --filter src/ --exclude-throw-branches --print-summary \
 		--html-details build/coverage/report/index.html build/coverage
+
+# SECONDS is for each of the fuzzers.
+fuzz: SECONDS := 60
+fuzz: setup-ci
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	tests/fuzz/run build/fuzz $(SECONDS)
 
 tidy: setup-ci
 	cmake --preset dev
