@@ -264,7 +264,7 @@ void live_values::work()
         if (end == outcome::word) {
             file->word = std::move(word);
             file->word_time = now;
-            file->unseen = background;
+            file->unseen = true;
             file->ever_read = true;
         } else if (end == outcome::timed_out) {
             forget_seen_word(*file);

@@ -76,7 +76,7 @@ class live_values
         bool ever_read = false;
         std::optional<std::string> word; /* of the newest read that ended */
         clock::time_point word_time;
-        bool unseen = false; /* the word came in the background and nobody had it yet */
+        bool unseen = false; /* nobody was given the word yet */
     };
     using file_pointer = std::shared_ptr<file_state>;
 

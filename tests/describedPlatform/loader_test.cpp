@@ -504,7 +504,7 @@ TEST_F(loader, ten_thousand_components_load_in_reasonable_time)
     const auto took = std::chrono::steady_clock::now() - begin;
     ASSERT_NE(nullptr, result.loaded) << all_of(result);
     EXPECT_EQ(10001U, result.loaded->components.size());
-    EXPECT_LT(took, std::chrono::seconds(10));
+    EXPECT_LT(took, std::chrono::seconds(40)); /* a fraction of one without sanitizers */
     RecordProperty(
         "milliseconds",
         static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(took).count()));
