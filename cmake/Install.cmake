@@ -20,7 +20,8 @@ set(KAVPLAT_PUBLIC_HEADERS
   kavdata/kavdata.h
   kavdata/phys_entry.h
   monitor/monitor.h
-  entityMIB/entityMIB.h)
+  entityMIB/entityMIB.h
+  kavPlatMIB/kavPlatMIB.h)
 foreach(header IN LISTS KAVPLAT_PUBLIC_HEADERS)
   get_filename_component(room "${header}" DIRECTORY)
   install(FILES "src/${header}" DESTINATION "${KAVPLAT_INCLUDEDIR}/${room}")

@@ -1,0 +1,185 @@
+#!/bin/bash
+# Runs tools/run-agent as a newcomer would.
+# usage: run_agent_test.sh SOURCE_DIR BUILD_DIR CASE
+set -euo pipefail
+
+source_dir=$1 build_dir=$2 case=$3
+scratch=$(mktemp -d)
+export KAVPLAT_RUN=$scratch/run
+unset DESCRIPTION KAVPLAT_WAIT
+output=$scratch/output
+runner=
+
+# The agent's command line names the scratch directory, which no other has.
+agents() {
+    local file
+    for file in /proc/[0-9]*/cmdline; do
+        if { tr '\0' ' ' <"$file"; } 2>/dev/null | grep -q "snmpd .*$scratch/run"; then
+            file=${file%/cmdline}
+            echo "${file##*/}"
+        fi
+    done
+}
+# shellcheck disable=SC2317 # called by the trap
+clean_up() {
+    [[ -z $runner ]] || kill -KILL "$runner" 2>/dev/null || true
+    local pid
+    for pid in $(agents); do
+        kill -KILL "$pid" 2>/dev/null || true
+    done
+    rm -rf -- "$scratch"
+}
+trap clean_up EXIT
+
+fail() {
+    echo "FAILED: $*"
+    cat -- "$output" 2>/dev/null || true
+    exit 1
+}
+until_so() { # WHAT COMMAND...: within 60 seconds
+    local what=$1 deadline=$((SECONDS + 60))
+    shift
+    until "$@"; do
+        [[ $SECONDS -lt $deadline ]] || fail "$what"
+        sleep 0.05
+    done
+}
+no_agents() { [[ -z $(agents) ]]; }
+said() { grep -q -- "$1" "$output"; }
+
+free_port() {
+    perl -MSocket -e 'socket(my $s, PF_INET, SOCK_DGRAM, 0) or die; bind($s, sockaddr_in(0, INADDR_LOOPBACK)) or die;
+        print((sockaddr_in(getsockname($s)))[0])'
+}
+KAVPLAT_PORT=$(free_port)
+export KAVPLAT_PORT
+
+# Job control gives a background command the signals that a terminal would send.
+start() {
+    : >"$output"
+    set -m
+    "$source_dir/tools/run-agent" "$build_dir" >"$output" 2>&1 &
+    runner=$!
+    set +m
+    until_so "the agent is served" ready
+}
+ready() {
+    kill -0 "$runner" 2>/dev/null || fail "run-agent ended"
+    said 'Ctrl-C ends it'
+}
+status_of_runner() {
+    local status=0
+    wait "$runner" || status=$?
+    runner=
+    echo "$status" >"$scratch/status"
+}
+names() {
+    snmpbulkwalk -v2c -c public -Oqv -m '' "127.0.0.1:$KAVPLAT_PORT" 1.3.6.1.2.1.47.1.1.1.1.7
+}
+
+case $case in
+serves_and_ends_on_interrupt | ends_on_terminate)
+    signal=INT
+    [[ $case == serves_and_ends_on_interrupt ]] || signal=TERM
+    start
+    in_file=$(grep -c '"name":' "$source_dir/servers/rack-2u.json")
+    said "serving $in_file entities of $scratch/run/server.json" || fail "not all $in_file are served"
+    [[ $(names | wc -l) -eq $in_file ]] || fail "not all $in_file answer"
+    said '^ *1 */SYS *chassis *0 ' || fail "the sample does not show the root"
+    [[ $(agents | wc -l) -ge 1 ]] || fail "no agent was found, so its end proves nothing"
+    # To the whole group, as a terminal does.
+    kill "-$signal" -- "-$runner"
+    status_of_runner
+    [[ $(<"$scratch/status") -eq 0 ]] || fail "exit status $(<"$scratch/status")"
+    no_agents || fail "it left an agent behind"
+    ! names >/dev/null 2>&1 || fail "somebody still answers"
+    ;;
+ends_when_killed)
+    start
+    [[ $(agents | wc -l) -ge 1 ]] || fail "no agent was found, so its end proves nothing"
+    kill -KILL "$runner"
+    status_of_runner
+    until_so "the agent ends with a killed run-agent" no_agents
+    ;;
+printed_commands_work)
+    start
+    sed -n '/^Try,/,/^What the agent logs/p' "$output" | grep '^  [a-z]' >"$scratch/commands"
+    [[ $(wc -l <"$scratch/commands") -eq 6 ]] || fail "six commands were expected"
+    # As pasted: in a shell, elsewhere.
+    (cd / && bash "$scratch/commands" >"$scratch/answers")
+    grep -q 'ENTITY-MIB::entPhysicalClass.1 = INTEGER: chassis' "$scratch/answers" ||
+        fail "the walk has no names"
+    # The bay is there, goes, and comes back with other indexes.
+    grep 'entPhysicalName.*= STRING: "*/SYS/HDD3"*$' "$scratch/answers" >"$scratch/bay" || true
+    [[ $(sort -u "$scratch/bay" | wc -l) -eq 2 ]] ||
+        fail "the bay was seen as: $(<"$scratch/bay")"
+    last=$(bash <(tail -n 1 "$scratch/commands"))
+    [[ $(wc -l <<<"$last") -ge 5 ]] || fail "what the bay holds did not come back: $last"
+    # The walk, the first grep and the last: three times the bay, so not in between.
+    [[ $(wc -l <"$scratch/bay") -eq 3 ]] || fail "the bay did not go: $(<"$scratch/bay")"
+    ;;
+refuses_a_port_in_use)
+    perl -MSocket -e 'socket(my $s, PF_INET, SOCK_DGRAM, 0) or die; bind($s, sockaddr_in($ARGV[0], INADDR_LOOPBACK)) or die;
+        open(my $f, ">", $ARGV[1]) or die; close($f); sleep 100' "$KAVPLAT_PORT" "$scratch/bound" &
+    holder=$!
+    until_so "the port is taken" test -e "$scratch/bound"
+    status=0
+    "$source_dir/tools/run-agent" "$build_dir" >"$output" 2>&1 || status=$?
+    kill "$holder"
+    [[ $status -eq 1 ]] || fail "exit status $status"
+    said "UDP port $KAVPLAT_PORT on 127.0.0.1 is not to be had: Address already in use" ||
+        fail "it does not say why"
+    [[ ! -e $scratch/run ]] || fail "it had begun before it looked"
+    ;;
+refuses_a_bad_description)
+    printf '{ "product": { "model": "M" }, "components": [ { "name": "/SYS" } ] }' >"$scratch/bad.json"
+    status=0
+    DESCRIPTION=$scratch/bad.json "$source_dir/tools/run-agent" "$build_dir" >"$output" 2>&1 || status=$?
+    [[ $status -eq 1 ]] || fail "exit status $status"
+    said "$scratch/bad.json: /components/0: expected" || fail "it does not say where"
+    no_agents || fail "it had started an agent"
+    ;;
+keeps_an_edited_copy)
+    mkdir "$scratch/run"
+    cp "$source_dir/servers/minimal.json" "$scratch/run/server.json"
+    start
+    said 'serving 4[0-9][0-9] entities' || fail "it does not start from the server that comes with it"
+    cmp "$source_dir/servers/minimal.json" "$scratch/run/server.json.previous" ||
+        fail "what was in server.json is lost"
+    ;;
+works_without_namespaces)
+    mkdir "$scratch/bin"
+    printf '#!/bin/sh\nexit 1\n' >"$scratch/bin/unshare"
+    chmod +x "$scratch/bin/unshare"
+    PATH=$scratch/bin:$PATH
+    # If this went wrong, the module would end every agent that it sees: so the
+    # whole case runs in a namespace, with an agent of somebody else beside it.
+    fail_if_alone() { kill -0 "$bystander" 2>/dev/null || fail "another agent was ended too"; }
+    if [[ $$ -ne 1 && -z ${KAVPLAT_INSIDE-} ]]; then
+        namespace=(/usr/bin/unshare --pid --fork --kill-child --mount-proc)
+        [[ $(id -u) -eq 0 ]] || namespace+=(--user --map-root-user)
+        if ! "${namespace[@]}" true; then
+            echo "this machine refuses namespaces: the case would not be safe, so it is skipped"
+            exit 77
+        fi
+        KAVPLAT_INSIDE=yes "${namespace[@]}" "$0" "$@"
+        exit
+    fi
+    cp "$(type -P sleep)" "$scratch/bin/snmpd-bystander"
+    (exec -a snmpd "$scratch/bin/snmpd-bystander" 100) &
+    bystander=$!
+    until_so "the bystander is one for pidof" pidof snmpd >/dev/null
+    start
+    said 'refuses pid namespaces' || fail "it does not say so"
+    kill -INT -- "-$runner"
+    status_of_runner
+    [[ $(<"$scratch/status") -eq 0 ]] || fail "exit status $(<"$scratch/status")"
+    no_agents || fail "it left an agent behind"
+    fail_if_alone
+    kill "$bystander"
+    ;;
+*)
+    fail "no such case: $case"
+    ;;
+esac
+echo "$case: as expected"

@@ -1,0 +1,120 @@
+#!/bin/bash
+# What tools/setup asks of the package manager, on a machine whose packages,
+# commands and user are pretended.
+# usage: setup_test.sh SOURCE_DIR
+set -euo pipefail
+
+setup=$1/tools/setup
+scratch=$(mktemp -d)
+trap 'rm -rf -- "$scratch"' EXIT
+mkdir "$scratch/bin"
+calls=$scratch/calls
+export KAVPLAT_CALLS=$calls KAVPLAT_INSTALLED=$scratch/installed KAVPLAT_BIN=$scratch/bin
+
+stub() { # NAME: its body comes on standard input
+    { echo '#!/bin/bash'; cat; } >"$scratch/bin/$1"
+    chmod +x "$scratch/bin/$1"
+}
+# What the script itself is made of.
+for command in bash env sed cat chmod grep; do
+    ln -s -- "$(type -P "$command")" "$scratch/bin/$command"
+done
+stub dpkg-query <<'END'
+grep -qx -- "${*: -1}" "$KAVPLAT_INSTALLED" && printf installed
+END
+stub apt-get <<'END'
+echo "apt-get $* frontend=${DEBIAN_FRONTEND-}" >>"$KAVPLAT_CALLS"
+[[ $1 == install ]] || exit 0
+for argument in "$@"; do
+    case $argument in
+    -* | install) continue ;;
+    snmp) command=snmpwalk ;;
+    ninja-build) command=ninja ;;
+    *) command=$argument ;;
+    esac
+    echo "$argument" >>"$KAVPLAT_INSTALLED"
+    printf '#!/bin/sh\n' >"$KAVPLAT_BIN/$command"
+    chmod +x "$KAVPLAT_BIN/$command"
+done
+END
+stub sudo <<'END'
+echo "sudo $1" >>"$KAVPLAT_CALLS"
+exec "$@"
+END
+stub id <<'END'
+echo "${KAVPLAT_UID:-0}"
+END
+# No service policy of this machine is touched.
+stub sh <<'END'
+echo "sh $*" >>"$KAVPLAT_CALLS"
+END
+stub rm <<'END'
+echo "rm $*" >>"$KAVPLAT_CALLS"
+END
+# The rest of a machine on which everything but what a case takes away is there.
+for command in g++ cmake ninja snmpd snmpwalk perl pgrep unshare pidof; do
+    stub "$command" </dev/null
+done
+printf '%s\n' libsnmp-dev libbsd-dev nlohmann-json3-dev libvalijson-dev >"$KAVPLAT_INSTALLED"
+
+# The directories of system commands are appended by the script: a case can only
+# take away what this machine has not got there. So the script is run with those
+# directories' names changed.
+sed 's,:/usr/sbin:/sbin,,' "$setup" >"$scratch/setup"
+run() {
+    : >"$calls"
+    status=0
+    PATH=$scratch/bin bash "$scratch/setup" "$@" >"$scratch/output" 2>&1 || status=$?
+}
+expect() { # DESCRIPTION CONDITION...
+    local what=$1
+    shift
+    if ! "$@"; then
+        echo "not so: $what; exit status $status, output and calls:"
+        cat -- "$scratch/output" "$calls"
+        exit 1
+    fi
+}
+called() { grep -q -- "$1" "$calls"; }
+said() { grep -q -- "$1" "$scratch/output"; }
+not() { ! "$@"; }
+
+run run
+expect "nothing is missing: success" [ "$status" -eq 0 ]
+expect "nothing is missing: no word" [ ! -s "$scratch/output" ]
+expect "nothing is missing: no call" [ ! -s "$calls" ]
+
+command rm "$scratch/bin/snmpd"
+sed -i '/libvalijson-dev/d' "$KAVPLAT_INSTALLED"
+run run
+expect "two missing: success" [ "$status" -eq 0 ]
+expect "two missing: they are named" said 'installing what is missing: libvalijson-dev snmpd$'
+expect "two missing: lists first" [ "$(grep -n 'apt-get update' "$calls" | cut -d: -f1)" -lt \
+    "$(grep -n 'apt-get install' "$calls" | cut -d: -f1)" ]
+expect "two missing: these alone are installed" \
+    called '^apt-get install .*recommends libvalijson-dev snmpd frontend=noninteractive$'
+expect "root needs no sudo" not called '^sudo'
+if [[ ! -e /usr/sbin/policy-rc.d ]]; then
+    expect "services are kept from starting" called '^sh .*exit 101.*/usr/sbin/policy-rc.d'
+    expect "only meanwhile" called '^rm -f -- /usr/sbin/policy-rc.d'
+fi
+
+run run
+expect "a second run finds nothing to do" [ ! -s "$calls" ]
+
+command rm "$scratch/bin/ninja"
+KAVPLAT_UID=1000 run run
+expect "an ordinary user takes sudo" called '^sudo env'
+expect "an ordinary user gets there" [ "$status" -eq 0 ]
+
+command rm "$scratch/bin/ninja" "$scratch/bin/sudo"
+KAVPLAT_UID=1000 run run
+expect "no root, no sudo: failure" [ "$status" -eq 1 ]
+expect "no root, no sudo: what to do is said" said 'as root, run: apt-get install ninja-build'
+expect "no root, no sudo: nothing is tried" not called '^apt-get'
+
+run test
+expect "tests need more" called 'apt-get install .* libgtest-dev '
+run sideways
+expect "an unknown task is misuse" [ "$status" -eq 2 ]
+echo "all as expected"
