@@ -1,0 +1,828 @@
+// What a component's type and capabilities bring, and the identity texts.
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+
+#include <malloc.h>
+
+#include "kavdata/build_info.h"
+#include "rooms/cache_fixture.h"
+
+namespace
+{
+
+using strings = std::vector<std::string>;
+
+constexpr uint32_t sensor_type = 30;
+constexpr fake_capability fru_info = {CAPI_CAP_FRU_INFO_BYTE, CAPI_CAP_FRU_INFO};
+
+// Class of each component type, written out in full.
+constexpr int class_of[] = {
+    2, 1, 3, 3, 6, 1, 5, 5, 5, 9, 9, 1, 7, 7, 5, 9, 1, 1, 1, 1, // 0
+    1, 1, 1, 1, 1, 1, 1, 1, 1, 9, 1, 1, 1, 5, 5, 5, 1, 1, 1, 1, // 20
+    9, 5, 7, 7, 6, 6, 1, 9, 4, 1, 1, 1, 9, 1, 1, 5, 5, 1, 1, 1, // 40
+    1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, // 60
+    1, 1, 5, 9, 1, 1, 1, 1, 9, 9, 9, 1, 2, 1, 6, 9, 1, 1, 9, 2, // 80
+    1, 1, 1, 9, 5, 5, 7, 7, 7, 1, 1, 1, 1, 1, 1, 9, 1, 1, 1, 1, // 100
+    1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 5, 5, // 120
+    1, 1, 1, 1, 1, 1, 1, 1, 1, 9, 1, 1, 5, 5, 5, 5, 5, 5, 4, 5, // 140
+    5, 9, 9, 5, 4, 9, 1, 1, 1, 1, 1, 1, 1, 9, 9, 1, 5, 1, 1, 1, // 160
+    1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, // 180
+    1,                                                          // 200
+};
+static_assert(std::size(class_of) == 201);
+
+// An entry as build_phys_entry hands it on, with a type and capabilities; it
+// frees what it owns.
+class owned_entry
+{
+  public:
+    explicit owned_entry(const char *name, uint32_t type = 200,
+                         std::initializer_list<fake_capability> capabilities = {})
+    {
+        const fake_component c = component(name ? name : "", type, capabilities);
+        std::copy(c.capabilities.begin(), c.capabilities.end(), entry_.capiCaps);
+        entry_.capiComponentType = type;
+        entry_.entPhysicalIndex = 1;
+        entry_.entPhysicalName = name ? fake_system::heap_text(name) : nullptr;
+        entry_.holderCol2 = static_cast<char *>(fake_system::heap_block(HOLDER_TEXT_SIZE));
+        entry_.holderCol2[0] = '\0';
+    }
+    ~owned_entry()
+    {
+        for (char *text :
+             {entry_.entPhysicalName, entry_.entPhysicalHardwareRev, entry_.entPhysicalFirmwareRev,
+              entry_.entPhysicalSoftwareRev, entry_.entPhysicalSerialNum, entry_.entPhysicalMfgName,
+              entry_.entPhysicalModelName, entry_.entPhysicalAlias, entry_.entPhysicalAssetID,
+              entry_.holderCol2}) {
+            free(text);
+        }
+    }
+    owned_entry(const owned_entry &) = delete;
+    owned_entry &operator=(const owned_entry &) = delete;
+    phys_entry *operator->() { return &entry_; }
+    phys_entry *get() { return &entry_; }
+
+  private:
+    phys_entry entry_ = {};
+};
+
+class static_fields : public cache_test
+{
+  protected:
+    static_fields()
+    {
+        set_text(platform->product.model, "product model");
+        set_text(platform->product.serial, "product serial");
+        set_text(platform->product.description, "product description");
+        set_text(platform->chassis.model, "chassis model");
+        set_text(platform->chassis.serial, "chassis serial");
+        set_text(platform->chassis.description, "chassis description");
+        set_text(platform->chassis.manufacturer, "chassis maker");
+        no_version_file();
+    }
+
+    void build_one(uint32_t type, std::initializer_list<fake_capability> capabilities = {},
+                   const char *name = "/SYS/X")
+    {
+        reset();
+        platform->components = {component("/SYS", plain), component(name, type, capabilities)};
+        init_local_cache();
+        ASSERT_NE(entry(), nullptr);
+    }
+
+    static phys_entry *entry() { return get_entry(2); }
+
+    void build_sensor(const capi_sensor_record &record, uint32_t type = sensor_type)
+    {
+        platform->sensor_types = {type};
+        platform->sensors["/SYS/X"] = record;
+        build_one(type);
+    }
+
+    static capi_fru_record fru()
+    {
+        capi_fru_record record = {};
+        set_text(record.model, "fru model");
+        set_text(record.manufacturer, "fru maker");
+        set_text(record.serial, "fru serial");
+        set_text(record.alias, "fru alias");
+        set_text(record.software_revision, "fru software");
+        return record;
+    }
+
+    // ---- The version file, which no test may take from the machine ----
+
+    static constexpr const char *version_path = "/etc/static_conf/version.dat";
+
+    static std::string scratch_path()
+    {
+        return testing::TempDir() + "kavplat_version_" + std::to_string(getpid());
+    }
+    void no_version_file() { fake_system::redirect_path(version_path, scratch_path() + ".absent"); }
+    std::string revision_from(const std::string &content)
+    {
+        const std::string path = scratch_path();
+        std::ofstream(path, std::ios::binary) << content;
+        fake_system::redirect_path(version_path, path);
+        owned_entry e("/SYS", CAPI_TYPE_SYSTEM);
+        EXPECT_EQ(snmp_read_product_info(e.get()), 0);
+        EXPECT_EQ(std::remove(path.c_str()), 0);
+        no_version_file();
+        return e->entPhysicalFirmwareRev ? e->entPhysicalFirmwareRev : "(null)";
+    }
+    static std::string default_revision()
+    {
+        return std::string("System Firmware : dev build ") + kavplat::build_user + " (r108523) " +
+               kavplat::build_date;
+    }
+};
+
+// ---- read_static_data ----
+
+TEST_F(static_fields, without_an_entry)
+{
+    const agent_log log;
+    read_static_data(nullptr, 3);
+    get_static_fields(nullptr);
+    EXPECT_EQ(log.texts(LOG_ERR), (strings{"read_static_data:FAILED:entry NULL\n",
+                                           "get_static_fields:FAILED:entry NULL\n"}));
+    EXPECT_TRUE(platform.all_calls().empty());
+}
+
+TEST_F(static_fields, description)
+{
+    platform->descriptions[plain] = "a very plain component";
+    build_one(plain);
+    EXPECT_STREQ(entry()->entPhysicalDescr, "a very plain component");
+    platform->descriptions[plain] = std::string(300, 'd');
+    build_one(plain);
+    EXPECT_EQ(entry()->entPhysicalDescr, std::string(255, 'd'));
+}
+
+TEST_F(static_fields, a_failed_or_null_description_is_the_empty_text)
+{
+    platform->descriptions[plain] = std::nullopt;
+    build_one(plain);
+    EXPECT_STREQ(entry()->entPhysicalDescr, "");
+    platform->fail["capi_get_component_desc_str"] = -1; // and leaves a wild pointer
+    build_one(plain);
+    EXPECT_STREQ(entry()->entPhysicalDescr, "");
+}
+
+TEST_F(static_fields, each_component_type_has_its_class)
+{
+    for (uint32_t type = 0; type < std::size(class_of); type++) {
+        build_one(type);
+        EXPECT_EQ(entry()->entPhysicalClass, class_of[type]) << "type " << type;
+        EXPECT_STREQ(entry()->holderCol2, class_of[type] == 5 ? "component" : "") << type;
+        EXPECT_EQ(entry()->equipmentCol4, class_of[type] == 2 ? 1 : 2) << type;
+        EXPECT_EQ(entry()->platPhysicalClass, 1) << type;
+        EXPECT_EQ(entry()->sensorKind, 0) << type;
+    }
+    for (const uint32_t type : {255U, 256U, 432U, 65536U + 12U, 0x80000000U, 0xFFFFFFFFU}) {
+        build_one(type);
+        EXPECT_EQ(entry()->entPhysicalClass, 1) << "type " << type;
+    }
+}
+
+TEST_F(static_fields, only_chassis_types_and_the_midplane_ask_for_identity)
+{
+    for (uint32_t type = 0; type < std::size(class_of); type++) {
+        platform.forget_calls();
+        build_one(type);
+        const size_t product = type == 2 || type == 3 ? 1 : 0;
+        const size_t chassis = type == 59 ? 1 : 0;
+        EXPECT_EQ(platform.calls("capi_get_product_ops_info"), product) << type;
+        EXPECT_EQ(platform.calls("capi_get_product_vantor_id", "51"), product) << type;
+        EXPECT_EQ(platform.calls("capi_get_chassis_ops_info"), chassis) << type;
+        EXPECT_EQ(platform.calls("capi_get_chassis_vantor_id", "51"), chassis) << type;
+        EXPECT_EQ(platform.calls("capi_get_product_vantor_id"), product) << type;
+        EXPECT_EQ(platform.calls("capi_get_chassis_vantor_id"), chassis) << type;
+    }
+}
+
+TEST_F(static_fields, class_traces)
+{
+    const auto traced_for = [&](uint32_t type) {
+        platform->components = {component("/SYS", type)};
+        reset();
+        const agent_log log({"kavdata::cache", "trace"});
+        init_local_cache();
+        strings texts;
+        for (const std::string &text : log.debug_texts("kavdata::cache")) {
+            if (text.find("_TYPE") != std::string::npos) {
+                texts.push_back(text);
+                EXPECT_TRUE(log.traced("kavdata::cache", text, "read_static_data", "kavdata"));
+            }
+        }
+        return texts;
+    };
+    const std::string system = "SYS_TYPE (unless prev line said CHASSIS)\n";
+    EXPECT_EQ(traced_for(2), (strings{"CHASSIS_TYPE\n", system}));
+    EXPECT_EQ(traced_for(3), strings{system});
+    EXPECT_EQ(traced_for(59), strings{"MIDPLANE_TYPE\n"});
+    EXPECT_EQ(traced_for(60), strings());
+}
+
+TEST_F(static_fields, the_type_is_traced_with_its_class_and_description)
+{
+    platform->descriptions[12] = "a fan";
+    platform->components = {component("/SYS", plain), component("/SYS/X", 12)};
+    const agent_log log({"kavdata::cache", "trace"});
+    init_local_cache();
+    const std::string text = "capi type   12 -> entPhysClass 7: a fan\n";
+    EXPECT_TRUE(log.traced("kavdata::cache", text, "read_static_data", "kavdata"));
+    EXPECT_TRUE(log.traced("kavdata::cache", "read_static_data:init entPhysicalDescr:[a fan]\n",
+                           "read_static_data", "kavdata"));
+}
+
+TEST_F(static_fields, an_indicator_type_is_other_and_an_indicator)
+{
+    platform->indicator_types = {12};
+    build_one(12); // else a fan
+    EXPECT_EQ(entry()->entPhysicalClass, 1);
+    EXPECT_EQ(entry()->platPhysicalClass, 2);
+    // Who cannot say is no indicator, whatever was left in the flag.
+    platform->fail["capi_is_indicator_type"] = -1;
+    build_one(12);
+    EXPECT_EQ(entry()->entPhysicalClass, 7);
+    EXPECT_EQ(entry()->platPhysicalClass, 1);
+}
+
+// ---- Sensors ----
+
+TEST_F(static_fields, a_sensor_type_goes_before_an_indicator_type)
+{
+    platform->indicator_types = {sensor_type};
+    build_sensor(threshold_sensor(0, 0.0F));
+    EXPECT_EQ(entry()->entPhysicalClass, 8);
+    EXPECT_EQ(entry()->platPhysicalClass, 1);
+    platform->fail["capi_is_sensor_type"] = 1;
+    build_one(sensor_type);
+    EXPECT_EQ(entry()->entPhysicalClass, 1);
+    EXPECT_EQ(entry()->platPhysicalClass, 2);
+    EXPECT_EQ(entry()->sensorCol2, 2);
+}
+
+TEST_F(static_fields, a_sensor_of_which_nothing_is_known_stays_a_sensor)
+{
+    platform->fail["capi_get_sensor_info"] = -8;
+    capi_sensor_record record = threshold_sensor(CAPI_SENSOR_HUMIDITY, 0.0F);
+    record.units = CAPI_UNITS_PERCENT;
+    const agent_log log;
+    build_sensor(record);
+    EXPECT_EQ(entry()->entPhysicalClass, 8);
+    EXPECT_EQ(entry()->sensorCol2, 1);
+    EXPECT_EQ(entry()->sensorKind, 0);
+    EXPECT_EQ(entry()->numericSensorCol1, 1);
+    EXPECT_EQ(entry()->thresholdMask, 0xFC);
+    EXPECT_EQ(platform.calls("capi_get_sensor_info", "/SYS/X"), 1U);
+    EXPECT_EQ(platform.calls("capi_get_sensor"), 0U);
+}
+
+TEST_F(static_fields, a_slot_identity_is_numeric_and_no_more)
+{
+    capi_sensor_record record = threshold_sensor(CAPI_SENSOR_HUMIDITY, 0.0F);
+    record.units = CAPI_UNITS_PERCENT;
+    record.upper_fatal = 50.0F;
+    const agent_log log({"kavdata::sensor", "trace"});
+    build_sensor(record, CAPI_TYPE_SLOT_IDENTITY);
+    EXPECT_EQ(entry()->entPhysicalClass, 8);
+    EXPECT_EQ(entry()->sensorKind, 2);
+    EXPECT_EQ(entry()->sensorCol2, 1);
+    EXPECT_EQ(entry()->numericSensorCol1, 1);
+    EXPECT_EQ(entry()->numericSensorCol13, 0);
+    EXPECT_EQ(entry()->thresholdMask, 0xFC);
+    EXPECT_EQ(log.debug_texts("kavdata::sensor"), strings{"read_static_data:SLOTID\n"});
+    EXPECT_TRUE(
+        log.traced("kavdata::sensor", "read_static_data:SLOTID\n", "read_static_data", "kavdata"));
+}
+
+TEST_F(static_fields, a_sensor_record_type_of_26_is_no_slot_identity)
+{
+    build_sensor(discrete_sensor(26, 0.0F));
+    EXPECT_EQ(entry()->sensorKind, 1);
+}
+
+TEST_F(static_fields, a_discrete_sensor_is_binary_of_its_type)
+{
+    const std::map<int32_t, std::pair<const char *, int>> known = {{7, {"PRESENCE", 12}},
+                                                                   {2, {"VOLTAGE", 4}},
+                                                                   {1, {"TEMPERATURE", 3}},
+                                                                   {3, {"CURRENT", 5}},
+                                                                   {4, {"TACHOMETER", 6}}};
+    for (int32_t type = -1; type <= 30; type++) {
+        capi_sensor_record record = discrete_sensor(type, 2.0F);
+        record.units = CAPI_UNITS_RPM;
+        record.upper_fatal = 9.0F;
+        const agent_log log({"kavdata::sensor", "trace"});
+        build_sensor(record);
+        const auto found = known.find(type);
+        const char *what = found != known.end() ? found->second.first : "OTHER";
+        EXPECT_EQ(entry()->sensorKind, 1) << type;
+        EXPECT_EQ(entry()->sensorCol2, found != known.end() ? found->second.second : 1) << type;
+        EXPECT_EQ(entry()->numericSensorCol1, 1) << type;
+        EXPECT_EQ(entry()->numericSensorCol13, 0) << type;
+        const std::string text = text_of("read_static_data:%s\n", what);
+        EXPECT_EQ(log.debug_texts("kavdata::sensor"), strings{text});
+        EXPECT_TRUE(log.traced("kavdata::sensor", text, "read_static_data", "kavdata"));
+    }
+}
+
+TEST_F(static_fields, a_numeric_sensor_has_type_and_base_units_of_its_units)
+{
+    const std::map<int32_t, std::pair<int, int>> known = {
+        {1, {3, 3}}, {2, {3, 4}},  {3, {3, 5}},  {4, {4, 6}},  {5, {5, 7}},
+        {6, {1, 8}}, {7, {6, 20}}, {8, {1, 21}}, {9, {1, 66}}, {10, {1, 24}},
+    };
+    for (int32_t units = -1; units <= 30; units++) {
+        for (const int32_t type : {1, 4, 7, 19}) {
+            capi_sensor_record record = threshold_sensor(type, 1.0F);
+            record.units = units;
+            build_sensor(record);
+            const auto found = known.find(units);
+            const auto [of_units, base] =
+                found != known.end() ? found->second : std::pair<int, int>{1, 1};
+            EXPECT_EQ(entry()->sensorKind, 2) << units;
+            EXPECT_EQ(entry()->sensorCol2, type == 19 ? 10 : of_units) << units;
+            EXPECT_EQ(entry()->numericSensorCol1, base) << units;
+        }
+    }
+}
+
+TEST_F(static_fields, a_numeric_sensor_has_its_thresholds_from_the_start)
+{
+    capi_sensor_record record = threshold_sensor(CAPI_SENSOR_TEMPERATURE, 20.0F);
+    record.upper_fatal = 90.9F;
+    record.lower_non_critical = -5.9F;
+    record.flags = CAPI_UPPER_FATAL_VALID | CAPI_LOWER_NON_CRITICAL_VALID;
+    const agent_log log({"kavdata::sensor", "trace"});
+    build_sensor(record);
+    EXPECT_EQ(entry()->numericSensorCol13, 90);
+    EXPECT_EQ(entry()->numericSensorCol8, -5);
+    EXPECT_EQ(entry()->thresholdMask, 0x84);
+    EXPECT_EQ(
+        log.debug_texts("kavdata::sensor"),
+        (strings{"read_static_data:NUMERIC\n", "utf=90, utc=0, utnc=0, ltf=0, ltc=0, ltnc=-5\n"}));
+    EXPECT_TRUE(
+        log.traced("kavdata::sensor", "read_static_data:NUMERIC\n", "read_static_data", "kavdata"));
+}
+
+TEST_F(static_fields, a_sensor_of_another_class_is_no_more_than_a_sensor)
+{
+    for (const int32_t sensor_class : {0, 3, -1}) {
+        capi_sensor_record record = threshold_sensor(CAPI_SENSOR_HUMIDITY, 0.0F);
+        record.sensor_class = sensor_class;
+        record.units = CAPI_UNITS_RPM;
+        const agent_log log({"kavdata::sensor"});
+        build_sensor(record);
+        EXPECT_EQ(entry()->sensorKind, 0);
+        EXPECT_EQ(entry()->sensorCol2, 1);
+        EXPECT_EQ(entry()->numericSensorCol1, 1);
+        EXPECT_EQ(log.debug_texts("kavdata::sensor"), strings());
+    }
+}
+
+// ---- Chassis, system and midplane ----
+
+TEST_F(static_fields, the_system_takes_the_product_texts)
+{
+    for (const uint32_t type : {2U, 3U}) {
+        build_one(type);
+        EXPECT_EQ(entry()->entPhysicalClass, 3);
+        EXPECT_STREQ(entry()->entPhysicalSerialNum, "product serial");
+        EXPECT_STREQ(entry()->entPhysicalModelName, "product model");
+        EXPECT_STREQ(entry()->entPhysicalMfgName, "Telvane Corporation");
+        EXPECT_STREQ(entry()->entPhysicalDescr, "product description");
+        EXPECT_EQ(entry()->entPhysicalFirmwareRev, default_revision());
+        EXPECT_STREQ(entry()->entPhysicalAlias, "product-id");
+        EXPECT_EQ(entry()->entPhysicalSoftwareRev, nullptr);
+    }
+}
+
+TEST_F(static_fields, the_midplane_takes_the_chassis_texts)
+{
+    build_one(CAPI_TYPE_MIDPLANE);
+    EXPECT_EQ(entry()->entPhysicalClass, 1);
+    EXPECT_STREQ(entry()->entPhysicalSerialNum, "chassis serial");
+    EXPECT_STREQ(entry()->entPhysicalModelName, "chassis model");
+    EXPECT_STREQ(entry()->entPhysicalMfgName, "chassis maker");
+    EXPECT_STREQ(entry()->entPhysicalDescr, "chassis description");
+    EXPECT_STREQ(entry()->entPhysicalAlias, "chassis-id");
+    EXPECT_EQ(entry()->entPhysicalFirmwareRev, nullptr);
+}
+
+TEST_F(static_fields, the_fru_alias_of_the_system_gives_way_to_the_vantor_id)
+{
+    platform->frus["/SYS/X"] = fru();
+    build_one(CAPI_TYPE_SYSTEM, {fru_info});
+    EXPECT_STREQ(entry()->entPhysicalAlias, "product-id");
+    platform->fail["capi_get_product_vantor_id"] = -1;
+    build_one(CAPI_TYPE_SYSTEM, {fru_info});
+    EXPECT_STREQ(entry()->entPhysicalAlias, "fru alias");
+    // Nothing else of the FRU record, and no FRU record without the capability.
+    EXPECT_STREQ(entry()->entPhysicalSerialNum, "product serial");
+    EXPECT_EQ(entry()->entPhysicalSoftwareRev, nullptr);
+    platform.forget_calls();
+    build_one(CAPI_TYPE_SYSTEM);
+    EXPECT_EQ(entry()->entPhysicalAlias, nullptr);
+    EXPECT_EQ(platform.calls("capi_get_fru_info"), 0U);
+    platform->fail["capi_get_fru_info"] = -1;
+    const agent_log log;
+    build_one(CAPI_TYPE_SYSTEM, {fru_info});
+    EXPECT_EQ(entry()->entPhysicalAlias, nullptr);
+    EXPECT_EQ(log.texts(LOG_ERR), strings());
+}
+
+TEST_F(static_fields, a_vantor_id_is_cut_to_31_characters)
+{
+    platform->product_vantor_id = std::string(60, 'v');
+    const agent_log log;
+    build_one(CAPI_TYPE_SYSTEM);
+    EXPECT_EQ(entry()->entPhysicalAlias, std::string(31, 'v'));
+    // The buffer takes 50 of them.
+    EXPECT_EQ(log.texts(LOG_ERR), strings{"replaceString:source string length (50)exceeds "
+                                          "maximum (32) and will be truncated\n"});
+}
+
+TEST_F(static_fields, no_product_texts)
+{
+    platform->fail["capi_get_product_ops_info"] = -3;
+    {
+        const agent_log log;
+        owned_entry e("/SYS");
+        EXPECT_EQ(snmp_read_product_info(e.get()), -1);
+        EXPECT_EQ(log.texts(LOG_ERR),
+                  strings{"snmp_read_product_info:FAILED:capi_get_product_ops_info\n"});
+        EXPECT_EQ(e->entPhysicalSerialNum, nullptr);
+        EXPECT_EQ(e->entPhysicalMfgName, nullptr);
+        EXPECT_EQ(e->entPhysicalFirmwareRev, nullptr);
+    }
+    build_one(CAPI_TYPE_SYSTEM); // the entry is kept, and has its vantor id
+    EXPECT_STREQ(entry()->entPhysicalDescr, "a component");
+    EXPECT_STREQ(entry()->entPhysicalAlias, "product-id");
+}
+
+TEST_F(static_fields, product_texts_without_entry_or_name)
+{
+    const agent_log log;
+    owned_entry nameless(nullptr);
+    EXPECT_EQ(snmp_read_product_info(nullptr), -1);
+    EXPECT_EQ(snmp_read_product_info(nameless.get()), -1);
+    EXPECT_EQ(log.texts(LOG_ERR),
+              (strings{"snmp_read_product_info:FAILED:entry NULL\n",
+                       "snmp_read_product_info:FAILED:entPhysicalName NULL\n"}));
+    EXPECT_EQ(platform.calls("capi_get_product_ops_info"), 0U);
+}
+
+TEST_F(static_fields, no_chassis_texts)
+{
+    const agent_log log;
+    add_chassis_info(nullptr);
+    EXPECT_EQ(log.texts(LOG_ERR), strings{"add_chassis_info:FAILED:entry NULL\n"});
+    platform->fail["capi_get_chassis_ops_info"] = -3;
+    owned_entry e("/SYS/MID");
+    add_chassis_info(e.get());
+    EXPECT_TRUE(log.has(LOG_ERR, "add_chassis_info:FAILED:capi_get_chassis_ops_info\n"));
+    EXPECT_EQ(e->entPhysicalModelName, nullptr);
+    EXPECT_STREQ(e->entPhysicalDescr, "");
+    platform->fail["capi_get_chassis_vantor_id"] = -3;
+    build_one(CAPI_TYPE_MIDPLANE);
+    EXPECT_EQ(entry()->entPhysicalAlias, nullptr);
+}
+
+// ---- FRU texts ----
+
+TEST_F(static_fields, fru_texts)
+{
+    platform->frus["/SYS/X"] = fru();
+    const agent_log log({"kavdata::fruid", "trace"});
+    owned_entry e("/SYS/X");
+    EXPECT_EQ(snmp_read_fru(e.get()), 0);
+    EXPECT_STREQ(e->entPhysicalModelName, "fru model");
+    EXPECT_STREQ(e->entPhysicalMfgName, "fru maker");
+    EXPECT_STREQ(e->entPhysicalSerialNum, "fru serial");
+    EXPECT_STREQ(e->entPhysicalAlias, "fru alias");
+    EXPECT_STREQ(e->entPhysicalSoftwareRev, "fru software");
+    EXPECT_EQ(e->entPhysicalHardwareRev, nullptr);
+    EXPECT_EQ(e->entPhysicalFirmwareRev, nullptr);
+    EXPECT_EQ(e->entPhysicalAssetID, nullptr);
+    EXPECT_TRUE(log.traced("kavdata::fruid", "snmp_read_fru:entPhysicalName:[/SYS/X]\n",
+                           "snmp_read_fru", "kavdata"));
+}
+
+TEST_F(static_fields, no_fru_texts)
+{
+    const agent_log log;
+    owned_entry e("/SYS/X");
+    owned_entry nameless(nullptr);
+    EXPECT_EQ(snmp_read_fru(nullptr), -1);
+    EXPECT_EQ(snmp_read_fru(nameless.get()), -1);
+    EXPECT_EQ(snmp_read_fru(e.get()), -1);
+    EXPECT_EQ(log.texts(LOG_ERR),
+              (strings{"snmp_read_fru:FAILED:entry NULL\n",
+                       "snmp_read_fru:FAILED:entry->entPhysicalName NULL\n",
+                       "snmp_read_fru:FAILED:capi_get_fru_info for entPhysicalName /SYS/X\n"}));
+    EXPECT_EQ(e->entPhysicalSerialNum, nullptr);
+}
+
+TEST_F(static_fields, a_serial_number_of_40_characters_keeps_31)
+{
+    capi_fru_record record = fru();
+    const std::string serial = "0123456789012345678901234567890123456789";
+    set_text(record.serial, serial);
+    set_text(record.alias, std::string(32, 'a')); // as long as the maximum: cut in silence
+    set_text(record.model, std::string(79, 'm'));
+    platform->frus["/SYS/X"] = record;
+    const agent_log log;
+    owned_entry e("/SYS/X");
+    EXPECT_EQ(snmp_read_fru(e.get()), 0);
+    EXPECT_EQ(e->entPhysicalSerialNum, serial.substr(0, 31));
+    EXPECT_EQ(e->entPhysicalAlias, std::string(31, 'a'));
+    EXPECT_EQ(e->entPhysicalModelName, std::string(79, 'm'));
+    EXPECT_EQ(log.texts(LOG_ERR), strings{"replaceString:source string length (40)exceeds "
+                                          "maximum (32) and will be truncated\n"});
+}
+
+TEST_F(static_fields, texts_without_an_end_stay_within_their_fields)
+{
+    capi_fru_record record;
+    memset(&record, 'f', sizeof record);
+    platform->frus["/SYS/X"] = record;
+    memset(&platform->product, 'p', sizeof platform->product);
+    memset(&platform->chassis, 'c', sizeof platform->chassis);
+    const std::string long_text(79, 'f');
+    owned_entry e("/SYS/X");
+    EXPECT_EQ(snmp_read_fru(e.get()), 0);
+    EXPECT_EQ(e->entPhysicalModelName, long_text);
+    EXPECT_EQ(e->entPhysicalMfgName, long_text);
+    EXPECT_EQ(e->entPhysicalSoftwareRev, long_text);
+    EXPECT_EQ(snmp_read_product_info(e.get()), 0);
+    EXPECT_EQ(e->entPhysicalDescr, std::string(79, 'p'));
+    add_chassis_info(e.get());
+    EXPECT_EQ(e->entPhysicalDescr, std::string(79, 'c'));
+    EXPECT_EQ(e->entPhysicalMfgName, std::string(79, 'c'));
+}
+
+// ---- Texts ----
+
+TEST_F(static_fields, replacing_a_text)
+{
+    char *text = nullptr;
+    const agent_log log({"kavdata::fruid", "trace"});
+    replaceString(&text, "first", 32);
+    EXPECT_STREQ(text, "first");
+    EXPECT_GE(malloc_usable_size(text), 33U);
+    replaceString(&text, "second", 32);
+    EXPECT_STREQ(text, "second");
+    replaceString(&text, nullptr, 32);
+    EXPECT_STREQ(text, "");
+    EXPECT_EQ(log.debug_texts("kavdata::fruid"),
+              (strings{"replaceString:old value:[NULL]\n", "replaceString:new value:[first]\n",
+                       "replaceString:old value:[first]\n", "replaceString:new value:[second]\n",
+                       "replaceString:old value:[second]\n", "src string NULL",
+                       "replaceString:new value:[]\n"}));
+    EXPECT_EQ(log.texts(LOG_ERR), strings());
+    free(text);
+}
+
+TEST_F(static_fields, a_text_keeps_one_character_less_than_its_maximum)
+{
+    char *text = nullptr;
+    const agent_log log;
+    replaceString(&text, "1234567", 8);
+    EXPECT_STREQ(text, "1234567");
+    replaceString(&text, "12345678", 8);
+    EXPECT_STREQ(text, "1234567");
+    EXPECT_EQ(log.texts(LOG_ERR), strings());
+    replaceString(&text, "123456789", 8);
+    EXPECT_STREQ(text, "1234567");
+    EXPECT_EQ(log.texts(LOG_ERR), strings{"replaceString:source string length (9)exceeds maximum "
+                                          "(8) and will be truncated\n"});
+    free(text);
+}
+
+TEST_F(static_fields, no_memory_for_a_text_leaves_null)
+{
+    char *text = fake_system::heap_text("old");
+    const agent_log log;
+    fake_system::fail_allocation(1);
+    replaceString(&text, "new", 8);
+    EXPECT_EQ(text, nullptr);
+    EXPECT_EQ(log.texts(LOG_ERR), strings{"replaceString:FAILED:calloc\n"});
+}
+
+// ---- Firmware revision ----
+
+TEST_F(static_fields, without_a_version_file_the_revision_is_the_default)
+{
+    owned_entry e("/SYS", CAPI_TYPE_SYSTEM);
+    EXPECT_EQ(snmp_read_product_info(e.get()), 0);
+    EXPECT_EQ(e->entPhysicalFirmwareRev, default_revision());
+    EXPECT_GE(malloc_usable_size(e->entPhysicalFirmwareRev), 255U);
+}
+
+TEST_F(static_fields, the_first_line_of_the_version_file)
+{
+    EXPECT_EQ(revision_from("@(#)5.0.1\n"), "5.0.1\n");
+    EXPECT_EQ(revision_from("@(#)5.0.1\nsecond\n"), "5.0.1\n");
+    EXPECT_EQ(revision_from("@(#)5.0.1"), "5.0.1");
+    EXPECT_EQ(revision_from("@abcd\n"), "d\n"); // only the '@' is looked at
+}
+
+TEST_F(static_fields, a_version_file_that_says_nothing_keeps_the_default)
+{
+    EXPECT_EQ(revision_from("5.0.1\n"), default_revision());
+    EXPECT_EQ(revision_from(" @(#)5.0.1\n"), default_revision());
+    EXPECT_EQ(revision_from("first\n@(#)5.0.1\n"), default_revision());
+    EXPECT_EQ(revision_from(""), default_revision());
+    EXPECT_EQ(revision_from("\n"), default_revision());
+    EXPECT_EQ(revision_from(std::string("\0@(#)5.0.1\n", 11)), default_revision());
+}
+
+TEST_F(static_fields, a_short_first_line_is_safe)
+{
+    EXPECT_EQ(revision_from("@"), "");
+    EXPECT_EQ(revision_from("@\n"), "");
+    EXPECT_EQ(revision_from("@(#"), "");
+    EXPECT_EQ(revision_from("@(#\n"), "");
+    EXPECT_EQ(revision_from("@(#)"), "");
+    EXPECT_EQ(revision_from("@(#)\n"), "\n");
+}
+
+TEST_F(static_fields, at_most_127_characters_are_read)
+{
+    const std::string line = "@(#)" + std::string(300, 'v') + "\n";
+    EXPECT_EQ(revision_from(line), std::string(123, 'v'));
+}
+
+TEST_F(static_fields, the_version_file_is_closed)
+{
+    FILE *opened = nullptr;
+    fake_system::on_fopen.set([&](const char *path, const char *mode) {
+        EXPECT_STREQ(path, version_path);
+        EXPECT_STREQ(mode, "r");
+        static char content[] = "@(#)9.9\n";
+        opened = fmemopen(content, sizeof content - 1, "r");
+        return opened;
+    });
+    fake_system::on_stat.set([](const char *, struct stat *status) {
+        status->st_mode = S_IFREG;
+        return 0;
+    });
+    owned_entry e("/SYS", CAPI_TYPE_SYSTEM);
+    EXPECT_EQ(snmp_read_product_info(e.get()), 0);
+    EXPECT_STREQ(e->entPhysicalFirmwareRev, "9.9\n");
+    EXPECT_NE(opened, nullptr); // which LeakSanitizer would miss
+}
+
+TEST_F(static_fields, anything_but_a_file_is_not_opened)
+{
+    fake_system::on_stat.set([](const char *, struct stat *status) {
+        status->st_mode = S_IFIFO;
+        return 0;
+    });
+    owned_entry e("/SYS", CAPI_TYPE_SYSTEM);
+    EXPECT_EQ(snmp_read_product_info(e.get()), 0);
+    EXPECT_EQ(e->entPhysicalFirmwareRev, default_revision());
+    EXPECT_EQ(fake_system::on_fopen.calls(), 0U);
+}
+
+TEST_F(static_fields, a_version_file_that_cannot_be_opened_keeps_the_default)
+{
+    fake_system::on_stat.set([](const char *, struct stat *status) {
+        status->st_mode = S_IFREG;
+        return 0;
+    });
+    fake_system::on_fopen.set([](const char *, const char *) -> FILE * { return nullptr; });
+    owned_entry e("/SYS", CAPI_TYPE_SYSTEM);
+    EXPECT_EQ(snmp_read_product_info(e.get()), 0);
+    EXPECT_EQ(e->entPhysicalFirmwareRev, default_revision());
+}
+
+// ---- get_static_fields ----
+
+// Each capability bit alone, on a component of a type that means nothing: the
+// fields that follow from the bits, before which all are marked.
+TEST_F(static_fields, each_capability_bit_has_its_effect)
+{
+    for (int byte = 0; byte < 10; byte++) {
+        for (int bit = 0; bit < 8; bit++) {
+            const int mask = 1 << bit;
+            SCOPED_TRACE(text_of("byte %d mask %#x", byte, static_cast<unsigned>(mask)));
+            owned_entry e("/SYS/X", plain, {{byte, mask}});
+            e->entPhysicalIsFRU = 90;
+            e->equipmentCol2 = 91;
+            e->holderCol1 = 92;
+            e->holderCol3 = 93;
+            e->circuitPackValue1 = 94;
+            e->circuitPackValue2 = 95;
+            platform.forget_calls();
+            get_static_fields(e.get());
+            const auto is = [&](int b, int m) { return byte == b && (mask & m) != 0; };
+            const bool fru = is(4, 0x02) || is(6, 0x02);
+            const bool power = is(3, 0x06) || is(9, 0x01);
+            EXPECT_EQ(e->entPhysicalIsFRU, fru ? 1 : 90);
+            EXPECT_EQ(e->equipmentCol2, is(0, 0x04) || is(3, 0x0E) ? 2 : 91);
+            EXPECT_EQ(e->holderCol1, is(2, 0x08) ? 4 : 92);
+            EXPECT_EQ(e->holderCol3, is(2, 0x08) ? 2 : 93);
+            EXPECT_EQ(e->circuitPackValue1, fru || is(2, 0x02) || power ? 1 : 94);
+            EXPECT_EQ(e->circuitPackValue2, power ? 1 : 95);
+            EXPECT_EQ(platform.calls("capi_get_fru_info", "/SYS/X"), is(4, 0x02) ? 1U : 0U);
+            EXPECT_EQ(platform.calls("capi_get_sensor"), 0U);
+        }
+    }
+}
+
+TEST_F(static_fields, chassis_system_and_midplane_are_frus_without_fru_texts)
+{
+    for (const uint32_t type : {2U, 3U, 59U, 60U}) {
+        platform->frus["/SYS/X"] = fru();
+        owned_entry e("/SYS/X", type, {fru_info});
+        platform.forget_calls();
+        get_static_fields(e.get());
+        EXPECT_EQ(e->entPhysicalIsFRU, 1);
+        EXPECT_EQ(e->circuitPackValue1, 1);
+        EXPECT_EQ(platform.calls("capi_get_fru_info"), type == 60 ? 1U : 0U) << type;
+        EXPECT_EQ(e->entPhysicalModelName != nullptr, type == 60) << type;
+    }
+}
+
+TEST_F(static_fields, a_fru_whose_texts_fail_is_a_fru)
+{
+    const agent_log log;
+    build_one(plain, {fru_info});
+    EXPECT_EQ(entry()->entPhysicalIsFRU, 1);
+    EXPECT_EQ(entry()->circuitPackValue1, 1);
+    EXPECT_EQ(log.texts(LOG_ERR),
+              strings{"snmp_read_fru:FAILED:capi_get_fru_info for entPhysicalName /SYS/X\n"});
+}
+
+TEST_F(static_fields, a_holder_of_chassis_or_system_type)
+{
+    for (const auto &[type, kind] : {std::pair{2U, 5}, {3U, 5}, {59U, 4}, {14U, 4}, {200U, 4}}) {
+        owned_entry e("/SYS/X", type, {{CAPI_CAP_HOLDER_BYTE, CAPI_CAP_HOLDER}});
+        get_static_fields(e.get());
+        EXPECT_EQ(e->holderCol1, kind) << type;
+        EXPECT_EQ(e->holderCol3, 2) << type;
+    }
+}
+
+TEST_F(static_fields, a_drive_bay_knows_whether_it_is_filled)
+{
+    const auto bay = [&](const char *name, uint32_t type, uint8_t raw, uint16_t status) {
+        capi_sensor_record record = discrete_sensor(CAPI_SENSOR_PRESENCE, 2.0F);
+        record.raw_reading = raw;
+        record.reserved1 = 0xEE; // not looked at
+        record.reading_status = status;
+        platform->sensors[std::string(name) + "/PRSNT"] = record;
+        owned_entry e(name, type, {{CAPI_CAP_HOLDER_BYTE, CAPI_CAP_HOLDER}});
+        get_static_fields(e.get());
+        return e->holderCol3;
+    };
+    EXPECT_EQ(bay("/SYS/HDD0", 14, 1, 0), 1);
+    EXPECT_EQ(bay("/SYS/HDD", 14, 1, 0), 1);
+    EXPECT_EQ(bay("/SYS/HDD12", 14, 1, 0), 1);  // 10 characters
+    EXPECT_EQ(bay("/SYS/HDD123", 14, 1, 0), 2); // 11
+    EXPECT_EQ(bay("/SYS/HD0", 14, 1, 0), 2);
+    EXPECT_EQ(bay("/SYS/hdd0", 14, 1, 0), 2);
+    EXPECT_EQ(bay("X/SYS/HDD", 14, 1, 0), 2);
+    EXPECT_EQ(bay("/SYS/HDD0", 15, 1, 0), 2);
+    EXPECT_EQ(bay("/SYS/HDD0", 14, 0, 0), 2);
+    EXPECT_EQ(bay("/SYS/HDD0", 14, 2, 0), 2);
+    EXPECT_EQ(bay("/SYS/HDD0", 14, 1, 1), 2);
+    EXPECT_EQ(bay("/SYS/HDD0", 14, 1, 256), 2);
+    platform->fail["capi_get_sensor"] = -1;
+    EXPECT_EQ(bay("/SYS/HDD0", 14, 1, 0), 2);
+    platform->fail.clear();
+    platform.forget_calls();
+    bay("/SYS/HDD7", 14, 1, 0);
+    EXPECT_EQ(platform.calls("capi_get_sensor", "/SYS/HDD7/PRSNT"), 1U);
+    bay("/SYS/HDD123", 14, 1, 0);
+    EXPECT_EQ(platform.calls("capi_get_sensor"), 1U);
+    // A bay that is no holder is not asked.
+    owned_entry e("/SYS/HDD7", 14);
+    e->holderCol3 = 4;
+    get_static_fields(e.get());
+    EXPECT_EQ(e->holderCol3, 4);
+    EXPECT_EQ(platform.calls("capi_get_sensor"), 1U);
+}
+
+TEST_F(static_fields, no_sensor_is_ever_of_the_discrete_kind)
+{
+    for (int32_t sensor_class = 0; sensor_class <= 4; sensor_class++) {
+        for (int32_t type = 0; type <= 20; type++) {
+            capi_sensor_record record = threshold_sensor(type, 1.0F);
+            record.sensor_class = sensor_class;
+            build_sensor(record);
+            EXPECT_NE(entry()->sensorKind, 3);
+        }
+    }
+}
+
+} // namespace
