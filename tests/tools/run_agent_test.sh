@@ -86,6 +86,8 @@ serves_and_ends_on_interrupt | ends_on_terminate)
     said "serving $in_file entities of $scratch/run/server.json" || fail "not all $in_file are served"
     [[ $(names | wc -l) -eq $in_file ]] || fail "not all $in_file answer"
     said '^ *1 */SYS *chassis *0 ' || fail "the sample does not show the root"
+    said '^ *3 */SYS/T_AMB *23750 *-3 *degreesC *40000$' || fail "the sample shows no sensor"
+    said '^ *9 */SYS/LOCATE *alternating *usual$' || fail "the sample shows no alarm"
     [[ $(agents | wc -l) -ge 1 ]] || fail "no agent was found, so its end proves nothing"
     # To the whole group, as a terminal does.
     kill "-$signal" -- "-$runner"
@@ -104,11 +106,12 @@ ends_when_killed)
 printed_commands_work)
     start
     sed -n '/^Try,/,/^What the agent logs/p' "$output" | grep '^  [a-z]' >"$scratch/commands"
-    [[ $(wc -l <"$scratch/commands") -eq 6 ]] || fail "six commands were expected"
+    [[ $(wc -l <"$scratch/commands") -eq 7 ]] || fail "seven commands were expected"
     # As pasted: in a shell, elsewhere.
     (cd / && bash "$scratch/commands" >"$scratch/answers")
     grep -q 'ENTITY-MIB::entPhysicalClass.1 = INTEGER: chassis' "$scratch/answers" ||
         fail "the walk has no names"
+    grep -q '^ *9 *visible *alternating' "$scratch/answers" || fail "the alarm table has no labels"
     # The bay is there, goes, and comes back with other indexes.
     grep 'entPhysicalName.*= STRING: "*/SYS/HDD3"*$' "$scratch/answers" >"$scratch/bay" || true
     [[ $(sort -u "$scratch/bay" | wc -l) -eq 2 ]] ||
