@@ -3,7 +3,6 @@
 # KAVPLAT_PORT, DESCRIPTION and DESTDIR reach the commands through the environment.
 export KAVPLAT_PORT DESCRIPTION DESTDIR
 PREFIX ?= /usr/local
-SANITIZER_PRESETS := asan tsan
 SOURCES = git ls-files '*.c' '*.cpp' '*.h'
 JOBS := $(shell nproc)
 
@@ -23,7 +22,7 @@ help:
 	@echo "make clean          remove build/"
 	@echo "run, test, coverage, tidy and format-check install what Debian packages they miss."
 
-setup-%:
+setup-run setup-test setup-ci: setup-%:
 	@tools/setup $*
 
 build:
@@ -34,7 +33,8 @@ run: setup-run
 	@$(MAKE) --no-print-directory build
 	@exec tools/run-agent build/release
 
-test: setup-test check-dev
+test: setup-test
+	@$(MAKE) --no-print-directory check-dev
 
 check-%:
 	cmake --preset $*
