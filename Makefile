@@ -6,12 +6,13 @@ PREFIX ?= /usr/local
 SOURCES = git ls-files '*.c' '*.cpp' '*.h'
 JOBS := $(shell nproc)
 
-.PHONY: help run test build install coverage fuzz tidy format format-check clean setup-run setup-test setup-ci
+.PHONY: help run test test-portability build install coverage fuzz tidy format format-check clean setup-run setup-test setup-ci
 
 help:
 	@echo "make run            serve servers/rack-2u.json by a private snmpd on 127.0.0.1:1161"
 	@echo "                    DESCRIPTION=file  another server    KAVPLAT_PORT=n  another port"
 	@echo "make test           build everything and run all tests"
+	@echo "make test-portability   the tests and the agent on foreign architectures, by qemu"
 	@echo "make build          build the libraries only, into build/release"
 	@echo "make install        install them   PREFIX=$(PREFIX)   DESTDIR=$(DESTDIR)"
 	@echo "make check-PRESET   build and test by another preset: asan, tsan, clang"
@@ -20,7 +21,7 @@ help:
 	@echo "make tidy           clang-tidy over src/"
 	@echo "make format-check   is everything formatted?   make format  formats it"
 	@echo "make clean          remove build/"
-	@echo "run, test, coverage, tidy and format-check install what Debian packages they miss."
+	@echo "run, test, test-portability, coverage, tidy and format-check install what Debian packages they miss."
 
 setup-run setup-test setup-ci: setup-%:
 	@tools/setup $*
@@ -35,6 +36,9 @@ run: setup-run
 
 test: setup-test
 	@$(MAKE) --no-print-directory check-dev
+
+test-portability: setup-ci
+	tests/portability/run
 
 check-%:
 	cmake --preset $*
