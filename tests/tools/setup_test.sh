@@ -5,6 +5,7 @@
 set -euo pipefail
 
 setup=$1/tools/setup
+make=$(type -P make)
 scratch=$(mktemp -d)
 trap 'rm -rf -- "$scratch"' EXIT
 mkdir "$scratch/bin"
@@ -117,4 +118,10 @@ run test
 expect "tests need more" called 'apt-get install .* libgtest-dev '
 run sideways
 expect "an unknown task is misuse" [ "$status" -eq 2 ]
+# make comes first on a fresh machine, before anything is there.
+for target in run test; do
+    "$make" -n -C "$1" "$target" >"$scratch/output" 2>/dev/null || true
+    expect "make $target sets up before all else" \
+        [ "$(grep -v '^make' "$scratch/output" | sed -n 1p)" = "tools/setup $target" ]
+done
 echo "all as expected"
