@@ -23,6 +23,14 @@ constexpr uint32_t last_prime_index = primes.size() - 1;
 constexpr size_t head_size = sizeof(void *); // of one chain head
 constexpr uint32_t largest_minsize = uint32_t{1} << 30;
 
+// A block of chain heads has one slot more than there are chains, which is always
+// null. Stretching a block reads the slot behind its last chain (see stretch), and
+// what realloc appends could be anything.
+size_t heads_of(uint32_t bucket_count)
+{
+    return size_t{bucket_count} + 1;
+}
+
 // The volatile stores force both roundings to single precision where the
 // processor would carry more digits (x87); the limits depend on them.
 uint32_t load_limit_of(uint32_t bucket_count)
@@ -83,7 +91,7 @@ void rehash_in_place(hash_entry **buckets, uint32_t old_count, uint32_t new_coun
 hash_entry **stretch(hash_entry **buckets, uint32_t old_count, uint32_t new_count)
 {
     size_t size = 0;
-    if (__builtin_mul_overflow(new_count, head_size, &size)) {
+    if (__builtin_mul_overflow(heads_of(new_count), head_size, &size)) {
         return nullptr;
     }
     auto **stretched = static_cast<hash_entry **>(realloc(static_cast<void *>(buckets), size));
@@ -91,14 +99,15 @@ hash_entry **stretch(hash_entry **buckets, uint32_t old_count, uint32_t new_coun
         return nullptr;
     }
     // Kept on purpose: what is cleared is not the new slots but as many bytes
-    // at the address that the first of them happens to hold. Volatile, since a
-    // compiler may take what realloc appends for undefined and drop the read.
+    // at the address that the first of them happens to hold. That is the null
+    // behind the last chain, unless somebody else's allocator put another there.
+    // Volatile, since a compiler may see that it is null and drop the step.
     hash_entry *found = *const_cast<hash_entry *volatile *>(&stretched[old_count]);
     if (found != nullptr) {
         memset(static_cast<void *>(found), 0, new_count - old_count);
     }
     // The chains have to be valid whatever the step above did.
-    for (uint32_t i = old_count; i < new_count; ++i) {
+    for (size_t i = old_count; i < heads_of(new_count); ++i) {
         stretched[i] = nullptr;
     }
     return stretched;
@@ -121,7 +130,7 @@ hashtable *create_hashtable(uint32_t minsize, hashtable_hash_fn hash_fn,
         return nullptr;
     }
     const uint32_t bucket_count = primes[index];
-    auto **buckets = static_cast<hash_entry **>(calloc(bucket_count, head_size));
+    auto **buckets = static_cast<hash_entry **>(calloc(heads_of(bucket_count), head_size));
     if (buckets == nullptr) {
         free(table);
         return nullptr;
@@ -141,7 +150,7 @@ int hashtable_grow(hashtable *table)
         return 0;
     }
     const uint32_t new_count = primes[table->prime_index + 1];
-    auto **buckets = static_cast<hash_entry **>(calloc(new_count, head_size));
+    auto **buckets = static_cast<hash_entry **>(calloc(heads_of(new_count), head_size));
     if (buckets != nullptr) {
         move_all(*table, buckets, new_count);
         free(static_cast<void *>(table->buckets));

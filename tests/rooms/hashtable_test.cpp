@@ -237,7 +237,7 @@ TEST_F(hashtable_test, creation_accepts_at_most_two_to_the_thirtieth)
     hashtable_destroy(table, 0);
 }
 
-TEST_F(hashtable_test, creation_asks_for_as_many_chain_heads_as_it_has_buckets)
+TEST_F(hashtable_test, creation_asks_for_a_chain_head_a_bucket_and_one_more)
 {
     std::vector<size_t> sizes;
     fake_system::on_calloc.set([&](size_t count, size_t size) {
@@ -251,7 +251,7 @@ TEST_F(hashtable_test, creation_asks_for_as_many_chain_heads_as_it_has_buckets)
     const owned_table table = make_table(53);
     ASSERT_EQ(sizes.size(), 2U);
     EXPECT_EQ(sizes[0], sizeof(hashtable));
-    EXPECT_EQ(sizes[1], 97 * sizeof(void *));
+    EXPECT_EQ(sizes[1], 98 * sizeof(void *));
 }
 
 TEST_F(hashtable_test, creation_fails_without_memory_and_keeps_none)
@@ -494,6 +494,34 @@ TEST_F(growth_fallback, clears_bytes_where_the_first_new_slot_points)
     EXPECT_EQ(table->load_limit, 64U);
     EXPECT_EQ(table->prime_index, 1U);
     for (uint32_t i = 0; i < 97; ++i) {
+        EXPECT_EQ(table->buckets[i], nullptr) << i;
+    }
+}
+
+// What realloc appends is anything; a pointer that it happens to look like must not
+// be followed.
+TEST_F(growth_fallback, follows_nothing_that_realloc_appended)
+{
+    size_t allocated = 0;
+    fake_system::on_calloc.set([&](size_t count, size_t size) {
+        allocated = count * size;
+        return calloc(count, size);
+    });
+    const owned_table table = make_table();
+    fake_system::on_realloc.set([&](void *block, size_t size) {
+        void *moved = malloc(size);
+        memset(moved, 0x5A, size);
+        memcpy(moved, block, allocated);
+        free(block);
+        return moved;
+    });
+    for (int growth = 0; growth < 2; growth++) {
+        fake_system::fail_allocation(1);
+        EXPECT_EQ(hashtable_grow(table.get()), -1);
+        allocated = (table->bucket_count + 1) * sizeof(void *);
+    }
+    EXPECT_EQ(table->bucket_count, 193U);
+    for (uint32_t i = 0; i < 193; ++i) {
         EXPECT_EQ(table->buckets[i], nullptr) << i;
     }
 }
