@@ -66,7 +66,10 @@ void deinit_entityMIB(void)
 void initialize_table_entPhysicalTable(void)
 {
     kavplat::register_table(kavplat::entPhysicalTable);
-    snmpd_monitor_fru_devices();
+    if (const int status = snmpd_monitor_fru_devices(); status != 0) {
+        snmp_log(LOG_ERR, "%s:FAILED:%s, status=%d: the tables stay empty\n",
+                 "initialize_table_entPhysicalTable", "snmpd_monitor_fru_devices", status);
+    }
     kavplat::look_for_fork_once_running();
 }
 

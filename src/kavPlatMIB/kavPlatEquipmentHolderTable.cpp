@@ -1,6 +1,9 @@
 // What can hold a component, and whether it does.
 #include "kavPlatMIB/platform_table.h"
 
+#include "kavdata/cache.h"
+#include "trace/trace.h"
+
 namespace kavplat
 {
 
@@ -12,25 +15,30 @@ enum { POWER_OTHER = 1, POWER_UNKNOWN = 2, POWER_ON = 3, POWER_OFF = 4 };
 
 int32_t power_state(phys_entry &entry)
 {
+    if (!(entry.capiCaps[CAPI_CAP_POWER_BYTE] &
+          (CAPI_CAP_POWER_READABLE | CAPI_CAP_POWER_CONTROLLABLE))) {
+        return entry.holderCol4;
+    }
     int32_t state = 0;
-    if ((entry.capiCaps[CAPI_CAP_POWER_BYTE] &
-         (CAPI_CAP_POWER_READABLE | CAPI_CAP_POWER_CONTROLLABLE)) &&
-        capi_get_power_state(0, entry.entPhysicalName, &state) == 0) {
-        switch (state) {
-        case CAPI_POWER_OFF:
-            entry.holderCol4 = POWER_OFF;
-            break;
-        case CAPI_POWER_ON:
-            entry.holderCol4 = POWER_ON;
-            break;
-        case CAPI_POWER_STANDBY:
-        case CAPI_POWER_SHUTTING_DOWN:
-            entry.holderCol4 = POWER_OTHER;
-            break;
-        default:
-            entry.holderCol4 = POWER_UNKNOWN;
-            break;
-        }
+    if (const int status = capi_get_power_state(0, entry.entPhysicalName, &state); status != 0) {
+        warn_failed_call("kavPlatEquipmentHolderTable_handler", "capi_get_power_state",
+                         printable(entry.entPhysicalName), status);
+        return entry.holderCol4;
+    }
+    switch (state) {
+    case CAPI_POWER_OFF:
+        entry.holderCol4 = POWER_OFF;
+        break;
+    case CAPI_POWER_ON:
+        entry.holderCol4 = POWER_ON;
+        break;
+    case CAPI_POWER_STANDBY:
+    case CAPI_POWER_SHUTTING_DOWN:
+        entry.holderCol4 = POWER_OTHER;
+        break;
+    default:
+        entry.holderCol4 = POWER_UNKNOWN;
+        break;
     }
     return entry.holderCol4;
 }

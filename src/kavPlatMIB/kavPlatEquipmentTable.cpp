@@ -2,12 +2,15 @@
 #include "kavPlatMIB/platform_table.h"
 
 #include "kavdata/cache.h"
+#include "trace/trace.h"
 
 namespace kavplat
 {
 
 namespace
 {
+
+constexpr char handler[] = "kavPlatEquipmentTable_handler";
 
 // X.731 administrative states, as far as they are served.
 enum { LOCKED = 1, UNLOCKED = 2, SHUTTING_DOWN = 3 };
@@ -32,10 +35,15 @@ int32_t admin_state(phys_entry &entry)
         int32_t value = 0;
         if (capi_get_rdy2rm_status(0, entry.entPhysicalName, &value) == 0) {
             entry.equipmentCol1 = value == CAPI_NOT_READY_TO_REMOVE ? UNLOCKED : LOCKED;
-        } else if (capi_get_power_state(0, entry.entPhysicalName, &value) == 0) {
+        } else if (const int status = capi_get_power_state(0, entry.entPhysicalName, &value);
+                   status == 0) {
             entry.equipmentCol1 = value == CAPI_POWER_ON              ? UNLOCKED
                                   : value == CAPI_POWER_SHUTTING_DOWN ? SHUTTING_DOWN
                                                                       : LOCKED;
+        } else {
+            // That one of the two is not known is no failure.
+            warn_failed_call(handler, "capi_get_power_state", printable(entry.entPhysicalName),
+                             status);
         }
     }
     return entry.equipmentCol1;
@@ -54,11 +62,16 @@ int32_t oper_state(phys_entry &entry)
         const uint32_t now = agent_uptime();
         int32_t state = 0;
         char reason[20];
-        if (!is_fresh(entry.lastReadTime, now) &&
-            capi_get_enable_disable_state(entry.entPhysicalName, &state, reason, sizeof reason) ==
-                0) {
-            entry.lastReadTime = now;
-            entry.equipmentCol2 = state == CAPI_DISABLED ? DISABLED : ENABLED;
+        if (!is_fresh(entry.lastReadTime, now)) {
+            const int status =
+                capi_get_enable_disable_state(entry.entPhysicalName, &state, reason, sizeof reason);
+            if (status == 0) {
+                entry.lastReadTime = now;
+                entry.equipmentCol2 = state == CAPI_DISABLED ? DISABLED : ENABLED;
+            } else {
+                warn_failed_call(handler, "capi_get_enable_disable_state",
+                                 printable(entry.entPhysicalName), status);
+            }
         }
     }
     return entry.equipmentCol2;

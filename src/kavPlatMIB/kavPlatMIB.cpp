@@ -70,6 +70,8 @@ char *make_banner(const char *format, const char *value)
     auto *banner = static_cast<char *>(malloc(banner_size));
     if (banner) {
         snprintf(banner, banner_size, format, value);
+    } else {
+        snmp_log(LOG_ERR, "%s:FAILED:%s\n", "init_kavPlatMIB", "no memory for the build banner");
     }
     return banner;
 }

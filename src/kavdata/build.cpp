@@ -169,6 +169,7 @@ bool append_row(const char *caller, uint32_t index, const capi_inventory_record 
 
 int make_root_nacname(int timeout_seconds)
 {
+    bool told = false;
     while (timeout_seconds > 0) {
         uint32_t count = 0;
         capi_inventory_record *list = nullptr;
@@ -183,6 +184,12 @@ int make_root_nacname(int timeout_seconds)
             if (named) {
                 return 1;
             }
+        }
+        if (!told) {
+            // Said once, for it may well take minutes after the host was started.
+            snmp_log(LOG_WARNING, "%s:no inventory from the platform yet, waiting for it\n",
+                     "make_root_nacname");
+            told = true;
         }
         kavplat::wait_for_inventory();
         timeout_seconds -= kavplat::inventory_poll_seconds;

@@ -94,6 +94,10 @@ void trace_index(uint32_t index, const phys_entry *entry, const char *caller);
 // "%s:FAILED:%s\n" at error level.
 void log_failure(const char *function, const char *cause);
 
+// A call of the platform failed and the row goes without what it would have told;
+// about is what was asked for.
+void warn_failed_call(const char *function, const char *call, const char *about, int status);
+
 // A text in a platform's record ends within its field, whatever was written there.
 template <size_t N>
 void terminate(char (&text)[N])

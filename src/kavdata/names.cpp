@@ -96,8 +96,19 @@ bool insert_name(phys_entry *entry)
     if (key && value) {
         *key = entry->entPhysicalName;
         *value = entry->entPhysicalIndex;
-        const names_lock lock;
-        if (hashtable_insert(htab, key, value)) {
+        bool inserted = false;
+        bool crowded = false;
+        {
+            const names_lock lock;
+            inserted = hashtable_insert(htab, key, value) != 0;
+            crowded = inserted && htab->entry_count > htab->load_limit &&
+                      htab->prime_index + 1 < prime_table_length;
+        }
+        if (crowded) {
+            snmp_log(LOG_WARNING, "insert_name:no memory for a larger index by name, lookups take "
+                                  "longer\n");
+        }
+        if (inserted) {
             return true;
         }
     }

@@ -210,6 +210,9 @@ void reload_thresholds(const char *nac_name)
               static_cast<unsigned>(record.sensor_type));
     if (status == 0) {
         set_sensor_thresholds(entry, &record);
+    } else {
+        warn_failed_call("reload_thresholds", "capi_get_sensor_info", entry->entPhysicalName,
+                         status);
     }
     relaxed_store(entLastChangeTime, agent_uptime());
 }

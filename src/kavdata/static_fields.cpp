@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -77,16 +78,29 @@ void read_vantor_id(phys_entry *entry, vantor_id selector)
     const int status = selector == vantor_id::product
                            ? capi_get_product_vantor_id(buffer, vantor_id_size)
                            : capi_get_chassis_vantor_id(buffer, vantor_id_size);
-    if (status == 0) {
-        terminate(buffer);
-        replaceString(&entry->entPhysicalAlias, buffer, short_text);
+    if (status != 0) {
+        warn_failed_call("read_static_data",
+                         selector == vantor_id::product ? "capi_get_product_vantor_id"
+                                                        : "capi_get_chassis_vantor_id",
+                         printable(entry->entPhysicalName), status);
+        return;
     }
+    terminate(buffer);
+    replaceString(&entry->entPhysicalAlias, buffer, short_text);
 }
 
 bool is_regular_file(const char *path)
 {
     struct stat status;
-    return stat(path, &status) == 0 && S_ISREG(status.st_mode);
+    if (stat(path, &status) != 0) {
+        return false; // most hosts have none
+    }
+    if (!S_ISREG(status.st_mode)) {
+        snmp_log(LOG_WARNING, "%s:%s is no regular file and is not read\n",
+                 "snmp_read_product_info", path);
+        return false;
+    }
+    return true;
 }
 
 // The first line of the version file replaces the default text if it begins with
@@ -106,7 +120,11 @@ void read_firmware_revision(char **field)
              build_date);
     // Anything but a regular file could keep the build waiting for a writer.
     if (is_regular_file(version_file)) {
-        if (const std::unique_ptr<FILE, int (*)(FILE *)> file{fopen(version_file, "r"), fclose}) {
+        const std::unique_ptr<FILE, int (*)(FILE *)> file{fopen(version_file, "r"), fclose};
+        if (!file) {
+            snmp_log(LOG_WARNING, "%s:%s can not be opened: %s\n", "snmp_read_product_info",
+                     version_file, strerror(errno));
+        } else {
             char line[128] = "";
             if (fgets(line, sizeof line, file.get()) && line[0] == '@') {
                 const size_t skipped = std::min<size_t>(strlen(line), 4);
@@ -176,9 +194,15 @@ void read_sensor_nature(phys_entry *entry, uint32_t component_type)
 {
     entry->sensorCol2 = 1;
     entry->entPhysicalClass = PHYSICAL_CLASS_SENSOR;
+    if (!entry->entPhysicalName) {
+        return;
+    }
     capi_sensor_record info = {};
-    if (!entry->entPhysicalName ||
-        capi_get_sensor_info(entry->entPhysicalName, CAPI_SENSOR_INFO_ALL, &info) != 0) {
+    if (const int status =
+            capi_get_sensor_info(entry->entPhysicalName, CAPI_SENSOR_INFO_ALL, &info);
+        status != 0) {
+        warn_failed_call("read_static_data", "capi_get_sensor_info", entry->entPhysicalName,
+                         status);
         return;
     }
     // No sensor is ever given the discrete kind, so the discrete tables have no
@@ -226,10 +250,15 @@ void read_class(phys_entry *entry, uint32_t type)
     }
 }
 
-bool is_type(int (*ask)(uint32_t, int32_t *), uint32_t type)
+bool is_type(int (*ask)(uint32_t, int32_t *), const char *call, const phys_entry &entry,
+             uint32_t type)
 {
     int32_t flag = 0;
-    return ask(type, &flag) == 0 && flag == 1;
+    if (const int status = ask(type, &flag); status != 0) {
+        warn_failed_call("read_static_data", call, printable(entry.entPhysicalName), status);
+        return false;
+    }
+    return flag == 1;
 }
 
 // A drive bay knows from its presence sensor, in its deasserted state, that it is
@@ -245,8 +274,11 @@ bool is_empty_drive_bay(const phys_entry &entry)
     char sensor[32];
     snprintf(sensor, sizeof sensor, "%s/PRSNT", name);
     capi_sensor_record record = {};
-    return capi_get_sensor(0, sensor, &record) == 0 && record.raw_reading == 1 &&
-           record.reading_status == 0;
+    if (const int status = capi_get_sensor(0, sensor, &record); status != 0) {
+        warn_failed_call("get_static_fields", "capi_get_sensor", sensor, status);
+        return false;
+    }
+    return record.raw_reading == 1 && record.reading_status == 0;
 }
 
 bool is_chassis_or_midplane(uint32_t type)
@@ -267,15 +299,20 @@ void read_static_data(phys_entry *entry, uint32_t component_type)
         return;
     }
     const char *text = nullptr;
-    if (capi_get_component_desc_str(component_type, &text) != 0 || !text) {
+    if (const int status = capi_get_component_desc_str(component_type, &text); status != 0) {
+        warn_failed_call("read_static_data", "capi_get_component_desc_str",
+                         printable(entry->entPhysicalName), status);
+        text = nullptr;
+    }
+    if (!text) {
         text = "";
     }
     strlcpy(entry->entPhysicalDescr, text, sizeof entry->entPhysicalDescr);
     KAV_TRACE("kavdata::cache", "%s:init entPhysicalDescr:[%s]\n", "read_static_data",
               entry->entPhysicalDescr);
-    if (is_type(capi_is_sensor_type, component_type)) {
+    if (is_type(capi_is_sensor_type, "capi_is_sensor_type", *entry, component_type)) {
         read_sensor_nature(entry, component_type);
-    } else if (is_type(capi_is_indicator_type, component_type)) {
+    } else if (is_type(capi_is_indicator_type, "capi_is_indicator_type", *entry, component_type)) {
         entry->entPhysicalClass = PHYSICAL_CLASS_OTHER;
         entry->platPhysicalClass = 2;
     } else {
@@ -348,9 +385,13 @@ int snmp_read_product_info(phys_entry *entry)
     read_firmware_revision(&entry->entPhysicalFirmwareRev);
     if (has(*entry, CAPI_CAP_FRU_INFO_BYTE, CAPI_CAP_FRU_INFO)) {
         capi_fru_record fru = {};
-        if (capi_get_fru_info(entry->entPhysicalName, &fru) == 0) {
+        const int status = capi_get_fru_info(entry->entPhysicalName, &fru);
+        if (status == 0) {
             terminate(fru.alias);
             replaceString(&entry->entPhysicalAlias, fru.alias, short_text);
+        } else {
+            warn_failed_call("snmp_read_product_info", "capi_get_fru_info", entry->entPhysicalName,
+                             status);
         }
     }
     return 0;

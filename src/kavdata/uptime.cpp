@@ -19,4 +19,9 @@ void log_failure(const char *function, const char *cause)
     snmp_log(LOG_ERR, "%s:FAILED:%s\n", function, cause);
 }
 
+void warn_failed_call(const char *function, const char *call, const char *about, int status)
+{
+    snmp_log(LOG_WARNING, "%s:%s(%s) failed, status=%d\n", function, call, about, status);
+}
+
 } // namespace kavplat
