@@ -275,6 +275,14 @@ bool read_document(const std::string &path, std::string &text, file_signature &s
         errors.push_back({"", "expected a regular file", 0, 0});
         return false;
     }
+    if (!is_trusted(status, ::geteuid())) {
+        errors.push_back({"",
+                          "expected a file that only its owner and group may write to, since the "
+                          "agent runs as root and opens what the file names: run \"chmod o-w " +
+                              path + "\"",
+                          0, 0});
+        return false;
+    }
     text.clear();
     char buffer[65536];
     for (;;) {
@@ -298,6 +306,11 @@ bool read_document(const std::string &path, std::string &text, file_signature &s
         }
         text.append(buffer, static_cast<size_t>(got));
     }
+}
+
+bool is_trusted(const struct stat &status, uid_t reader)
+{
+    return reader != 0 || (status.st_mode & S_IWOTH) == 0;
 }
 
 file_signature current_signature(const std::string &path)

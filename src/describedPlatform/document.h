@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 namespace described_platform
@@ -41,6 +42,10 @@ std::string to_pointer(const place *where);
 /* The whole file; false with one error when it cannot be had. */
 bool read_document(const std::string &path, std::string &text, file_signature &signature,
                    std::vector<load_error> &errors);
+
+/* A reader with root's rights reads no file that everybody may write to: it
+ * names files for the reader to open. */
+bool is_trusted(const struct stat &status, uid_t reader);
 
 /* What read_document would say the file is now. */
 file_signature current_signature(const std::string &path);
