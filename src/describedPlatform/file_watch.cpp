@@ -74,7 +74,11 @@ std::vector<file_watch::link_place> file_watch::places() const
             at = directory_of(at);
             continue;
         }
-        const std::string full = at == "/" ? at + part : at + "/" + part;
+        std::string full = at;
+        if (full != "/") {
+            full += '/';
+        }
+        full += part;
         struct stat status {
         };
         const bool there = ::lstat(full.c_str(), &status) == 0;
