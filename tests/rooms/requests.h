@@ -197,7 +197,7 @@ class table_steps
 
     void set_index(uint32_t value, unsigned which = 0)
     {
-        const long number = value;
+        const auto number = static_cast<long>(value);
         snmp_set_var_value(varbind(which), &number, sizeof number);
     }
     uint32_t index(unsigned which = 0)
