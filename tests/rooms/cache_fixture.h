@@ -48,7 +48,11 @@ class cache_test : public testing::Test
     }
     ~cache_test() override
     {
-        fake_system::allow_allocations();
+        // Whatever the test had replaced refers to what has gone with it.
+        {
+            const fake_system::scope put_back;
+        }
+        platform->on_call = nullptr;
         reset();
     }
 

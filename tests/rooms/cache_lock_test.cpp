@@ -63,16 +63,7 @@ TEST_F(cache_lock, a_thread_knows_whether_it_holds_it)
     EXPECT_FALSE(kavplat::this_thread_holds_cache_lock());
 }
 
-TEST_F(cache_lock, the_child_of_a_fork_has_a_lock_of_its_own)
-{
-    ASSERT_EQ(monitor_fru_lock(), 0);
-    kavplat::renew_cache_lock_after_fork();
-    EXPECT_FALSE(kavplat::this_thread_holds_cache_lock());
-    ASSERT_EQ(pthread_mutex_trylock(&fru_mutex), 0);
-    EXPECT_EQ(pthread_mutex_unlock(&fru_mutex), 0);
-}
-
-// Those below need a process in which nobody has used the lock yet.
+// Those below need a process of their own, in which nobody has used the lock yet.
 class cache_lock_death : public testing::Test
 {
   protected:
@@ -106,6 +97,18 @@ TEST_F(cache_lock_death, it_is_initialised_once_with_default_attributes)
             std::thread([&] { good = good && kavplat::prepare_cache_lock() == 0; }).join();
             good = good && monitor_fru_lock() == 0 && monitor_fru_unlock() == 0;
             leave(good && initialised == 1 && with_attributes == 0);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST_F(cache_lock_death, the_child_of_a_fork_has_a_lock_of_its_own)
+{
+    EXPECT_EXIT(
+        {
+            bool good = monitor_fru_lock() == 0; // as another thread would hold it
+            kavplat::renew_cache_lock_after_fork();
+            good = good && !kavplat::this_thread_holds_cache_lock();
+            leave(good && pthread_mutex_trylock(&fru_mutex) == 0);
         },
         testing::ExitedWithCode(0), "");
 }
