@@ -16,13 +16,15 @@ struct thread_record {
     std::mutex mutex; // between its thread and the watchdog
     const char *call = nullptr;
     char argument[128] = "";
-    clock_type::time_point since;
+    std::chrono::milliseconds since{0};
 };
 
 struct watch_book {
     std::mutex mutex;
     std::list<thread_record> threads; // kept when a thread ends: there are few
     std::map<std::string, call_time> worst;
+    clock_type::time_point last_beat; // none until the first
+    std::chrono::milliseconds stalled{0};
 };
 
 // Never destroyed: the platform's threads run until the process ends.
@@ -49,9 +51,30 @@ std::string described(const char *call, const char *argument)
     return std::string(call) + "(" + argument + ")";
 }
 
-std::chrono::milliseconds elapsed(clock_type::time_point since)
+std::chrono::milliseconds stall_since_beat(const watch_book &b, clock_type::time_point now)
 {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(clock_type::now() - since);
+    if (b.last_beat == clock_type::time_point()) {
+        return std::chrono::milliseconds(0);
+    }
+    const auto late = now - b.last_beat - heartbeat;
+    return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(late),
+                    std::chrono::milliseconds(0));
+}
+
+// The time that this program had, whatever the machine did meanwhile. With the
+// book's lock held.
+std::chrono::milliseconds time_had(const watch_book &b)
+{
+    const auto now = clock_type::now();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()) -
+           b.stalled - stall_since_beat(b, now);
+}
+
+std::chrono::milliseconds time_had()
+{
+    watch_book &b = book();
+    const std::lock_guard lock(b.mutex);
+    return time_had(b);
 }
 
 template <class Function>
@@ -65,7 +88,7 @@ void find(void *library, contract_call<Function> &call, std::vector<std::string>
 
 } // namespace
 
-watched_call::watched_call(const char *call, const char *argument) : since_(clock_type::now())
+watched_call::watched_call(const char *call, const char *argument) : since_(time_had())
 {
     thread_record &record = own_record();
     const std::lock_guard lock(record.mutex);
@@ -83,10 +106,10 @@ watched_call::watched_call(const char *call, const char *argument) : since_(cloc
 watched_call::~watched_call()
 {
     thread_record &record = own_record();
-    const auto took = elapsed(since_);
     {
         watch_book &b = book();
         const std::lock_guard lock(b.mutex);
+        const auto took = time_had(b) - since_;
         call_time &worst = b.worst[record.call];
         if (worst.what.empty() || took > worst.took) {
             worst = {described(record.call, record.argument), took};
@@ -128,6 +151,15 @@ int load_platform(const char *path, platform_calls &calls, std::vector<std::stri
     return 0;
 }
 
+void note_heartbeat()
+{
+    watch_book &b = book();
+    const std::lock_guard lock(b.mutex);
+    const auto now = clock_type::now();
+    b.stalled += stall_since_beat(b, now);
+    b.last_beat = now;
+}
+
 bool inside_a_call()
 {
     return own != nullptr && own->call != nullptr;
@@ -152,8 +184,8 @@ bool longest_under_way(std::chrono::milliseconds longer_than, call_time &found)
     bool any = false;
     for (thread_record &record : b.threads) {
         const std::lock_guard record_lock(record.mutex);
-        if (record.call != nullptr && elapsed(record.since) > found.took) {
-            found = {described(record.call, record.argument), elapsed(record.since)};
+        if (record.call != nullptr && time_had(b) - record.since > found.took) {
+            found = {described(record.call, record.argument), time_had(b) - record.since};
             any = true;
         }
     }

@@ -30,8 +30,8 @@ class watched_call
 
   private:
     const char *outer_call_;
-    std::chrono::steady_clock::time_point outer_since_;
-    std::chrono::steady_clock::time_point since_;
+    std::chrono::milliseconds outer_since_;
+    std::chrono::milliseconds since_;
 };
 
 inline const char *name_among()
@@ -97,6 +97,14 @@ struct platform_calls {
  * goes to missing. The library stays loaded until the process ends. */
 int load_platform(const char *path, platform_calls &calls, std::vector<std::string> &missing,
                   std::string &why);
+
+/*
+ * To be called about every heartbeat, on a thread that does nothing else. When it
+ * comes late the machine had no time for this program, and that is not counted
+ * against the calls that were under way.
+ */
+constexpr std::chrono::milliseconds heartbeat{50};
+void note_heartbeat();
 
 /* Whether the calling thread is inside a call; calls nest by way of events. */
 bool inside_a_call();

@@ -147,7 +147,8 @@ void watch_for_hangs(std::chrono::milliseconds wait)
     std::thread([wait] {
         constexpr int patience = 3; // so many times what a slow call may take
         for (;;) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            note_heartbeat();
+            std::this_thread::sleep_for(heartbeat);
             call_time stuck;
             if (longest_under_way(wait * patience, stuck)) {
                 const check *c = running;
