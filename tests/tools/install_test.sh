@@ -22,7 +22,7 @@ root=$stage$prefix
         echo "$libdir/$name"
     done
     (cd -- "$build_dir/src/describedPlatform" && find . -name 'libkavplatform.so.*.*' -printf "$libdir/%P\n")
-    echo bin/kavplat-check
+    printf 'bin/%s\n' kavplat-check kavplat-conformance
     printf "$includedir/kavplat/%s\n" "$@"
     echo "$datadir/kavplat/schema/server.schema.json"
     echo "$datadir/kavplat/mibs/KAV-PLATFORM-MIB.txt"
