@@ -37,9 +37,11 @@ struct component {
 
 /* A container stands before what it holds: lists are made in this order. */
 static const struct component components[] = {
-    {"/SYS", CAPI_TYPE_SYSTEM, false, false},          {"/SYS/MB", TYPE_BOARD, true, false},
-    {"/SYS/MB/T_AMB", TYPE_TEMPERATURE, false, false}, {"/SYS/LOCATE", TYPE_LIGHT, false, false},
-    {"/SYS/FM0", TYPE_FAN_MODULE, true, true},
+    {"/SYS", CAPI_TYPE_SYSTEM, false, false}, /* the root */
+    {"/SYS/MB", TYPE_BOARD, true, false},
+    {"/SYS/MB/T_AMB", TYPE_TEMPERATURE, false, false}, /* on the board */
+    {"/SYS/LOCATE", TYPE_LIGHT, false, false},
+    {"/SYS/FM0", TYPE_FAN_MODULE, true, true}, /* comes and goes */
 };
 enum { COMPONENTS = sizeof components / sizeof components[0] };
 static const char fan_module[] = "/SYS/FM0";
