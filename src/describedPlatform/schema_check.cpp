@@ -60,6 +60,7 @@ std::vector<load_error> check_schema(const nlohmann::json &document)
     /* Each violation comes once more from every object that holds it, in words
      * that say nothing. Sorted, what lies below a place follows it closely. */
     std::vector<std::string> places;
+    places.reserve(all.size());
     for (const load_error &each : all) {
         places.push_back(each.pointer + '/');
     }

