@@ -1,0 +1,149 @@
+/*
+ * A real snmpd with the module, on a free UDP port of the loopback.
+ *
+ *     agent a({.description = "servers/minimal.json"});
+ *     a.start();                            // answers, and its cache is built
+ *     snmp_client client(a.port());
+ *     write_file(a.description(), "...");   // in place
+ *     EXPECT_TRUE(a.log_has("local cache ready"));
+ *
+ * Stopping or unloading the module ends every process named snmpd that it can
+ * see. So each agent lives in a pid namespace of its own, under a small init, and
+ * all of it dies with the test, however that ends. Where no namespace can be made
+ * start() throws and says so.
+ *
+ * Everything of an agent is in a temporary directory: a copy of the description,
+ * configuration, persistent state, log.
+ */
+#ifndef KAVPLAT_TESTS_E2E_AGENT_H
+#define KAVPLAT_TESTS_E2E_AGENT_H
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <utility>
+#include <vector>
+
+/* Waits until condition() holds; false when it does not within the time. */
+bool eventually(const std::function<bool()> &condition,
+                std::chrono::milliseconds longest = std::chrono::seconds(30));
+
+std::string read_file(const std::filesystem::path &path);
+/* In place: the file stays the one that it is. */
+void write_file(const std::filesystem::path &path, const std::string &text);
+/* By a rename of a complete new file over the old one. */
+void replace_file(const std::filesystem::path &path, const std::string &text);
+
+/* A directory that goes away with its object. */
+class temporary_directory
+{
+  public:
+    temporary_directory();
+    ~temporary_directory();
+    temporary_directory(const temporary_directory &) = delete;
+    temporary_directory &operator=(const temporary_directory &) = delete;
+
+    const std::filesystem::path &path() const { return path_; }
+
+  private:
+    std::filesystem::path path_;
+};
+
+/* A child of the test that does not outlive it. */
+class child_process
+{
+  public:
+    child_process() = default;
+    ~child_process() { stop(); }
+    child_process(const child_process &) = delete;
+    child_process &operator=(const child_process &) = delete;
+
+    /* Output goes to a file. Call on a thread that lives as long as the child
+     * shall. Throws when there is no such program. */
+    void start(const std::vector<std::string> &command, const std::filesystem::path &output);
+    /* Ends it by force; nothing when it is not running. */
+    void stop();
+    pid_t id() const { return pid_; }
+    bool is_running() { return pid_ > 0 && !wait(std::chrono::milliseconds(0)); }
+    /* Its exit status once it ended (128 + signal when that ended it). */
+    std::optional<int> wait(std::chrono::milliseconds longest);
+
+  private:
+    pid_t pid_ = -1;
+    std::optional<int> status_;
+};
+
+struct agent_options {
+    std::string description = "servers/minimal.json"; /* below the sources */
+    /* The agent leaves the foreground by itself. */
+    bool daemon = false;
+    /* snmpd -D: tokens with commas. */
+    std::string debug_tokens = {};
+    /* Preloaded before everything else but a sanitizer. */
+    std::string preload = {};
+    std::vector<std::pair<std::string, std::string>> environment = {};
+    /* What the module opens or looks at under one path it gets under another. */
+    std::vector<std::pair<std::string, std::string>> redirected_paths = {};
+    /* First line of the version file, with its line end. */
+    std::string version_line = "@(#)5.0.1\n";
+    /* start() returns when the agent answers, whatever the cache holds. */
+    bool wait_for_cache = true;
+};
+
+class agent
+{
+  public:
+    explicit agent(agent_options options = {});
+    /* Fails the running test when a sanitizer reported anything. */
+    ~agent();
+    agent(const agent &) = delete;
+    agent &operator=(const agent &) = delete;
+
+    /* Throws, with the log, when there is no agent within a minute. */
+    void start();
+    /* The same without waiting for anything. */
+    void launch();
+    /* Ends it by force. */
+    void stop() { process_.stop(); }
+
+    uint16_t port() const { return port_; }
+    /* The copy of the description that the agent reads. */
+    const std::filesystem::path &description() const { return description_; }
+    const std::filesystem::path &directory() const { return directory_.path(); }
+
+    std::string log() const;
+    bool log_has(const std::string &text) const { return log().find(text) != std::string::npos; }
+    size_t log_count(const std::string &text) const;
+
+    /* The process id of snmpd as the test sees it; -1 while there is none. */
+    pid_t id() const;
+    bool is_running() { return process_.is_running(); }
+    /* How the agent's init ended: that of snmpd; 137 when it was killed. */
+    std::optional<int> wait(std::chrono::milliseconds longest = std::chrono::seconds(30))
+    {
+        return process_.wait(longest);
+    }
+    /* Resident memory of snmpd in KiB. */
+    long memory() const;
+    /* What sanitizers reported in the agent so far. */
+    std::string sanitizer_reports() const;
+
+  private:
+    std::vector<std::string> command() const;
+    std::string preloads() const;
+
+    agent_options options_;
+    temporary_directory directory_;
+    std::filesystem::path description_;
+    child_process process_;
+    uint16_t port_ = 0;
+};
+
+/* A port of the loopback that nobody has at this moment. */
+uint16_t free_port();
+
+#endif
