@@ -7,10 +7,16 @@
  *     init_kavPlatMIB();
  *     const pdu_answer answer = agent.ask(SNMP_MSG_GETNEXT, {"1.3.6.1.4.1.58213"});
  *
- * What a test registers stays registered while the process lives.
+ * What a test registers stays registered until local_registrations ends.
  */
 #ifndef KAVPLAT_TESTS_ROOMS_LOCAL_AGENT_H
 #define KAVPLAT_TESTS_ROOMS_LOCAL_AGENT_H
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
 
 #include <net-snmp/library/snmpCallbackDomain.h>
 
@@ -18,7 +24,70 @@
 #include <stdexcept>
 #include <utility>
 
+#include "fakes/fake_system.h"
 #include "rooms/requests.h"
+
+/*
+ * Sees what is registered while it lives, passes it on to the agent, and takes it
+ * out of the agent again at its end. Needs the agent to be there.
+ */
+class local_registrations
+{
+  public:
+    struct table {
+        netsnmp_handler_registration *registration;
+        netsnmp_iterator_info *iterator;
+        int result;
+    };
+
+    local_registrations()
+    {
+        fake_system::on_netsnmp_register_table_iterator.set(
+            [this](netsnmp_handler_registration *registration, netsnmp_iterator_info *iterator) {
+                // net-snmp leaves these to whoever registered them.
+                kept().push_back(iterator);
+                const int result = netsnmp_register_table_iterator(registration, iterator);
+                tables_.push_back({registration, iterator, result});
+                return result;
+            });
+        fake_system::on_netsnmp_register_scalar.set(
+            [this](netsnmp_handler_registration *registration) {
+                const int result = netsnmp_register_scalar(registration);
+                scalars_.push_back(result == MIB_REGISTERED_OK ? registration : nullptr);
+                return result;
+            });
+    }
+    ~local_registrations()
+    {
+        fake_system::on_netsnmp_register_table_iterator.clear();
+        fake_system::on_netsnmp_register_scalar.clear();
+        for (const table &t : tables_) {
+            if (t.result == MIB_REGISTERED_OK) {
+                netsnmp_unregister_handler(t.registration);
+            }
+        }
+        for (netsnmp_handler_registration *scalar : scalars_) {
+            if (scalar) {
+                netsnmp_unregister_handler(scalar);
+            }
+        }
+    }
+    local_registrations(const local_registrations &) = delete;
+    local_registrations &operator=(const local_registrations &) = delete;
+
+    const std::vector<table> &tables() const { return tables_; }
+    const std::vector<netsnmp_handler_registration *> &scalars() const { return scalars_; }
+
+  private:
+    static std::vector<netsnmp_iterator_info *> &kept()
+    {
+        static std::vector<netsnmp_iterator_info *> all;
+        return all;
+    }
+
+    std::vector<table> tables_;
+    std::vector<netsnmp_handler_registration *> scalars_;
+};
 
 struct answered_varbind {
     std::string name; /* dotted */
@@ -55,6 +124,9 @@ class local_agent
     {
         netsnmp_pdu *pdu = snmp_pdu_create(command);
         pdu->version = SNMP_VERSION_2c;
+        pdu->community = reinterpret_cast<u_char *>(fake_system::heap_text("in-process"));
+        pdu->community_len = strlen("in-process");
+        pdu->flags |= UCD_MSG_FLAG_ALWAYS_IN_VIEW;
         if (command == SNMP_MSG_GETBULK) {
             pdu->non_repeaters = 0;
             pdu->max_repetitions = repetitions;
@@ -119,7 +191,8 @@ class local_agent
         // Nothing of the machine's own configuration, no MIB, no port.
         netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
         netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
-        netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, MASTER_AGENT);
+        netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE,
+                               0); // a master, not a subagent
         init_agent("kavplat_test");
         netsnmp_session *server = netsnmp_callback_open(0, handle_snmp_packet, nullptr, nullptr);
         client_ =
