@@ -221,6 +221,21 @@ TEST_F(lookups, the_highest_number_does_not_wrap_into_a_scan)
     EXPECT_EQ(log.debug_texts("kavdata:index"), strings());
 }
 
+TEST_F(lookups, the_one_accessor_is_safe_at_any_index)
+{
+    EXPECT_EQ(kavplat::entry_at(0), nullptr);
+    EXPECT_EQ(kavplat::entry_at(highest), nullptr);
+    build_with_holes();
+    EXPECT_EQ(kavplat::entry_at(5), physicalTable[5]);
+    EXPECT_EQ(kavplat::entry_at(0), nullptr);
+    EXPECT_EQ(kavplat::entry_at(3), nullptr);
+    EXPECT_EQ(kavplat::entry_at(highest), nullptr);
+    // A row in its slot is not served before the maximum says so.
+    physicalTable[6] = physicalTable[5];
+    EXPECT_EQ(kavplat::entry_at(6), nullptr);
+    physicalTable[6] = nullptr;
+}
+
 TEST_F(lookups, the_index_trace_of_no_row)
 {
     build_with_holes();
