@@ -4,6 +4,10 @@ target_compile_options(kavplat_options INTERFACE -Wall -Wextra -Wconversion -Wsi
 if(NOT KAVPLAT_TRACES)
   target_compile_definitions(kavplat_options INTERFACE KAVPLAT_NO_TRACES)
 endif()
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  # Else a file fails with EOVERFLOW for its size or no more than its inode number.
+  target_compile_definitions(kavplat_options INTERFACE _FILE_OFFSET_BITS=64)
+endif()
 if(KAVPLAT_WERROR)
   target_compile_options(kavplat_options INTERFACE -Werror)
 endif()
