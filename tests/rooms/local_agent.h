@@ -167,7 +167,11 @@ class local_agent
             if (varbind.value.type == SNMP_ENDOFMIBVIEW || !varbind.name.starts_with(root + ".")) {
                 return found;
             }
-            if (parsed(varbind.name) <= parsed(name)) {
+            // Not by <=: gcc 12's library orders vectors of numbers of several bytes
+            // wrongly on big-endian machines.
+            const std::vector<oid> here = parsed(varbind.name);
+            const std::vector<oid> before = parsed(name);
+            if (snmp_oid_compare(here.data(), here.size(), before.data(), before.size()) <= 0) {
                 throw std::runtime_error("OID not increasing: " + varbind.name + " after " + name);
             }
             name = varbind.name;
