@@ -184,7 +184,7 @@ TEST_F(table_walk, that_finds_nothing_at_its_start_ends_with_index_0)
 
 TEST_F(table_walk, of_an_empty_cache_leaves_the_index_alone)
 {
-    build({});
+    reset();
     ASSERT_EQ(maxPhysicalIndex, 0U);
     table_steps steps = entity_steps();
     steps.set_index(3);
@@ -241,7 +241,7 @@ TEST_F(table_walk, traces_its_indexes)
 
 TEST_F(table_walk, of_an_empty_cache_traces_nothing_of_its_own)
 {
-    build({});
+    reset();
     const agent_log log({"entityMIB"});
     table_steps steps = entity_steps();
     EXPECT_FALSE(steps.first());
