@@ -141,7 +141,7 @@ hashtable *create_hashtable(uint32_t minsize, hashtable_hash_fn hash_fn,
 
 uint32_t hash(const hashtable *table, const void *key)
 {
-    return mixed_hash(*table, key);
+    return table != nullptr ? mixed_hash(*table, key) : 0;
 }
 
 int hashtable_grow(hashtable *table)

@@ -11,8 +11,8 @@
  * Threads: the table has no lock. Whoever shares one between threads serialises
  * every call on it, reading calls included.
  *
- * Null: every call but hashtable_count and hash takes a null table and does
- * nothing; it then gives the result that its own comment names for failure.
+ * Null: every call but hashtable_count takes a null table and does nothing; it
+ * then gives 0 or null.
  *
  * Nothing is logged; failures are told by the results alone.
  */
@@ -71,8 +71,7 @@ extern const float max_load_factor;
 struct hashtable *create_hashtable(uint32_t minsize, hashtable_hash_fn hash_fn,
                                    hashtable_equal_fn equal_fn);
 
-/* hash_fn(key), mixed so that all its bits count in the choice of a chain. The
- * table must not be null. */
+/* hash_fn(key), mixed so that all its bits count in the choice of a chain. */
 uint32_t hash(const struct hashtable *table, const void *key);
 
 /*

@@ -792,6 +792,7 @@ TEST_F(hashtable_test, null_tables_give_empty_results)
     EXPECT_EQ(hashtable_search(nullptr, "/SYS"), nullptr);
     EXPECT_EQ(hashtable_remove(nullptr, "/SYS"), nullptr);
     EXPECT_EQ(hashtable_grow(nullptr), 0);
+    EXPECT_EQ(hash(nullptr, "/SYS"), 0U);
     fake_system::on_free.forget_calls();
     hashtable_destroy(nullptr, 0);
     hashtable_destroy(nullptr, 1);
