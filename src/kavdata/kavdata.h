@@ -15,6 +15,9 @@
 #ifndef KAVPLAT_KAVDATA_KAVDATA_H
 #define KAVPLAT_KAVDATA_KAVDATA_H
 
+/* First: it makes the headers of the system declare what those of net-snmp need. */
+#include <net-snmp/net-snmp-config.h>
+
 #include "hashtable/hashtable.h"
 #include "kavdata/cache_lock.h"
 #include "kavdata/phys_entry.h"

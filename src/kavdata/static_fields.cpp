@@ -51,17 +51,15 @@ void read_vantor_id(phys_entry *entry, vantor_id selector)
     replaceString(&entry->entPhysicalAlias, buffer, short_text);
 }
 
-bool is_regular_file(const char *path)
+// Anything but a regular file could keep the build waiting for a writer.
+bool may_block(const char *path)
 {
     struct stat status;
-    if (stat(path, &status) != 0) {
-        return false; // most hosts have none
-    }
-    if (!S_ISREG(status.st_mode)) {
-        snmp_log(LOG_WARNING, "%s:%s is no regular file and is not read\n",
-                 "snmp_read_product_info", path);
+    if (stat(path, &status) != 0 || S_ISREG(status.st_mode)) {
         return false;
     }
+    snmp_log(LOG_WARNING, "%s:%s is no regular file and is not read\n", "snmp_read_product_info",
+             path);
     return true;
 }
 
@@ -80,18 +78,17 @@ void read_firmware_revision(char **field)
     char text[256];
     snprintf(text, sizeof text, "System Firmware : dev build %s (r%s) %s", build_user, build_number,
              build_date);
-    // Anything but a regular file could keep the build waiting for a writer.
-    if (is_regular_file(version_file)) {
+    if (!may_block(version_file)) {
         const std::unique_ptr<FILE, int (*)(FILE *)> file{fopen(version_file, "r"), fclose};
+        char line[128] = "";
         if (!file) {
-            snmp_log(LOG_WARNING, "%s:%s can not be opened: %s\n", "snmp_read_product_info",
-                     version_file, strerror(errno));
-        } else {
-            char line[128] = "";
-            if (fgets(line, sizeof line, file.get()) && line[0] == '@') {
-                const size_t skipped = std::min<size_t>(strlen(line), 4);
-                strlcpy(text, line + skipped, sizeof text);
+            if (errno != ENOENT) { // most hosts have none
+                snmp_log(LOG_WARNING, "%s:%s can not be opened: %s\n", "snmp_read_product_info",
+                         version_file, strerror(errno));
             }
+        } else if (fgets(line, sizeof line, file.get()) && line[0] == '@') {
+            const size_t skipped = std::min<size_t>(strlen(line), 4);
+            strlcpy(text, line + skipped, sizeof text);
         }
     }
     strlcpy(revision, text, field_size);

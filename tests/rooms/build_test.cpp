@@ -656,7 +656,7 @@ TEST_F(build_cache, without_a_suffix_the_position_stays)
     const agent_log log({"kavdata::relpos"});
     EXPECT_EQ(relative_position("/SYS/FAN", 1), -77);
     EXPECT_TRUE(log.has_debug("kavdata::relpos", "get_parentRelPos:numeric suffix=\n"));
-    EXPECT_TRUE(log.has_debug("kavdata::relpos", "get_parentRelPos:matched=0,num=-1\n"));
+    EXPECT_TRUE(log.has_debug("kavdata::relpos", "get_parentRelPos:matched=-1,num=-1\n"));
     EXPECT_EQ(relative_position("/SYS/FAN1A", 1), -77);
     EXPECT_EQ(relative_position("", 1), -77);
     build({"/SYS", "/SYS/FAN"});

@@ -1,6 +1,7 @@
 // What a component's type and capabilities bring, and the identity texts.
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -703,6 +704,29 @@ TEST_F(static_fields, a_version_file_that_cannot_be_opened_keeps_the_default)
     owned_entry e("/SYS", CAPI_TYPE_SYSTEM);
     EXPECT_EQ(snmp_read_product_info(e.get()), 0);
     EXPECT_EQ(e->entPhysicalFirmwareRev, default_revision());
+}
+
+TEST_F(static_fields, a_version_file_that_cannot_be_reached_is_told)
+{
+    fake_system::on_stat.set([](const char *, struct stat *) {
+        errno = EACCES;
+        return -1;
+    });
+    for (const int error : {EACCES, ENOENT}) {
+        fake_system::on_fopen.set([error](const char *, const char *) -> FILE * {
+            errno = error;
+            return nullptr;
+        });
+        const agent_log log;
+        owned_entry e("/SYS", CAPI_TYPE_SYSTEM);
+        EXPECT_EQ(snmp_read_product_info(e.get()), 0);
+        EXPECT_EQ(e->entPhysicalFirmwareRev, default_revision());
+        // Most hosts have none, so that is nothing to tell.
+        EXPECT_EQ(log.texts(LOG_WARNING),
+                  error == ENOENT ? strings()
+                                  : strings{"snmp_read_product_info:/etc/static_conf/version.dat "
+                                            "can not be opened: Permission denied\n"});
+    }
 }
 
 // ---- get_static_fields ----
