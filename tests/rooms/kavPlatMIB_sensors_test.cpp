@@ -548,6 +548,35 @@ TEST_F(sensor_tables, a_slot_number_is_a_numeric_reading)
     EXPECT_EQ(numeric(2), integer_value(0));
 }
 
+// Its thresholds are those that every entry begins with, all at 0, and every one of
+// them is in force, so any number has crossed one that is fatal. What the platform
+// knows of thresholds comes only with a refresh.
+TEST_F(sensor_tables, a_slot_number_is_always_critical)
+{
+    auto record = with_thresholds(threshold_sensor(99, 7.0F));
+    record.raw_reading = 7;
+    build_sensor(record, CAPI_TYPE_SLOT_IDENTITY);
+    for (const float number : {7.0F, 1.0F, 0.0F, -1.0F, 255.0F}) {
+        record.reading = number;
+        platform->sensors[name] = record;
+        expire();
+        EXPECT_EQ(served(kavPlatEquipmentTable_handler, 3, &entry()), integer_value(1)) << number;
+    }
+    EXPECT_EQ(numeric(15), octets_value("\xFC"));
+    for (unsigned column = 8; column <= 13; column++) {
+        EXPECT_EQ(numeric(column), integer_value(0)) << column;
+    }
+
+    record.reading = 7.0F;
+    record.flags = 0;
+    platform->sensors[name] = record;
+    expire();
+    reload_thresholds(name);
+    EXPECT_EQ(numeric(4), integer_value(7));
+    EXPECT_EQ(numeric(15), octets_value(std::string(1, '\0')));
+    EXPECT_EQ(served(kavPlatEquipmentTable_handler, 3, &entry()), integer_value(7));
+}
+
 // ---- kavPlatDiscreteSensorTable ----
 
 TEST_F(sensor_tables, the_column_of_a_discrete_sensor)
