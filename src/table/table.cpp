@@ -391,10 +391,16 @@ int register_table(const table &t)
                  t.name);
     const int result = netsnmp_register_table_iterator(registration, iinfo);
     if (result == MIB_REGISTERED_OK) {
+        // Else nobody frees it when the table is unregistered.
+        if (auto *iterator = netsnmp_find_handler_by_name(registration, TABLE_ITERATOR_NAME)) {
+            netsnmp_handler_owns_iterator_info(iterator);
+        }
         // The start index makes the iterator miss rows when the varbinds of a PDU
         // are not in row order; one by one they are. A registration that failed is
         // freed already.
         netsnmp_inject_handler_before(registration, netsnmp_get_serialize_handler(), "table");
+    } else {
+        netsnmp_iterator_delete_table(iinfo);
     }
     return result;
 }

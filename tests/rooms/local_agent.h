@@ -44,8 +44,6 @@ class local_registrations
     {
         fake_system::on_netsnmp_register_table_iterator.set(
             [this](netsnmp_handler_registration *registration, netsnmp_iterator_info *iterator) {
-                // net-snmp leaves these to whoever registered them.
-                kept().push_back(iterator);
                 const int result = netsnmp_register_table_iterator(registration, iterator);
                 tables_.push_back({registration, iterator, result});
                 return result;
@@ -79,12 +77,6 @@ class local_registrations
     const std::vector<netsnmp_handler_registration *> &scalars() const { return scalars_; }
 
   private:
-    static std::vector<netsnmp_iterator_info *> &kept()
-    {
-        static std::vector<netsnmp_iterator_info *> all;
-        return all;
-    }
-
     std::vector<table> tables_;
     std::vector<netsnmp_handler_registration *> scalars_;
 };
