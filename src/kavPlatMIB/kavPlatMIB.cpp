@@ -65,15 +65,16 @@ void limit_core_files()
     }
 }
 
-char *make_banner(const char *format, const char *value)
+// A module that is loaded again has them from before.
+void make_banner(char *&banner, const char *format, const char *value)
 {
-    auto *banner = static_cast<char *>(malloc(banner_size));
+    free(banner);
+    banner = static_cast<char *>(malloc(banner_size));
     if (banner) {
         snprintf(banner, banner_size, format, value);
     } else {
         snmp_log(LOG_ERR, "%s:FAILED:%s\n", "init_kavPlatMIB", "no memory for the build banner");
     }
-    return banner;
 }
 
 } // namespace
@@ -96,9 +97,9 @@ void init_kavPlatMIB(void)
 
     note_start_time();
     limit_core_files();
-    banner_number = make_banner(" BUILD_NUMBER is %s ", build_number);
-    banner_date = make_banner(" BUILD_DATE is %s ", build_date);
-    banner_user = make_banner(" BUILD_USER is %s ", build_user);
+    make_banner(banner_number, " BUILD_NUMBER is %s ", build_number);
+    make_banner(banner_date, " BUILD_DATE is %s ", build_date);
+    make_banner(banner_user, " BUILD_USER is %s ", build_user);
     register_scalar("kavPlatStartTime", platform_oid<1>, handle_kavPlatStartTime);
     for (const auto &table : tables) {
         table.initialize();
