@@ -52,6 +52,9 @@ class forked : public platform_test
   protected:
     forked()
     {
+        // A busy machine may be slow to start the thread that reads, and a child
+        // starts its own.
+        ::setenv("KAVPLAT_READ_TIMEOUT_MS", "10000", 1);
         write_file(directory / "t", "7");
         write_file(path, described(with_sensor));
     }
@@ -135,6 +138,9 @@ TEST_F(forked, a_child_of_a_child_works_too)
 
 TEST_F(forked, a_fork_while_other_threads_are_inside_the_platform_hangs_nobody)
 {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer's own locks do not survive a fork beside other threads";
+#endif
     follow();
     std::atomic<bool> stop = false;
     std::vector<std::thread> busy;
