@@ -253,7 +253,7 @@ int main(int count, char **arguments)
         {nullptr, 0, nullptr, 0},
     };
     // Never destroyed: events may come until the process ends.
-    auto &s = *new session;
+    static auto &s = *new session;
     std::vector<const check *> wanted;
     int given = 0;
     while ((given = getopt_long(count, arguments, "h", known, nullptr)) != -1) {
