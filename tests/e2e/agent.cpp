@@ -8,6 +8,7 @@
 #include <fstream>
 #include <iterator>
 #include <netinet/in.h>
+#include <pwd.h>
 #include <sstream>
 #include <stdexcept>
 #include <sys/prctl.h>
@@ -78,6 +79,24 @@ std::vector<process_row> all_processes()
         }
     }
     return rows;
+}
+
+// A directory with all in it.
+void give_to(const fs::path &path, const std::string &user)
+{
+    const passwd *who = getpwnam(user.c_str());
+    if (who == nullptr) {
+        fail("no user " + user);
+    }
+    const auto give = [&](const fs::path &each) {
+        if (chown(each.c_str(), who->pw_uid, who->pw_gid) != 0) {
+            fail("cannot give " + each.string() + " to " + user + ": " + text_of_errno());
+        }
+    };
+    give(path);
+    for (const fs::directory_entry &each : fs::recursive_directory_iterator(path)) {
+        give(each.path());
+    }
 }
 
 // The process of that name below another one.
@@ -243,7 +262,13 @@ agent::agent(agent_options options)
                std::string("rocommunity public 127.0.0.1\n"
                            "rwcommunity private 127.0.0.1\n"
                            "dontLogTCPWrappersConnects yes\n"
-                           "dlmod entityMIB " KAVPLAT_MODULE "\n"));
+                           "dlmod entityMIB " KAVPLAT_MODULE "\n"
+                           "dlmod kavPlatMIB " KAVPLAT_MODULE "\n") +
+                   options_.configuration);
+    if (!options_.user.empty()) {
+        fs::permissions(directory_.path(), fs::perms(0755));
+        give_to(directory_.path() / "state", options_.user);
+    }
     options_.redirected_paths.emplace_back("/etc/static_conf/version.dat",
                                            directory_.path() / "version.dat");
     options_.redirected_paths.emplace_back("/coredump/snmpd.stop.entity",
@@ -309,6 +334,9 @@ std::vector<std::string> agent::command() const
                                "-I", "-smux"});
     if (!options_.daemon) {
         words.emplace_back("-f");
+    }
+    if (!options_.user.empty()) {
+        words.insert(words.end(), {"-u", options_.user});
     }
     if (!options_.debug_tokens.empty()) {
         words.push_back("-D" + options_.debug_tokens);

@@ -90,6 +90,11 @@ struct agent_options {
     std::vector<std::pair<std::string, std::string>> redirected_paths = {};
     /* First line of the version file, with its line end. */
     std::string version_line = "@(#)5.0.1\n";
+    /* Lines of snmpd.conf beside those that load the module and let everybody on
+     * the loopback in. */
+    std::string configuration = {};
+    /* The user that the agent becomes once it has its port; empty: stays. */
+    std::string user = {};
     /* start() returns when the agent answers, whatever the cache holds. */
     bool wait_for_cache = true;
 };

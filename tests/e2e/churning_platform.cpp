@@ -13,6 +13,9 @@
 // a unit. The module logs a line for each index that is free at such an update, and
 // there are ever more of them: a long run wants fewer updates.
 //
+// With KAVPLAT_CHURN_SENSORS each of the units that stay has so many sensors, of
+// which a reading takes KAVPLAT_CHURN_SENSOR_MS milliseconds.
+//
 // Environment: KAVPLAT_CHURN_EVENTS_PER_SECOND (0: none), KAVPLAT_CHURN_STABLE,
 // KAVPLAT_CHURN_COUNT (a file that is told, as a number, how many events were
 // delivered), KAVPLAT_CHURN_DISCONNECT (every how many events the connection is
@@ -67,8 +70,10 @@ world &the_world()
         auto *made = new world;
         made->stable = setting("KAVPLAT_CHURN_STABLE", 20);
         made->next_index = 2; // "/SYS" is 1
+        const unsigned sensors = setting("KAVPLAT_CHURN_SENSORS", 0);
         for (uint32_t i = 0; i < made->stable; i++) {
-            made->units.push_back({made->next_index++, 0});
+            made->units.push_back({made->next_index, sensors});
+            made->next_index += 1 + sensors;
         }
         return made;
     }();
@@ -258,6 +263,8 @@ int capi_is_indicator_type(uint32_t, int32_t *flag)
 
 int capi_get_sensor(int, const char *nac_name, capi_sensor_record *record)
 {
+    static const unsigned slowness = setting("KAVPLAT_CHURN_SENSOR_MS", 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(slowness));
     return capi_get_sensor_info(nac_name, CAPI_SENSOR_INFO_ALL, record);
 }
 

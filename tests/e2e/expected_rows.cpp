@@ -158,6 +158,8 @@ std::vector<expected_row> expected_rows(const std::filesystem::path &description
         expected_row row;
         row.index = rows.size() + 1;
         row.name = component.at("name");
+        row.component_type = kind.number;
+        row.kind = kind.kind;
         row.description = kind.text;
         row.physical_class = kind.kind == "sensor"      ? 8
                              : kind.kind == "indicator" ? 1

@@ -25,6 +25,8 @@ struct expected_row {
     std::string model;
     std::string alias;
     bool is_fru = false;
+    unsigned long component_type = 0;
+    std::string kind = {}; // plain, sensor, indicator
 };
 
 /* In order of the index, as a fresh agent numbers them. firmware is what the
