@@ -115,7 +115,7 @@ object_name moved(const object_name &name, const object_name &from, const object
 std::string text_for_pass(const varbind &row)
 {
     const snmp_value &value = row.value;
-    std::string out = "." + to_text(row.name);
+    std::string out = to_text(row.name);
     switch (value.type) {
     case snmp_integer:
         return out + "\tinteger\t" + std::to_string(value.number);
@@ -131,7 +131,7 @@ std::string text_for_pass(const varbind &row)
         }
         return out;
     case snmp_object_id:
-        return out + "\tobjectid\t." + to_text(value.object);
+        return out + "\tobjectid\t" + to_text(value.object);
     default:
         return out + "\tgauge\t" + std::to_string(value.number);
     }
@@ -163,9 +163,13 @@ void expect_same(snmp_client &client, const object_name &own_column,
     for (varbind &each : found) {
         each.name = moved(each.name, root, own_root);
     }
-    if (found != wanted) {
+    const auto [other, ours] = std::ranges::mismatch(found, wanted);
+    if (other != found.end() || ours != wanted.end()) {
+        const std::string instead = other == found.end() ? "nothing" : text_for_pass(*other);
         throw std::runtime_error(std::string(peer) + " does not serve the rows below " +
-                                 to_text(own_column) + " that the module serves");
+                                 to_text(own_column) + " that the module serves, but " + instead +
+                                 " where the module serves " +
+                                 (ours == wanted.end() ? "nothing" : text_for_pass(*ours)));
     }
 }
 
@@ -507,6 +511,7 @@ void add_process_samples(const std::string &program, const std::string &prefix, 
         }
         std::string name = run.at("run_name");
         name = prefix + name.substr(0, name.find("/iterations:"));
+        name = name.substr(0, name.find("/min_time:"));
         name = name.substr(0, name.find("/manual_time"));
         out[name]["time"].push_back(run.at("real_time").get<double>() / run.value("steps", 1.0));
         if (run.contains("bytes")) {
