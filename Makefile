@@ -6,7 +6,7 @@ PREFIX ?= /usr/local
 SOURCES = git ls-files '*.c' '*.cpp' '*.h'
 JOBS := $(shell nproc)
 
-.PHONY: help run test test-portability build install coverage fuzz tidy format format-check clean setup-run setup-test setup-ci
+.PHONY: help run test test-portability build install coverage fuzz bench tidy format format-check clean setup-run setup-test setup-bench setup-ci
 
 help:
 	@echo "make run            serve servers/rack-2u.json by a private snmpd on 127.0.0.1:1161"
@@ -18,12 +18,13 @@ help:
 	@echo "make check-PRESET   build and test by another preset: asan, tsan, clang"
 	@echo "make coverage       line and branch coverage of src/, into build/coverage/report"
 	@echo "make fuzz           the fuzzers, a minute each          SECONDS=n  longer"
+	@echo "make bench          how quick the agent is, beside others, as ratios   ROUNDS=n  of measuring"
 	@echo "make tidy           clang-tidy over src/"
 	@echo "make format-check   is everything formatted?   make format  formats it"
 	@echo "make clean          remove build/"
-	@echo "run, test, test-portability, coverage, tidy and format-check install what Debian packages they miss."
+	@echo "run, test, test-portability, coverage, bench, tidy and format-check install what Debian packages they miss."
 
-setup-run setup-test setup-ci: setup-%:
+setup-run setup-test setup-bench setup-ci: setup-%:
 	@tools/setup $*
 
 build:
@@ -61,6 +62,13 @@ fuzz: setup-ci
 	cmake --preset fuzz
 	cmake --build --preset fuzz
 	tests/fuzz/run build/fuzz $(SECONDS)
+
+# What else the machine does befalls all that is compared; still, leave it alone.
+bench: ROUNDS := 7
+bench: setup-bench
+	cmake --preset bench
+	cmake --build --preset bench
+	build/bench/bench/kavplat-bench --rounds $(ROUNDS)
 
 tidy: setup-ci
 	cmake --preset dev
