@@ -3,7 +3,7 @@
 #include "faults/server_under_fault.h"
 
 // A table that cannot be registered keeps what was allocated for it; that is meant.
-extern "C" const char *__lsan_default_suppressions();
+extern "C" __attribute__((visibility("default"))) const char *__lsan_default_suppressions();
 extern "C" const char *__lsan_default_suppressions()
 {
     return "leak:kavplat::register_table\nleak:netsnmp_handler_registration_create\n";

@@ -37,6 +37,8 @@ std::set<std::string> inventory()
 class description_faults : public platform_test
 {
   protected:
+    ~description_faults() override { described_platform_stop(); }
+
     const std::string good = described(R"({"name": "/SYS/MB", "type": "system-board"})");
     const std::set<std::string> good_names = {"/SYS", "/SYS/MB"};
     const std::string more = described(R"({"name": "/SYS/MB", "type": "system-board"},
