@@ -6,7 +6,7 @@ PREFIX ?= /usr/local
 SOURCES = git ls-files '*.c' '*.cpp' '*.h'
 JOBS := $(shell nproc)
 
-.PHONY: help run test test-portability build install coverage fuzz bench tidy format format-check clean setup-run setup-test setup-bench setup-ci
+.PHONY: help run test test-portability build install coverage fuzz soak bench tidy format format-check clean setup-run setup-test setup-bench setup-ci
 
 help:
 	@echo "make run            serve servers/rack-2u.json by a private snmpd on 127.0.0.1:1161"
@@ -18,6 +18,7 @@ help:
 	@echo "make check-PRESET   build and test by another preset: asan, tsan, clang"
 	@echo "make coverage       line and branch coverage of src/, into build/coverage/report"
 	@echo "make fuzz           the fuzzers, a minute each          SECONDS=n  longer"
+	@echo "make soak           agents under load while everything changes   MINUTES=n  of each build"
 	@echo "make bench          how quick the agent is, beside others, as ratios   ROUNDS=n  of measuring"
 	@echo "make tidy           clang-tidy over src/"
 	@echo "make format-check   is everything formatted?   make format  formats it"
@@ -62,6 +63,15 @@ fuzz: setup-ci
 	cmake --preset fuzz
 	cmake --build --preset fuzz
 	tests/fuzz/run build/fuzz $(SECONDS)
+
+# MINUTES is for each of the builds. The plain one has the say about memory, the
+# sanitizers about everything else.
+soak: MINUTES := 30
+soak: setup-ci
+	for preset in dev asan tsan; do \
+		cmake --preset $$preset && cmake --build --preset $$preset --target soak_test && \
+		KAVPLAT_SOAK_SECONDS=$$(($(MINUTES) * 20)) build/$$preset/tests/soak/soak_test || exit 1; \
+	done
 
 # What else the machine does befalls all that is compared; still, leave it alone.
 bench: ROUNDS := 7
