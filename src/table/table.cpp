@@ -2,6 +2,8 @@
 
 #include "kavdata/cache.h"
 #include "kavdata/cache_pass.h"
+#include "table/next_row.h"
+#include "table/turns.h"
 #include "trace/trace.h"
 
 #include <cstdio>
@@ -399,6 +401,8 @@ int register_table(const table &t)
         // are not in row order; one by one they are. A registration that failed is
         // freed already.
         netsnmp_inject_handler_before(registration, netsnmp_get_serialize_handler(), "table");
+        step_to_next_row(registration, t);
+        take_turns(registration);
     } else {
         netsnmp_iterator_delete_table(iinfo);
     }
