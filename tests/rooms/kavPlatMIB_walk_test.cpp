@@ -186,6 +186,63 @@ TEST_P(each_table_walk, getbulk_gives_what_getnext_gives)
     EXPECT_EQ(bulk.varbinds, walked);
 }
 
+// A step to the next row of a column is taken without the iterator, except when the
+// steps are traced.
+TEST_P(each_table_walk, answers_what_the_iterator_answers)
+{
+    build_with_rows({2, 3, 5});
+    agent.walk(oid_of(table)); // the first read of a sensor changes what is served before it
+    strings asked = {oid_of(table), oid_of(table) + ".0", oid_of(table) + ".2",
+                     oid_of(table) + ".2.1.2"};
+    for (unsigned column = table.min_column - 1U; column <= table.max_column + 1U; column++) {
+        asked.push_back(oid_of(table) + ".1." + std::to_string(column));
+        for (const char *row : {"0", "1", "2", "3", "4", "5", "6", "7", "4294967295", "2.0", "2.1",
+                                "2.3", "2.1.1", "4.1", "5.3"}) {
+            asked.push_back(name(table, column, row));
+        }
+    }
+    for (const std::string &each : asked) {
+        const pdu_answer next = agent.ask(SNMP_MSG_GETNEXT, {each});
+        const pdu_answer bulk = agent.ask(SNMP_MSG_GETBULK, {each}, 9);
+        const agent_log traced({"nothing"});
+        EXPECT_EQ(next.varbinds, agent.ask(SNMP_MSG_GETNEXT, {each}).varbinds) << each;
+        EXPECT_EQ(bulk.varbinds, agent.ask(SNMP_MSG_GETBULK, {each}, 9).varbinds) << each;
+    }
+}
+
+TEST_P(each_table_walk, uses_the_iterator_where_it_must)
+{
+    build_with_rows({2, 3, 5});
+    static Netsnmp_First_Data_Point *first;
+    static unsigned uses;
+    const auto found = std::ranges::find_if(registered.tables(), [&](const auto &t) {
+        return std::string(t.registration->handlerName) == table.name;
+    });
+    ASSERT_NE(found, registered.tables().end());
+    first = found->iterator->get_first_data_point;
+    found->iterator->get_first_data_point =
+        [](void **loop, void **data, netsnmp_variable_list *index, netsnmp_iterator_info *info) {
+            uses++;
+            return first(loop, data, index, info);
+        };
+    const auto is_used_after = [&](const std::string &row) {
+        uses = 0;
+        agent.ask(SNMP_MSG_GETNEXT, {name(table, table.min_column, row)});
+        return uses != 0;
+    };
+    if (table.indexes == 2) {
+        EXPECT_TRUE(is_used_after("2.1"));
+        return;
+    }
+    EXPECT_FALSE(is_used_after("2"));
+    EXPECT_FALSE(is_used_after("4"));
+    EXPECT_TRUE(is_used_after("5"));
+    EXPECT_TRUE(is_used_after("7"));
+    EXPECT_TRUE(is_used_after("2.1"));
+    const agent_log traced({"nothing"});
+    EXPECT_TRUE(is_used_after("2"));
+}
+
 TEST_P(each_table_walk, getnext_from_within_a_row_that_is_gone)
 {
     build_with_rows({2, 3, 5});
