@@ -290,7 +290,7 @@ void spoil_list(const char *nac_name, uint32_t *count, capi_inventory_record *it
 }
 
 // Not looked after by the sanitizer, which would end the process in its own way.
-[[gnu::no_sanitize("undefined")]] void look_at(const volatile capi_inventory_record *items)
+__attribute__((no_sanitize("undefined"))) void look_at(const volatile capi_inventory_record *items)
 {
     [[maybe_unused]] const uint32_t type = items->component_type;
 }
