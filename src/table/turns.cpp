@@ -1,6 +1,7 @@
 #include "table/turns.h"
 
 #include <chrono>
+#include <ctime>
 #include <deque>
 #include <memory>
 #include <new>
@@ -11,10 +12,17 @@ namespace kavplat
 namespace
 {
 
-using clock_type = std::chrono::steady_clock;
+// A table without a platform to wait for takes some microseconds. More than one tick
+// of the slowest clock there is: one may end at any time.
+constexpr std::chrono::milliseconds slow{15};
 
-// A table without a platform to wait for takes some microseconds.
-constexpr std::chrono::milliseconds slow{10};
+// As of the last tick. The exact time takes a good part of what a row takes.
+std::chrono::nanoseconds recent_time()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
 
 // For how long the agent reads what has come in meanwhile, a packet at a time.
 constexpr timeval pause_length = {0, 2000};
@@ -49,10 +57,10 @@ bool are_alarms_run_by_the_loop()
 int serve(netsnmp_mib_handler *handler, netsnmp_handler_registration *registration,
           netsnmp_agent_request_info *reqinfo, netsnmp_request_info *request)
 {
-    const auto begin = clock_type::now();
+    const auto begin = recent_time();
     const int status =
         netsnmp_call_next_handler_one_request(handler, registration, reqinfo, request);
-    if (clock_type::now() - begin >= slow && !is_pausing && are_alarms_run_by_the_loop()) {
+    if (recent_time() - begin >= slow && !is_pausing && are_alarms_run_by_the_loop()) {
         is_pausing = snmp_alarm_register_hr(pause_length, 0, go_on, nullptr) != 0;
     }
     return status;
