@@ -1,6 +1,7 @@
 // A description that can not be had, or only half of it: what was good stays in
 // force, and the log names the file and what is wrong with it.
 #include "describedPlatform/loader.h"
+#include "describedPlatform/platform.h"
 #include "describedPlatform/support.h"
 
 #include "platform/capi.h"
