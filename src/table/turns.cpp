@@ -95,14 +95,20 @@ void go_on(unsigned, void *)
         // Null when the agent has given the whole PDU up.
         if (const netsnmp_delegated_cache *cache = netsnmp_handler_check_cache(next.get())) {
             cache->requests->delegated = 0;
-            // By now the agent takes what a GET has no value for as missing.
-            if (cache->requests->requestvb->type == SNMP_NOSUCHINSTANCE) {
-                snmp_set_var_typed_value(cache->requests->requestvb, ASN_NULL, nullptr, 0);
+            // By now the agent takes what a GET has no value for as missing. It does
+            // so but once: what has none after this is missing as well.
+            netsnmp_variable_list *var = cache->requests->requestvb;
+            const bool was_missing = var->type == SNMP_NOSUCHINSTANCE;
+            if (was_missing) {
+                snmp_set_var_typed_value(var, ASN_NULL, nullptr, 0);
             }
             const int status =
                 serve(cache->handler, cache->reginfo, cache->reqinfo, cache->requests);
             if (status != SNMP_ERR_NOERROR) {
                 netsnmp_set_request_error(cache->reqinfo, cache->requests, status);
+            }
+            if (was_missing && var->type == ASN_NULL) {
+                var->type = SNMP_NOSUCHINSTANCE;
             }
         }
     }
