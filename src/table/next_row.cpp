@@ -29,7 +29,12 @@ bool names_a_row(const table &t, const netsnmp_handler_registration *registratio
            below[2] <= getMaxPhysicalIndex();
 }
 
-// Makes the request one for the next row, as the iterator would.
+// What the table helper tells a handler; ours asks for the column only. The agent
+// serves one request at a time, so one serves all.
+netsnmp_table_request_info column_of_step = {};
+
+// Makes the request one for the next row, as the helpers would. False where it is
+// theirs to find.
 bool step(const table &t, const netsnmp_handler_registration *registration,
           netsnmp_request_info *request)
 {
@@ -37,28 +42,46 @@ bool step(const table &t, const netsnmp_handler_registration *registration,
     if (request->processed || request->inclusive || !names_a_row(t, registration, var)) {
         return false;
     }
-    begin_agent_pass(); // the handler or the iterator ends it
-    oid &index = var->name[var->name_length - 1];
-    phys_entry *row = t.rows.after(static_cast<uint32_t>(index));
+    begin_agent_pass(); // the handler ends it
+    oid *arcs = var->name + registration->rootoid_len;
+    phys_entry *row = t.rows.after(static_cast<uint32_t>(arcs[2]));
     if (!row) {
         return false;
     }
+    column_of_step.colnum = static_cast<unsigned>(arcs[1]);
+    netsnmp_data_list *column =
+        netsnmp_create_data_list(TABLE_HANDLER_NAME, &column_of_step, nullptr);
     netsnmp_data_list *context = netsnmp_create_data_list(TABLE_ITERATOR_NAME, row, nullptr);
-    if (!context) {
+    if (!column || !context) {
+        netsnmp_free_all_list_data(column);
+        netsnmp_free_all_list_data(context);
         return false;
     }
+    netsnmp_request_add_list_data(request, column);
     netsnmp_request_add_list_data(request, context);
-    index = row->entPhysicalIndex;
+    arcs[2] = row->entPhysicalIndex;
     return true;
+}
+
+// The last of the helpers, if nobody has put another handler between them.
+netsnmp_mib_handler *iterator_behind(netsnmp_mib_handler *handler)
+{
+    for (Netsnmp_Node_Handler *helper : {netsnmp_serialize_helper_handler, table_helper_handler,
+                                         netsnmp_table_iterator_helper_handler}) {
+        handler = handler->next;
+        if (!handler || handler->access_method != helper) {
+            return nullptr;
+        }
+    }
+    return handler;
 }
 
 int handle(netsnmp_mib_handler *handler, netsnmp_handler_registration *registration,
            netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)
 {
     const auto &t = *static_cast<const table *>(handler->myvoid);
-    netsnmp_mib_handler *iterator = handler->next;
-    if (reqinfo->mode != MODE_GETNEXT || requests->next || debugging() ||
-        iterator->access_method != netsnmp_table_iterator_helper_handler ||
+    netsnmp_mib_handler *iterator = iterator_behind(handler);
+    if (reqinfo->mode != MODE_GETNEXT || requests->next || debugging() || !iterator ||
         !step(t, registration, requests)) {
         return netsnmp_call_next_handler(handler, registration, reqinfo, requests);
     }
@@ -80,8 +103,7 @@ void step_to_next_row(netsnmp_handler_registration *registration, const table &t
         return;
     }
     handler->myvoid = const_cast<table *>(&t);
-    if (netsnmp_inject_handler_before(registration, handler, TABLE_ITERATOR_NAME) !=
-        SNMPERR_SUCCESS) {
+    if (netsnmp_inject_handler_before(registration, handler, "serialize") != SNMPERR_SUCCESS) {
         netsnmp_handler_free(handler);
     }
 }
