@@ -11,7 +11,8 @@ namespace kavplat
 // kavPlatMIBObjects.arc; an argument of a type that the library does not own would
 // export it.
 template <oid Arc>
-[[gnu::visibility("hidden")]] inline constexpr oid platform_oid[] = {1, 3, 6, 1, 4, 1, 58213, 2, 70, 101, 1, 1, Arc};
+[[gnu::visibility("hidden")]] inline constexpr oid platform_oid[] = {1, 3,  6,   1, 4, 1,  58213,
+                                                                     2, 70, 101, 1, 1, Arc};
 
 extern const table kavPlatEquipmentTable;
 extern const table kavPlatEquipmentHolderTable;
