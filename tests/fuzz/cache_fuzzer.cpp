@@ -354,6 +354,9 @@ void check_cache(world &w, bool allocation_failed)
             continue;
         }
         check_row(w, *row, i);
+        if (!htab) {
+            continue; // inserted while no build succeeds; the next event builds all anew
+        }
         if (!mapped.contains(i)) {
             // Only for want of memory.
             must(allocation_failed || w.unmapped.contains(i));
