@@ -37,5 +37,8 @@ install(DIRECTORY servers/ DESTINATION "${KAVPLAT_DATADIR}/servers" FILES_MATCHI
 # system's complete modules.
 install(FILES mibs/KAV-PLATFORM-MIB.txt DESTINATION "${KAVPLAT_DATADIR}/mibs")
 
+configure_file(examples/snmpd.conf.in snmpd.conf @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/snmpd.conf" DESTINATION "${KAVPLAT_DATADIR}/examples")
+
 install(FILES README.md LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 install(DIRECTORY docs/ DESTINATION "${CMAKE_INSTALL_DOCDIR}" FILES_MATCHING PATTERN "*.md")

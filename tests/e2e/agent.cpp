@@ -265,6 +265,9 @@ agent::agent(agent_options options)
                            "dlmod entityMIB " KAVPLAT_MODULE "\n"
                            "dlmod kavPlatMIB " KAVPLAT_MODULE "\n") +
                    options_.configuration);
+    if (!options_.persistent_state.empty()) {
+        write_file(directory_.path() / "state" / "snmpd.conf", options_.persistent_state);
+    }
     if (!options_.user.empty()) {
         fs::permissions(directory_.path(), fs::perms(0755));
         give_to(directory_.path() / "state", options_.user);
@@ -303,6 +306,11 @@ std::string agent::preloads() const
     return all;
 }
 
+std::string agent::address() const
+{
+    return "udp:127.0.0.1:" + std::to_string(port_);
+}
+
 std::vector<std::string> agent::command() const
 {
     std::vector<std::string> words = {"unshare", "--pid", "--fork", "--kill-child", "--mount-proc"};
@@ -327,9 +335,14 @@ std::vector<std::string> agent::command() const
     for (const auto &[name, value] : options_.environment) {
         words.push_back(name + "=" + value);
     }
+    // As without it: where the configuration is and where the state is kept.
+    words.push_back("SNMPCONFPATH=" + directory + ":" + directory + "/state");
     words.push_back("LD_PRELOAD=" + preloads());
-    words.insert(words.end(), {KAVPLAT_SNMPD, "-C", "-c", directory + "/snmpd.conf", "-Lf",
-                               directory + "/log", "-p", directory + "/pid",
+    words.emplace_back(KAVPLAT_SNMPD);
+    if (options_.whole_configuration.empty()) {
+        words.insert(words.end(), {"-C", "-c", directory + "/snmpd.conf"});
+    }
+    words.insert(words.end(), {"-Lf", directory + "/log", "-p", directory + "/pid",
                                // It would listen on a port of its own.
                                "-I", "-smux"});
     if (!options_.daemon) {
@@ -341,13 +354,25 @@ std::vector<std::string> agent::command() const
     if (!options_.debug_tokens.empty()) {
         words.push_back("-D" + options_.debug_tokens);
     }
-    words.push_back("udp:127.0.0.1:" + std::to_string(port_));
+    if (options_.whole_configuration.empty()) {
+        words.push_back(address());
+    }
     return words;
 }
 
 void agent::launch()
 {
     port_ = free_port();
+    if (!options_.whole_configuration.empty()) {
+        constexpr std::string_view place = "udp:127.0.0.1:161\n";
+        std::string text = options_.whole_configuration;
+        const size_t at = text.find(place);
+        if (at == std::string::npos) {
+            fail("the configuration listens to something else than " + std::string(place));
+        }
+        write_file(directory_.path() / "snmpd.conf",
+                   text.replace(at, place.size(), address() + "\n"));
+    }
     process_.start(command(), directory_.path() / "output");
 }
 

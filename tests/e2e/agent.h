@@ -93,6 +93,12 @@ struct agent_options {
     /* Lines of snmpd.conf beside those that load the module and let everybody on
      * the loopback in. */
     std::string configuration = {};
+    /* When not empty this is the whole of snmpd.conf, read from where snmpd looks for
+     * it, with "udp:127.0.0.1:161" in it replaced by the agent's own address; the
+     * command line names no address then. */
+    std::string whole_configuration = {};
+    /* What snmpd finds in the file of its persistent state. */
+    std::string persistent_state = {};
     /* The user that the agent becomes once it has its port; empty: stays. */
     std::string user = {};
     /* start() returns when the agent answers, whatever the cache holds. */
@@ -138,6 +144,7 @@ class agent
     std::string sanitizer_reports() const;
 
   private:
+    std::string address() const;
     std::vector<std::string> command() const;
     std::string preloads() const;
 

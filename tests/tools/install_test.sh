@@ -26,6 +26,7 @@ root=$stage$prefix
     printf "$includedir/kavplat/%s\n" "$@"
     echo "$datadir/kavplat/schema/server.schema.json"
     echo "$datadir/kavplat/mibs/KAV-PLATFORM-MIB.txt"
+    echo "$datadir/kavplat/examples/snmpd.conf"
     (cd -- "$source_dir" && find servers -name '*.json' -printf "$datadir/kavplat/%p\n")
     (cd -- "$source_dir/docs" && find . -name '*.md' -printf "$docdir/%P\n")
     printf "$docdir/%s\n" README.md LICENSE
@@ -57,5 +58,7 @@ if [[ $platform != "$root/$libdir/libkavplatform.so.0" ]]; then
     exit 1
 fi
 "$root/bin/kavplat-check" "$root/$datadir/kavplat/servers/rack-2u.json"
+[[ $libdir == /* ]] || libdir=$prefix/$libdir
+grep -qx "dlmod entityMIB $libdir/libPlatformMIB.so" "$root/$datadir/kavplat/examples/snmpd.conf"
 grep -qx "Cflags: -I\${includedir}/kavplat" "$root/$libdir/pkgconfig/kavplat.pc"
 echo "$(wc -l <"$stage/found") files, all as expected"
