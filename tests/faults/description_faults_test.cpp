@@ -195,4 +195,22 @@ TEST_F(description_faults, one_that_everybody_may_write_to_is_refused_to_root_al
     EXPECT_EQ(inventory(), good_names);
 }
 
+// A link's own mode says nothing: what counts is the file that is read.
+TEST_F(description_faults, behind_a_link_the_mode_of_the_file_counts)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root has reason to refuse it";
+    }
+    const fs::path target = path.string() + ".target";
+    write_file(target, good);
+    fs::create_symlink(target, path);
+    EXPECT_EQ(inventory(), good_names);
+    fs::permissions(target, fs::perms::others_write, fs::perm_options::add);
+    described_platform_stop();
+    EXPECT_TRUE(inventory().empty());
+    EXPECT_TRUE(wait_for_log("run \"chmod o-w " + path.string() + "\""));
+    fs::permissions(path, fs::perms::others_write, fs::perm_options::remove); // as it says
+    EXPECT_EQ(inventory(), good_names);
+}
+
 } // namespace
