@@ -58,7 +58,8 @@ if [[ $platform != "$root/$libdir/libkavplatform.so.0" ]]; then
     exit 1
 fi
 "$root/bin/kavplat-check" "$root/$datadir/kavplat/servers/rack-2u.json"
-[[ $libdir == /* ]] || libdir=$prefix/$libdir
-grep -qx "dlmod entityMIB $libdir/libPlatformMIB.so" "$root/$datadir/kavplat/examples/snmpd.conf"
+full_libdir=$libdir
+[[ $libdir == /* ]] || full_libdir=$prefix/$libdir
+grep -qx "dlmod entityMIB $full_libdir/libPlatformMIB.so" "$root/$datadir/kavplat/examples/snmpd.conf"
 grep -qx "Cflags: -I\${includedir}/kavplat" "$root/$libdir/pkgconfig/kavplat.pc"
 echo "$(wc -l <"$stage/found") files, all as expected"
