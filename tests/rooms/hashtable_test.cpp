@@ -219,6 +219,10 @@ TEST_F(hashtable_test, creation_zeroes_chain_heads_in_used_memory)
     }
 }
 
+// The heads of the largest table are more than 32 bits can address.
+constexpr bool has_largest_table = sizeof(size_t) > 4;
+constexpr uint32_t usable_primes = has_largest_table ? 26 : 25;
+
 TEST_F(hashtable_test, creation_accepts_at_most_two_to_the_thirtieth)
 {
     EXPECT_EQ(create_hashtable((1U << 30) + 1, hash_text, equal_text), nullptr);
@@ -228,6 +232,10 @@ TEST_F(hashtable_test, creation_accepts_at_most_two_to_the_thirtieth)
 
     pretend_any_array();
     hashtable *table = create_hashtable(1U << 30, hash_text, equal_text);
+    if (!has_largest_table) {
+        EXPECT_EQ(table, nullptr);
+        return;
+    }
     ASSERT_NE(table, nullptr);
     EXPECT_EQ(table->bucket_count, 1610612741U);
     EXPECT_EQ(table->load_limit, 1046898240U);
@@ -275,7 +283,7 @@ TEST_F(hashtable_test, creation_fails_without_memory_and_keeps_none)
 TEST_F(hashtable_test, load_limits_of_all_primes_are_single_precision)
 {
     pretend_any_array();
-    for (uint32_t i = 0; i < 26; ++i) {
+    for (uint32_t i = 0; i < usable_primes; ++i) {
         const uint32_t minsize = i == 0 ? 0 : expected_primes[i - 1];
         hashtable *table = create_hashtable(minsize, hash_text, equal_text);
         ASSERT_NE(table, nullptr) << i;
@@ -291,7 +299,7 @@ TEST_F(hashtable_test, growth_computes_the_same_limits)
 {
     pretend_any_array();
     hashtable *table = create_hashtable(0, hash_text, equal_text);
-    for (uint32_t i = 1; i < 26; ++i) {
+    for (uint32_t i = 1; i < usable_primes; ++i) {
         table->bucket_count = 0; // no old chain is looked at
         ASSERT_EQ(hashtable_grow(table), -1) << i;
         EXPECT_EQ(table->prime_index, i);
@@ -608,6 +616,9 @@ TEST_F(hashtable_test, a_table_at_the_last_prime_takes_any_number)
 
 TEST_F(hashtable_test, growth_ends_at_the_last_prime)
 {
+    if (!has_largest_table) {
+        GTEST_SKIP() << "the last table does not fit into 32 bits";
+    }
     pretend_any_array();
     hashtable *table = create_hashtable(1U << 30, hash_text, equal_text);
     ASSERT_NE(table, nullptr);

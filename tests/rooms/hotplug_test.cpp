@@ -808,6 +808,9 @@ TEST_F(hotplug, an_update_of_the_root_keeps_the_newest_namesake)
 
 TEST_F(hotplug, an_update_beyond_the_highest_index_drops_the_cache)
 {
+    if (sizeof(size_t) == 4) {
+        GTEST_SKIP() << "so many indexes do not fit into 32 bits";
+    }
     for (const uint32_t highest : {(1U << 31) - 1, 1U << 31}) {
         reset();
         build({"/SYS", "/SYS/A"});
