@@ -390,7 +390,8 @@ void print_walks(const walk_samples &measured)
                 }
             }
         }
-        const auto reached = std::ranges::count_if(wall, [&](double w) { return w >= goal; });
+        const auto reached =
+            std::ranges::count_if(wall, [least = goal](double w) { return w >= least; });
         printf("| at least %.1f of %s | %.2f | %.2f | reached by %td of %zu walks |\n", goal,
                peer_names[peer], std::ranges::min(wall), std::ranges::min(processor), reached,
                wall.size());

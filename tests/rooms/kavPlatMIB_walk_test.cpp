@@ -243,6 +243,32 @@ TEST_P(each_table_walk, uses_the_iterator_where_it_must)
     EXPECT_TRUE(is_used_after("2"));
 }
 
+TEST_P(each_table_walk, leaves_out_no_handler_that_was_put_between_the_helpers)
+{
+    build_with_rows({2, 3, 5});
+    static unsigned calls;
+    calls = 0;
+    const auto found = std::ranges::find_if(registered.tables(), [&](const auto &t) {
+        return std::string(t.registration->handlerName) == table.name;
+    });
+    ASSERT_NE(found, registered.tables().end());
+    netsnmp_mib_handler *between = netsnmp_create_handler(
+        "between", [](netsnmp_mib_handler *handler, netsnmp_handler_registration *registration,
+                      netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests) {
+            calls++;
+            return netsnmp_call_next_handler(handler, registration, reqinfo, requests);
+        });
+    ASSERT_EQ(netsnmp_inject_handler_before(found->registration, between, TABLE_ITERATOR_NAME),
+              SNMPERR_SUCCESS);
+    const std::string state = table.indexes == 2 ? ".3" : "";
+    const pdu_answer answer =
+        agent.ask(SNMP_MSG_GETNEXT, {name(table, table.min_column, "2" + state)});
+    ASSERT_EQ(answer.varbinds.size(), 1U);
+    EXPECT_EQ(answer.varbinds[0].name,
+              name(table, table.min_column, table.indexes == 2 ? "3.1" : "3"));
+    EXPECT_NE(calls, 0U);
+}
+
 TEST_P(each_table_walk, getnext_from_within_a_row_that_is_gone)
 {
     build_with_rows({2, 3, 5});
