@@ -6,7 +6,7 @@ PREFIX ?= /usr/local
 SOURCES = git ls-files '*.c' '*.cpp' '*.h'
 JOBS := $(shell nproc)
 
-.PHONY: help run test test-portability build install coverage fuzz soak bench tidy format format-check clean setup-run setup-test setup-bench setup-ci
+.PHONY: help run test test-portability build install coverage fuzz soak build-bench bench tidy format format-check clean setup-run setup-test setup-bench setup-ci
 
 help:
 	@echo "make run            serve servers/rack-2u.json by a private snmpd on 127.0.0.1:1161"
@@ -73,11 +73,13 @@ soak: setup-ci
 		KAVPLAT_SOAK_SECONDS=$$(($(MINUTES) * 20)) build/$$preset/tests/soak/soak_test || exit 1; \
 	done
 
-# What else the machine does befalls all that is compared; still, leave it alone.
-bench: ROUNDS := 7
-bench: setup-bench
+build-bench: setup-bench
 	cmake --preset bench
 	cmake --build --preset bench
+
+# What else the machine does befalls all that is compared; still, leave it alone.
+bench: ROUNDS := 7
+bench: build-bench
 	build/bench/bench/kavplat-bench --rounds $(ROUNDS)
 
 tidy: setup-ci
