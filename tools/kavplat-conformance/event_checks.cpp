@@ -11,8 +11,6 @@
 #include <thread>
 #include <unistd.h>
 
-extern char **environ;
-
 /*
  * One session serves all checks of events: it takes a handle, lists the
  * inventory and subscribes, in the order in which the library does, has the

@@ -117,16 +117,23 @@ std::vector<question> questions_of(session &s)
     return all;
 }
 
+std::vector<std::string> answers_to(const std::vector<question> &questions)
+{
+    std::vector<std::string> all;
+    all.reserve(questions.size());
+    for (const question &q : questions) {
+        all.push_back(q.ask());
+    }
+    return all;
+}
+
 } // namespace
 
 void check_concurrent_reads(session &s, findings &f)
 {
     constexpr size_t threads = 4;
     const std::vector<question> questions = questions_of(s);
-    std::vector<std::string> alone;
-    for (const question &q : questions) {
-        alone.push_back(q.ask());
-    }
+    const std::vector<std::string> alone = answers_to(questions);
     // Live values are asked for as well, for what they do to the others. A sensor
     // is not read more often than the library would.
     std::vector<std::string> names;
@@ -188,11 +195,7 @@ void check_concurrent_reads(session &s, findings &f)
     }
     // An inventory that changed by itself is no fault of its answers.
     if (differing != 0) {
-        std::vector<std::string> now;
-        for (const question &q : questions) {
-            now.push_back(q.ask());
-        }
-        if (now != alone) {
+        if (answers_to(questions) != alone) {
             f.broken.clear();
             f.skipped = "the platform changed meanwhile";
         }
