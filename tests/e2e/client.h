@@ -91,4 +91,12 @@ class snmp_client
 
 bool is_below(const object_name &name, const object_name &root);
 
+/* How a command of the shell ended, as wait() tells it, and what it said on both
+ * channels. */
+struct command_result {
+    std::string output = {};
+    int status = -1;
+};
+command_result run_command(const std::string &command);
+
 #endif

@@ -256,11 +256,6 @@ TEST(rack_server, has_rows_in_every_table_that_can_have_some)
 
 // ---- With the module loaded ----
 
-struct command_result {
-    int status = -1;
-    string output;
-};
-
 // A command of net-snmp's with the project's modules and nothing else; what it says
 // on both channels.
 command_result run(const string &command, const string &more, const agent &server)
@@ -270,18 +265,8 @@ command_result run(const string &command, const string &more, const agent &serve
     const string line = "MIBS=ALL MIBDIRS= SNMPCONFPATH=" + state +
                         " SNMP_PERSISTENT_DIR=" + state + " " + command + " -M " +
                         KAVPLAT_SOURCE_DIR "/mibs:" KAVPLAT_SOURCE_DIR "/mibs/compact" +
-                        " -m ALL -v 2c -c public -t 10 " + more + " 2>&1";
-    command_result result;
-    FILE *pipe = popen(line.c_str(), "r");
-    if (!pipe) {
-        return result;
-    }
-    std::array<char, 4096> buffer;
-    while (const size_t length = fread(buffer.data(), 1, buffer.size(), pipe)) {
-        result.output.append(buffer.data(), length);
-    }
-    result.status = pclose(pipe);
-    return result;
+                        " -m ALL -v 2c -c public -t 10 " + more;
+    return run_command(line);
 }
 
 string address_of(const agent &server)

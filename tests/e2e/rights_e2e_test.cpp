@@ -1,7 +1,6 @@
 // Who may do what: the agent as an ordinary user, SNMPv3 users, a description that
 // everybody may write to.
 #include <arpa/inet.h>
-#include <cstdio>
 #include <iterator>
 #include <set>
 #include <sstream>
@@ -19,26 +18,6 @@ namespace
 namespace fs = std::filesystem;
 
 const object_name reading_of_row_2 = {1, 3, 6, 1, 4, 1, 58213, 2, 70, 101, 1, 1, 8, 1, 4, 2};
-
-// The output of a command and how it ended.
-struct command_result {
-    std::string output;
-    int status;
-};
-
-command_result run(const std::string &command)
-{
-    command_result result;
-    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
-    if (!pipe) {
-        throw std::runtime_error("cannot run " + command);
-    }
-    for (int c; (c = fgetc(pipe)) != EOF;) {
-        result.output.push_back(static_cast<char>(c));
-    }
-    result.status = pclose(pipe);
-    return result;
-}
 
 std::string bound_description(const fs::path &value)
 {
@@ -132,9 +111,9 @@ class example : public testing::Test
     command_result run_client(const std::string &tool, const std::string &how,
                               const std::string &what) const
     {
-        return run("SNMP_PERSISTENT_DIR=" + client_state.path().string() + " MIBS= " + tool +
-                   " -On -t 5 -r 1 " + how + " udp:127.0.0.1:" + std::to_string(server.port()) +
-                   " " + what);
+        return run_command("SNMP_PERSISTENT_DIR=" + client_state.path().string() +
+                           " MIBS= " + tool + " -On -t 5 -r 1 " + how +
+                           " udp:127.0.0.1:" + std::to_string(server.port()) + " " + what);
     }
 
     temporary_directory client_state;
