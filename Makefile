@@ -16,11 +16,11 @@ help:
 	@echo "make build          build the libraries only, into build/release"
 	@echo "make install        install them   PREFIX=$(PREFIX)   DESTDIR=$(DESTDIR)"
 	@echo "make check-PRESET   build and test by another preset: asan, tsan, clang"
-	@echo "make coverage       line and branch coverage of src/, into build/coverage/report"
+	@echo "make coverage       line and branch coverage of src/ and described/, into build/coverage/report"
 	@echo "make fuzz           the fuzzers, a minute each          SECONDS=n  longer"
 	@echo "make soak           agents under load while everything changes   MINUTES=n  of each build"
 	@echo "make bench          how quick the agent is, beside others, as ratios   ROUNDS=n  of measuring"
-	@echo "make tidy           clang-tidy over src/"
+	@echo "make tidy           clang-tidy over src/, described/ and tools/"
 	@echo "make format-check   is everything formatted?   make format  formats it"
 	@echo "make clean          remove build/"
 	@echo "run, test, test-portability, coverage, bench, tidy and format-check install what Debian packages they miss."
@@ -54,7 +54,7 @@ coverage: setup-ci
 	find build/coverage -name '*.gcda' -delete 2>/dev/null || true
 	$(MAKE) --no-print-directory check-coverage
 	mkdir -p build/coverage/report
-	gcovr --root . --filter src/ --exclude-throw-branches --print-summary \
+	gcovr --root . --filter src/ --filter described/ --exclude-throw-branches --print-summary \
 		--html-details build/coverage/report/index.html build/coverage
 
 # SECONDS is for each of the fuzzers.
@@ -85,7 +85,7 @@ bench: build-bench
 tidy: setup-ci
 	cmake --preset dev
 	cmake --build --preset dev
-	git ls-files 'src/*.cpp' 'tools/*.cpp' | xargs -P $(JOBS) -n 1 clang-tidy --quiet -p build/dev
+	git ls-files 'src/*.cpp' 'described/*.cpp' 'tools/*.cpp' | xargs -P $(JOBS) -n 1 clang-tidy --quiet -p build/dev
 
 format:
 	$(SOURCES) | xargs clang-format -i

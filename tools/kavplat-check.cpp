@@ -2,8 +2,8 @@
  * kavplat-check DESCRIPTION: says whether the described platform would take a
  * description, with every error that it would log, before an agent sees it.
  */
-#include "describedPlatform/component_types.h"
-#include "describedPlatform/loader.h"
+#include "described/format/component_types.h"
+#include "described/format/loader.h"
 
 #include <cstdio>
 #include <exception>

@@ -1,4 +1,4 @@
-#include "describedPlatform/component_types.h"
+#include "described/format/component_types.h"
 #include "kavdata/kavdata.h"
 #include "written_files.h"
 

@@ -1,5 +1,5 @@
-#include "describedPlatform/codes.h"
-#include "describedPlatform/loader.h"
+#include "described/format/codes.h"
+#include "described/format/loader.h"
 #include "written_files.h"
 
 #include <cstdlib>

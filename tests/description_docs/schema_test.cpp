@@ -1,5 +1,5 @@
-#include "describedPlatform/codes.h"
-#include "describedPlatform/schema_check.h"
+#include "described/format/codes.h"
+#include "described/format/schema_check.h"
 #include "written_files.h"
 
 #include <algorithm>

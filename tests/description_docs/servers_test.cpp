@@ -2,9 +2,9 @@
  * What the example servers promise: that they load, and that between them every
  * table that can have rows has some, with every state in it.
  */
-#include "describedPlatform/component_types.h"
-#include "describedPlatform/loader.h"
-#include "describedPlatform/schema_check.h"
+#include "described/format/component_types.h"
+#include "described/format/loader.h"
+#include "described/format/schema_check.h"
 #include "written_files.h"
 
 #include <algorithm>

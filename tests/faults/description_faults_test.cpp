@@ -1,8 +1,8 @@
 // A description that can not be had, or only half of it: what was good stays in
 // force, and the log names the file and what is wrong with it.
-#include "describedPlatform/loader.h"
-#include "describedPlatform/platform.h"
-#include "describedPlatform/support.h"
+#include "described/format/loader.h"
+#include "described/platform.h"
+#include "described/support.h"
 
 #include "platform/capi.h"
 #include "platform/event_mgr.h"

@@ -3,8 +3,8 @@
  * it hands nothing out, and what it hands out keeps every promise that the rest
  * of the platform builds on.
  */
-#include "describedPlatform/differ.h"
-#include "describedPlatform/loader.h"
+#include "described/format/loader.h"
+#include "described/watch/differ.h"
 #include "fuzz/must.h"
 #include "platform/event_mgr.h"
 

@@ -21,7 +21,7 @@ root=$stage$prefix
     for name in libPlatformMIB.so libkavplatform.so libkavplatform.so.0 pkgconfig/kavplat.pc; do
         echo "$libdir/$name"
     done
-    (cd -- "$build_dir/src/describedPlatform" && find . -name 'libkavplatform.so.*.*' -printf "$libdir/%P\n")
+    (cd -- "$build_dir/described" && find . -name 'libkavplatform.so.*.*' -printf "$libdir/%P\n")
     printf 'bin/%s\n' kavplat-check kavplat-conformance
     printf "$includedir/kavplat/%s\n" "$@"
     echo "$datadir/kavplat/schema/server.schema.json"

@@ -1,0 +1,393 @@
+#include "described/live/live_values.h"
+
+#include "described/live/threads.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace described_platform
+{
+namespace
+{
+
+using namespace std::chrono_literals;
+
+constexpr size_t most_workers = 16;
+/* The other half stays free for reads that somebody waits for. */
+constexpr size_t most_background = most_workers / 2;
+constexpr size_t longest_file_text = 4096;
+constexpr size_t longest_word = 64;
+/* Callers may wait in vain for this many bounds at once, then for a tenth of
+ * the time that passes. */
+constexpr int waits_in_store = 5;
+constexpr int refill_divisor = 10;
+/* Without credit a file that was good before still gets this long. */
+constexpr auto shortest_wait = 20ms;
+
+bool is_blank(char c)
+{
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
+}
+
+/* The first word, and whether a blank shows that it is complete. */
+std::string_view first_word(std::string_view text, bool &complete)
+{
+    const auto begin = std::ranges::find_if_not(text, is_blank);
+    const auto end = std::find_if(begin, text.end(), is_blank);
+    complete = begin != text.end() && end != text.end();
+    return {begin, end};
+}
+
+enum class outcome { word, failure, timed_out };
+
+outcome read_word(const std::string &path, std::chrono::milliseconds bound, bool peek,
+                  std::string &word)
+{
+    struct stat status {
+    };
+    if (peek && (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode))) {
+        return outcome::failure;
+    }
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) {
+        return outcome::failure;
+    }
+    struct closer {
+        int fd;
+        ~closer() { ::close(fd); }
+    } const close_at_end{fd};
+    if (::fstat(fd, &status) != 0) {
+        return outcome::failure;
+    }
+    const bool regular = S_ISREG(status.st_mode);
+    const auto deadline = std::chrono::steady_clock::now() + bound;
+    std::string text;
+    for (;;) {
+        if (!regular) {
+            /* A fifo without a writer reads as empty at once; waiting gives a
+             * writer that is held in its own open() the time to answer. */
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            pollfd waiting{fd, POLLIN, 0};
+            const int ready =
+                left.count() <= 0 ? 0 : ::poll(&waiting, 1, static_cast<int>(left.count()));
+            if (ready < 0 && errno == EINTR) {
+                continue;
+            }
+            if (ready <= 0) {
+                return outcome::timed_out;
+            }
+        }
+        char buffer[longest_file_text];
+        const ssize_t got = ::read(fd, buffer, sizeof buffer - text.size());
+        if (got < 0 && (errno == EINTR || (errno == EAGAIN && !regular))) {
+            continue;
+        }
+        if (got < 0) {
+            return outcome::failure;
+        }
+        text.append(buffer, static_cast<size_t>(got));
+        bool complete = false;
+        const std::string_view found = first_word(text, complete);
+        if (complete || got == 0 || text.size() >= longest_file_text) {
+            if (found.empty() || found.size() > longest_word) {
+                return outcome::failure;
+            }
+            word = found;
+            return outcome::word;
+        }
+    }
+}
+
+} // namespace
+
+std::optional<double> word_to_value(const live_value &value, std::string_view word)
+{
+    double result = 0;
+    const auto name = std::ranges::find(value.names, word, &named_code::name);
+    if (name != value.names.end()) {
+        result = name->value;
+    } else {
+        if (word.size() > 1 && word.front() == '+' && word[1] != '-') {
+            word.remove_prefix(1); /* which from_chars does not take */
+        }
+        const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), result);
+        if (error != std::errc() || end != word.data() + word.size()) {
+            return std::nullopt;
+        }
+        result = result * value.scale + value.offset;
+        if (value.whole) {
+            result = std::nearbyint(result);
+        }
+    }
+    /* Not a number compares false with everything. */
+    if (!(result >= value.low && result <= value.high)) {
+        return std::nullopt;
+    }
+    return result;
+}
+
+live_values::live_values(std::chrono::milliseconds bound)
+    : bound_(bound), credit_(bound * waits_in_store), credit_time_(clock::now())
+{
+}
+
+live_values::~live_values()
+{
+    {
+        const std::lock_guard lock(mutex_);
+        stop_ = true;
+    }
+    work_there_.notify_all();
+    for (std::thread &each : workers_) {
+        each.join();
+    }
+}
+
+live_values::file_pointer live_values::state_of(const std::string &path)
+{
+    file_pointer &slot = files_[path];
+    if (slot == nullptr) {
+        slot = std::make_shared<file_state>();
+        slot->path = path;
+    }
+    return slot;
+}
+
+void live_values::serve(file_state &file, live_reading &reading, clock::time_point now)
+{
+    if (file.word && now - file.word_time <= slow_value_life) {
+        reading.result = word_to_value(*reading.value, *file.word);
+        file.unseen = false;
+    }
+}
+
+/* A file that stops giving values has none; but what it gave to a read that
+ * nobody waited for (and a fifo gives it but once) is still good for the next
+ * who asks. */
+void live_values::forget_seen_word(file_state &file)
+{
+    if (!file.unseen) {
+        file.word.reset();
+    }
+}
+
+void live_values::add_worker()
+{
+    if (workers_.size() >= most_workers) {
+        return;
+    }
+    try {
+        workers_.push_back(start_thread("kavplat-read", [this] { work(); }));
+    } catch (const std::system_error &) {
+        /* Those that there are do what they can; a caller waits for its bound. */
+    }
+}
+
+void live_values::enqueue(const file_pointer &file, bool background)
+{
+    if (file->queued && (background || !file->background)) {
+        return;
+    }
+    if (!background) {
+        file->peek = false;
+    }
+    file->queued = true;
+    file->background = background;
+    (background ? background_ : foreground_).push_back(file);
+    if (idle_ < foreground_.size() + std::min(background_.size(), most_background)) {
+        add_worker();
+    }
+    work_there_.notify_one();
+}
+
+/* Null: nothing to do. What was moved to the front is in both queues and
+ * counts once. */
+live_values::file_pointer live_values::next_file()
+{
+    const auto take = [](std::deque<file_pointer> &queue, bool background) -> file_pointer {
+        while (!queue.empty()) {
+            file_pointer file = std::move(queue.front());
+            queue.pop_front();
+            if (file->queued && !file->running && file->background == background) {
+                return file;
+            }
+        }
+        return nullptr;
+    };
+    if (file_pointer file = take(foreground_, false); file != nullptr) {
+        return file;
+    }
+    return in_background_ < most_background ? take(background_, true) : nullptr;
+}
+
+void live_values::work()
+{
+    std::unique_lock lock(mutex_);
+    while (!stop_) {
+        const file_pointer file = next_file();
+        if (file == nullptr) {
+            ++idle_;
+            work_there_.wait(lock);
+            --idle_;
+            continue;
+        }
+        const bool background = file->background;
+        const bool peek = file->peek;
+        file->queued = false;
+        file->peek = false;
+        file->running = true;
+        file->started = file->wanted;
+        in_background_ += background ? 1 : 0;
+        const std::string path = file->path;
+        lock.unlock();
+
+        const auto begin = clock::now();
+        std::string word;
+        const outcome end = read_word(path, bound_, peek, word);
+        const auto now = clock::now();
+
+        lock.lock();
+        in_background_ -= background ? 1 : 0;
+        file->running = false;
+        file->done = file->started;
+        if (!peek || end != outcome::failure) {
+            file->slow = end == outcome::timed_out || now - begin >= bound_;
+        }
+        if (end == outcome::word) {
+            file->word = std::move(word);
+            file->word_time = now;
+            file->unseen = true;
+            file->ever_read = true;
+        } else if (end == outcome::timed_out) {
+            forget_seen_word(*file);
+        } else {
+            file->word.reset();
+        }
+        if (file->wanted > file->done) {
+            file->queued = false;
+            enqueue(file, file->slow);
+        }
+        if (background && !background_.empty()) {
+            work_there_.notify_one(); /* a worker may have waited for this one's place */
+        }
+        read_done_.notify_all();
+    }
+}
+
+live_values::clock::duration live_values::affordable_wait(clock::time_point now)
+{
+    credit_ = std::min<clock::duration>(bound_ * waits_in_store,
+                                        credit_ + (now - credit_time_) / refill_divisor);
+    credit_time_ = now;
+    return std::clamp<clock::duration>(credit_, 0ms, bound_);
+}
+
+void live_values::read(std::span<live_reading> readings)
+{
+    struct waiting {
+        live_reading *reading;
+        file_pointer file;
+        uint64_t number;
+    };
+    std::vector<waiting> pending;
+    std::unique_lock lock(mutex_, std::defer_lock);
+    clock::time_point begin;
+    clock::duration wait{0};
+    for (live_reading &each : readings) {
+        each.result.reset();
+        if (each.value == nullptr) {
+            continue;
+        }
+        if (each.value->file.empty()) {
+            each.result = each.value->constant;
+            continue;
+        }
+        if (!lock.owns_lock()) {
+            lock.lock();
+            begin = clock::now();
+            wait = affordable_wait(begin);
+        }
+        const file_pointer file = state_of(each.value->file);
+        /* A file that was never read well and that nobody can afford to wait
+         * for is left to the background. */
+        if (!file->slow && !file->ever_read && wait < bound_) {
+            file->slow = true;
+        }
+        if (file->slow) {
+            if (!file->queued && !file->running) {
+                ++file->wanted;
+                enqueue(file, true);
+            }
+            serve(*file, each, begin);
+            continue;
+        }
+        /* A read that is under way may have seen the file as it was before. */
+        const uint64_t number = ++file->wanted;
+        if (!file->running) {
+            enqueue(file, false);
+        }
+        pending.push_back({&each, file, number});
+    }
+    if (pending.empty()) {
+        return;
+    }
+    const auto deadline = begin + std::max<clock::duration>(wait, shortest_wait);
+    read_done_.wait_until(lock, deadline, [&] {
+        return std::ranges::all_of(pending,
+                                   [](const waiting &w) { return w.file->done >= w.number; });
+    });
+    bool in_vain = false;
+    for (const waiting &each : pending) {
+        if (each.file->done < each.number) {
+            each.file->slow = true;
+            forget_seen_word(*each.file);
+        }
+        in_vain = in_vain || each.file->slow;
+        serve(*each.file, *each.reading, begin);
+    }
+    if (in_vain) {
+        credit_ -= std::min(credit_, clock::now() - begin);
+    }
+}
+
+void live_values::set_files(const std::vector<std::string> &files)
+{
+    const std::lock_guard lock(mutex_);
+    std::unordered_map<std::string, file_pointer> kept;
+    for (const std::string &path : files) {
+        const auto known = files_.find(path);
+        if (known != files_.end()) {
+            kept.emplace(path, known->second);
+        }
+    }
+    files_.swap(kept);
+    for (const std::string &path : files) {
+        if (const file_pointer file = state_of(path); file->wanted == 0) {
+            file->wanted = 1;
+            file->peek = true;
+            enqueue(file, true);
+        }
+    }
+}
+
+size_t live_values::remembered_files()
+{
+    const std::lock_guard lock(mutex_);
+    return files_.size();
+}
+
+size_t live_values::worker_count()
+{
+    const std::lock_guard lock(mutex_);
+    return workers_.size();
+}
+
+} // namespace described_platform
