@@ -1,6 +1,5 @@
 // Construction of the cache from the inventory, and containment.
-#include "kavdata/cache.h"
-#include "kavdata/cache_lock_internal.h"
+#include "kavdata/cache_internal.h"
 #include "kavdata/strlcpy.h"
 #include "trace/trace.h"
 

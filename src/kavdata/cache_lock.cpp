@@ -1,6 +1,4 @@
-#include "kavdata/cache_lock.h"
-
-#include "kavdata/cache_lock_internal.h"
+#include "kavdata/cache_internal.h"
 
 #include <atomic>
 
@@ -34,7 +32,7 @@ bool this_thread_holds_cache_lock()
     return holds_cache_lock;
 }
 
-void renew_cache_lock_after_fork()
+void renew_cache_lock()
 {
     // Whoever held it is not in this process.
     fru_mutex = PTHREAD_MUTEX_INITIALIZER;

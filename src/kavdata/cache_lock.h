@@ -3,7 +3,7 @@
  * maxPhysicalIndex, localCacheSize, htab, cache_valid, entLastChangeTime and the
  * fields of each phys_entry. Who changes them holds it, but for the first build,
  * which nobody else can change the cache beside. Who only looks an index up may
- * do without it under the rule of kavdata/cache_pass.h.
+ * do without it under the rule of kavdata/cache.h.
  *
  * It stands with the cache that it guards; the monitor, the tables and other
  * modules of the platform take it through the two calls below.

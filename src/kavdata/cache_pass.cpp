@@ -1,4 +1,4 @@
-#include "kavdata/cache_pass.h"
+#include "kavdata/cache_internal.h"
 
 #include <atomic>
 #include <cstdlib>

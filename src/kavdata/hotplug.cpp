@@ -1,7 +1,6 @@
 // Changes of the cache while the agent runs. All but free_local_cache run with
 // the cache lock held.
-#include "kavdata/cache.h"
-#include "kavdata/cache_pass.h"
+#include "kavdata/cache_internal.h"
 #include "trace/trace.h"
 
 #include <cinttypes>

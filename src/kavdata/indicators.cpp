@@ -1,5 +1,5 @@
 // Live indicator (LED) states.
-#include "kavdata/cache.h"
+#include "kavdata/cache_internal.h"
 #include "trace/trace.h"
 
 int snmp_read_led(phys_entry *entry)

@@ -57,7 +57,7 @@ extern char root_nac[256];
 extern uint32_t entLastChangeTime;
 
 /* ---- Lookups (any thread that holds the lock, or on the agent's thread within
- * a pass, see kavdata/cache_pass.h). None allocates; null when there is none. */
+ * a pass, see kavdata/cache.h). None allocates; null when there is none. */
 
 uint32_t getMaxPhysicalIndex(void);
 

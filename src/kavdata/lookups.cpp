@@ -1,5 +1,4 @@
-#include "kavdata/cache.h"
-#include "kavdata/cache_pass.h"
+#include "kavdata/cache_internal.h"
 #include "trace/trace.h"
 
 #include <net-snmp/net-snmp-includes.h>
@@ -22,11 +21,6 @@ void trace_index(uint32_t index, const phys_entry *entry, const char *caller)
 using kavplat::entry_at;
 using kavplat::table_is_empty;
 using kavplat::trace_index;
-
-uint32_t getMaxPhysicalIndex(void)
-{
-    return std::atomic_ref(maxPhysicalIndex).load(std::memory_order_acquire);
-}
 
 phys_entry *get_entry(uint32_t index)
 {

@@ -1,5 +1,5 @@
 // The index by NAC name.
-#include "kavdata/cache.h"
+#include "kavdata/cache_internal.h"
 #include "trace/trace.h"
 
 #include <cstdlib>
@@ -135,7 +135,7 @@ bool remove_name(const phys_entry *entry)
     return value != nullptr;
 }
 
-void renew_names_lock_after_fork()
+void renew_names_lock()
 {
     names_mutex = PTHREAD_MUTEX_INITIALIZER;
 }

@@ -1,6 +1,5 @@
 // Live sensor readings and thresholds.
-#include "kavdata/cache.h"
-#include "kavdata/cache_pass.h"
+#include "kavdata/cache_internal.h"
 #include "trace/trace.h"
 
 #include <cmath>

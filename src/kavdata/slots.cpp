@@ -1,7 +1,4 @@
-#include "kavdata/cache.h"
-#include "kavdata/cache_lock_internal.h"
-#include "kavdata/cache_pass.h"
-#include "kavdata/fork.h"
+#include "kavdata/cache_internal.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -12,6 +9,11 @@ uint32_t maxPhysicalIndex = 0;
 uint32_t localCacheSize = 0;
 uint8_t cache_valid = 1;
 uint32_t entLastChangeTime = 0;
+
+uint32_t getMaxPhysicalIndex(void)
+{
+    return std::atomic_ref(maxPhysicalIndex).load(std::memory_order_acquire);
+}
 
 namespace kavplat
 {
@@ -50,17 +52,12 @@ std::atomic_ref<phys_entry **> published_table()
     return std::atomic_ref(physicalTable);
 }
 
-std::atomic_ref<uint32_t> published_max()
-{
-    return std::atomic_ref(maxPhysicalIndex);
-}
-
 } // namespace
 
 phys_entry *entry_at(uint32_t index)
 {
     // The maximum first: the array that is seen afterwards has room for it.
-    if (index > published_max().load(std::memory_order_acquire)) {
+    if (index > getMaxPhysicalIndex()) {
         return nullptr;
     }
     // In one order with the reader's flag, as the slot is: an array that is retired
@@ -84,7 +81,7 @@ void store_slot(uint32_t index, phys_entry *entry)
 
 void publish_max_index(uint32_t index)
 {
-    published_max().store(index, std::memory_order_release);
+    std::atomic_ref(maxPhysicalIndex).store(index, std::memory_order_release);
 }
 
 bool cache_is_built()
@@ -128,10 +125,10 @@ void drop_cache()
     localCacheSize = 0;
 }
 
-void renew_cache_locks_after_fork()
+void renew_locks_after_fork()
 {
-    renew_cache_lock_after_fork();
-    renew_names_lock_after_fork();
+    renew_cache_lock();
+    renew_names_lock();
 }
 
 void forget_cache_after_fork()

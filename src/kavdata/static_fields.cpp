@@ -1,6 +1,6 @@
 // What does not change while a component stays in place.
 #include "kavdata/build_info.h"
-#include "kavdata/cache.h"
+#include "kavdata/cache_internal.h"
 #include "kavdata/sensor_types.h"
 #include "kavdata/strlcpy.h"
 #include "trace/trace.h"

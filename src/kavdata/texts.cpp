@@ -1,4 +1,4 @@
-#include "kavdata/cache.h"
+#include "kavdata/cache_internal.h"
 #include "kavdata/strlcpy.h"
 #include "trace/trace.h"
 

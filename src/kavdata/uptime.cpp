@@ -1,4 +1,4 @@
-#include "kavdata/cache.h"
+#include "kavdata/cache_internal.h"
 #include "trace/trace.h"
 
 // The up-time stands in an agent header; nothing else of the agent is used here.

@@ -1,8 +1,6 @@
 #include "monitor/monitor.h"
 
-#include "kavdata/cache_lock_internal.h"
-#include "kavdata/fork.h"
-#include "kavdata/kavdata.h"
+#include "kavdata/cache.h"
 #include "monitor/fork.h"
 #include "trace/trace.h"
 
@@ -34,7 +32,7 @@ std::atomic<bool> left_behind{false};
 void after_fork_in_child()
 {
     registration_mutex = PTHREAD_MUTEX_INITIALIZER;
-    renew_cache_locks_after_fork();
+    renew_locks_after_fork();
     left_behind = true;
 }
 

@@ -1,7 +1,6 @@
 #include "table/next_row.h"
 
 #include "kavdata/cache.h"
-#include "kavdata/cache_pass.h"
 #include "trace/trace.h"
 
 #include <algorithm>

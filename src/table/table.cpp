@@ -1,7 +1,6 @@
 #include "table/table.h"
 
 #include "kavdata/cache.h"
-#include "kavdata/cache_pass.h"
 #include "table/next_row.h"
 #include "table/turns.h"
 #include "trace/trace.h"

@@ -17,9 +17,7 @@
 #include "fakes/agent_log.h"
 #include "fakes/fake_platform.h"
 #include "fakes/fake_system.h"
-#include "kavdata/cache.h"
-#include "kavdata/cache_lock_internal.h"
-#include "kavdata/cache_pass.h"
+#include "kavdata/cache_internal.h"
 #include "kavdata/kavdata.h"
 
 class cache_lock_held

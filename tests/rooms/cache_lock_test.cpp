@@ -106,7 +106,7 @@ TEST_F(cache_lock_death, the_child_of_a_fork_has_a_lock_of_its_own)
     EXPECT_EXIT(
         {
             bool good = monitor_fru_lock() == 0; // as another thread would hold it
-            kavplat::renew_cache_lock_after_fork();
+            kavplat::renew_cache_lock();
             good = good && !kavplat::this_thread_holds_cache_lock();
             leave(good && pthread_mutex_trylock(&fru_mutex) == 0);
         },

@@ -1,0 +1,121 @@
+// What the cache's source files share and no other room includes.
+#ifndef KAVPLAT_KAVDATA_CACHE_INTERNAL_H
+#define KAVPLAT_KAVDATA_CACHE_INTERNAL_H
+
+#include "kavdata/cache.h"
+
+namespace kavplat
+{
+
+// ---- Slots ----
+
+// The block that physicalTable points into.
+struct slot_array {
+    slot_array *next_retired;
+    phys_entry *slots[1]; // as many as it was allocated for
+};
+
+// Puts a row that is not served yet into its slot; raising the maximum serves it.
+void store_slot(uint32_t index, phys_entry *entry);
+void publish_max_index(uint32_t index);
+
+// Whether there is a cache that an event can change; if not, it builds one anew.
+bool cache_is_built();
+
+// Replaces the slots by room for `size` entries, the old rows kept: the new array
+// is complete before it is seen. False when there is no memory; nothing changed.
+bool replace_slots(uint32_t size);
+
+// Takes the whole cache out of service, its rows and name index included, and
+// leaves it empty and unbuilt; cache_valid is the caller's.
+void drop_cache();
+
+// ---- Names (each takes the leaf lock that guards htab; nothing else is taken
+// under it) ----
+
+bool name_index_exists();
+bool create_name_index();
+void destroy_name_index(bool free_values);
+
+// The index stored for a name, or 0 without a word.
+uint32_t find_name(const char *nac);
+
+// Maps an entry's name to its index. A failure leaves the entry unnamed.
+bool insert_name(phys_entry *entry);
+
+// Takes out the mapping of this very entry, not that of a namesake. False when
+// there is none.
+bool remove_name(const phys_entry *entry);
+
+// ---- When a row's memory may be freed ----
+//
+// The iterator callbacks of a table look rows up without the lock and hand one
+// to a handler that takes the lock later; a sensor refresh does not take it at
+// all. In between, the event thread may remove that very row. So a removal
+// unlinks a row at once but frees it only when nobody can still hold it:
+//
+//  - Only one thread serves requests, so a flag says whether a pass of the agent's
+//    thread (kavdata/cache.h) is under way.
+//  - An unlocked read is counted.
+//  - A removal, with the lock held, unlinks first and looks at flag and count
+//    afterwards; a reader sets flag or count first and looks at slots afterwards.
+//    Both in sequentially consistent order: either the remover sees the reader
+//    and retires the row, or the reader sees the empty slot.
+//
+// With nobody reading, memory is given back at once, so it stays flat when nobody
+// asks. The same holds for an array of slots that was replaced by a larger one.
+
+// Around a use of rows on another thread without the lock.
+class unlocked_read
+{
+  public:
+    unlocked_read();
+    ~unlocked_read();
+    unlocked_read(const unlocked_read &) = delete;
+    unlocked_read &operator=(const unlocked_read &) = delete;
+};
+
+// With the cache lock held: gives back, now or later, what is no longer reachable.
+void retire(phys_entry *row);
+void retire(slot_array *array);
+
+// ---- The cache lock ----
+
+// Whether this thread took the lock with monitor_fru_lock.
+bool this_thread_holds_cache_lock();
+
+// ---- What each file does in the child of a fork, where no other thread is left to
+// release a lock or to read ----
+
+void renew_cache_lock();
+void renew_names_lock();
+void forget_retired(); // what waits is left to the process
+
+// ---- Rows ----
+
+// Appends the row of one inventory record at index, where it is not yet served.
+// caller is the operation that it is done for. False when there was no memory:
+// the slot stays empty.
+enum class row_origin { first_build, event };
+bool append_row(const char *caller, uint32_t index, const capi_inventory_record &record,
+                row_origin origin);
+
+// The name that a record gives its row: a component without one is "Unknown".
+const char *record_name(const capi_inventory_record &record);
+
+// The index dump of a row under "kavdata:index".
+void trace_index(uint32_t index, const phys_entry *entry, const char *caller);
+
+// "%s:FAILED:%s\n" at error level.
+void log_failure(const char *function, const char *cause);
+
+// A text in a platform's record ends within its field, whatever was written there.
+template <size_t N>
+void terminate(char (&text)[N])
+{
+    text[N - 1] = '\0';
+}
+
+} // namespace kavplat
+
+#endif
