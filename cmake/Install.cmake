@@ -33,12 +33,30 @@ install(FILES "${PROJECT_BINARY_DIR}/kavplat.pc" DESTINATION "${CMAKE_INSTALL_LI
 
 install(FILES schema/server.schema.json DESTINATION "${KAVPLAT_DATADIR}/schema")
 install(DIRECTORY servers/ DESTINATION "${KAVPLAT_DATADIR}/servers" FILES_MATCHING PATTERN "*.json")
-# The extracts in mibs/compact stay here: installed, they would stand in for a
-# system's complete modules.
-install(FILES mibs/KAV-PLATFORM-MIB.txt DESTINATION "${KAVPLAT_DATADIR}/mibs")
+# Below a directory that no tool searches by itself: the extracts in compact would
+# stand in for a system's complete modules.
+install(DIRECTORY mibs/ DESTINATION "${KAVPLAT_DATADIR}/mibs" FILES_MATCHING PATTERN "*.txt")
 
 configure_file(examples/snmpd.conf.in snmpd.conf @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/snmpd.conf" DESTINATION "${KAVPLAT_DATADIR}/examples")
+install(DIRECTORY examples/minimal-platform DESTINATION "${KAVPLAT_DATADIR}/examples"
+  FILES_MATCHING PATTERN "*.c")
 
-install(FILES README.md LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
-install(DIRECTORY docs/ DESTINATION "${CMAKE_INSTALL_DOCDIR}" FILES_MATCHING PATTERN "*.md")
+# The documents keep their places beside each other, and find what they link to by
+# symbolic links.
+install(FILES README.md CONTRIBUTING.md LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+install(DIRECTORY docs DESTINATION "${CMAKE_INSTALL_DOCDIR}" FILES_MATCHING PATTERN "*.md")
+install(FILES mibs/README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}/mibs")
+function(kavplat_document_link name target)
+  cmake_path(GET name PARENT_PATH directory)
+  file(RELATIVE_PATH to "${CMAKE_INSTALL_FULL_DOCDIR}/${directory}" "${target}")
+  set(link "${PROJECT_BINARY_DIR}/document-links/${name}")
+  cmake_path(GET link PARENT_PATH parent)
+  file(MAKE_DIRECTORY "${parent}")
+  file(CREATE_LINK "${to}" "${link}" SYMBOLIC)
+  install(FILES "${link}" DESTINATION "${CMAKE_INSTALL_DOCDIR}/${directory}")
+endfunction()
+kavplat_document_link(platform "${CMAKE_INSTALL_FULL_INCLUDEDIR}/kavplat/platform")
+foreach(name examples schema servers mibs/KAV-PLATFORM-MIB.txt mibs/compact)
+  kavplat_document_link(${name} "${CMAKE_INSTALL_FULL_DATADIR}/kavplat/${name}")
+endforeach()

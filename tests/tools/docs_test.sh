@@ -4,6 +4,8 @@
 # usage: docs_test.sh SOURCE_DIR BUILD_DIR CTEST
 set -euo pipefail
 export LC_ALL=C
+# shellcheck source=tests/tools/links.sh
+. "${BASH_SOURCE[0]%/*}/links.sh"
 
 source_dir=$1 build_dir=$2 ctest=$3
 failed=0
@@ -33,13 +35,11 @@ while IFS= read -r row; do
 done < <(grep '^| ' "$source_dir/docs/oddities.md" | grep -v '^| \(Behaviour\|---\)')
 
 cd -- "$source_dir"
-for document in README.md CONTRIBUTING.md docs/*.md mibs/README.md; do
-    while read -r link; do
-        case $link in
-        http*:* | '#'* | '') continue ;;
-        esac
-        [[ -e ${document%"${document##*/}"}${link%%#*} ]] || complain "$document links to $link, which is not there"
-    done < <(grep -o ']([^)]*)' "$document" | sed 's/^](//; s/)$//')
+documents=(README.md CONTRIBUTING.md docs/*.md mibs/README.md)
+while IFS= read -r line; do
+    complain "$line"
+done < <(dead_links "${documents[@]}")
+for document in "${documents[@]}"; do
     while read -r target; do
         case $target in
         check-*) grep -q "\"name\": \"${target#check-}\"" CMakePresets.json ||

@@ -4,6 +4,8 @@
 # usage: install_test.sh CMAKE SOURCE_DIR BUILD_DIR PREFIX CC LIBDIR INCLUDEDIR DATADIR DOCDIR HEADER...
 set -euo pipefail
 export LC_ALL=C
+# shellcheck source=tests/tools/links.sh
+. "${BASH_SOURCE[0]%/*}/links.sh"
 
 cmake=$1 source_dir=$2 build_dir=$3 prefix=$4 cc=$5
 libdir=$6 includedir=$7 datadir=$8 docdir=$9
@@ -25,11 +27,12 @@ root=$stage$prefix
     printf 'bin/%s\n' kavplat-check kavplat-conformance
     printf "$includedir/kavplat/%s\n" "$@"
     echo "$datadir/kavplat/schema/server.schema.json"
-    echo "$datadir/kavplat/mibs/KAV-PLATFORM-MIB.txt"
-    echo "$datadir/kavplat/examples/snmpd.conf"
+    printf "$datadir/kavplat/examples/%s\n" snmpd.conf minimal-platform/minimal_platform.c
     (cd -- "$source_dir" && find servers -name '*.json' -printf "$datadir/kavplat/%p\n")
-    (cd -- "$source_dir/docs" && find . -name '*.md' -printf "$docdir/%P\n")
-    printf "$docdir/%s\n" README.md LICENSE
+    (cd -- "$source_dir" && find mibs -name '*.txt' -printf "$datadir/kavplat/%p\n")
+    (cd -- "$source_dir" && find docs -name '*.md' -printf "$docdir/%p\n")
+    printf "$docdir/%s\n" README.md CONTRIBUTING.md LICENSE mibs/README.md \
+        platform examples schema servers mibs/KAV-PLATFORM-MIB.txt mibs/compact
 } | sort >"$stage/expected"
 (cd -- "$root" && find . ! -type d -printf '%P\n' | sort) >"$stage/found"
 if ! difference=$(diff "$stage/found" "$stage/expected"); then
@@ -42,6 +45,14 @@ open=$(find "$root" ! -type l -perm /022)
 closed=$(find "$root" ! -type l ! -perm -444 -o -type d ! -perm -555)
 if [[ -n $open$closed ]]; then
     printf 'others may write to: %s\nnot everybody may read: %s\n' "$open" "$closed"
+    exit 1
+fi
+
+documents=$root/$docdir
+dead=$(dead_links "$documents"/*.md "$documents"/docs/*.md "$documents"/mibs/*.md
+    find "$documents" -xtype l -printf '%p is a link to %l, which is not there\n')
+if [[ -n $dead ]]; then
+    printf '%s\n' "$dead"
     exit 1
 fi
 
@@ -58,6 +69,32 @@ if [[ $platform != "$root/$libdir/libkavplatform.so.0" ]]; then
     exit 1
 fi
 "$root/bin/kavplat-check" "$root/$datadir/kavplat/servers/rack-2u.json"
+
+# What the documents tell to type, with this installation in place of theirs.
+command_of() { # DOCUMENT PROGRAM: its first command that names an installed file
+    sed ':more; /\\$/ { N; s/ *\\\n */ /; b more }; s/^ *//' "$documents/$1" |
+        awk -v begin="$2 " 'index($0, begin) == 1 && /\/usr\/local\// && !found { found = 1; print }' |
+        sed "s,/usr/local/include,$includedir,g; s,/usr/local/share,$root/$datadir,g"
+}
+compile=$(command_of docs/bring-your-own-platform.md cc)
+[[ -n $compile ]] || { echo "docs/bring-your-own-platform.md does not tell how to compile"; exit 1; }
+(cd -- "$stage" && bash -c "${compile/#cc /$cc } -Wall -Wextra -Werror")
+"$root/bin/kavplat-conformance" --only symbols --only inventory_order "$stage/libminimal.so"
+
+# The names resolve by these modules alone, and no tool finds them unasked.
+walk=$(command_of mibs/README.md snmpwalk)
+[[ $walk =~ \ -M\ ([^ ]+)\ .*-m\ ([^ ]+) ]] || { echo "mibs/README.md does not tell how to walk: $walk"; exit 1; }
+modules=(-M "${BASH_REMATCH[1]}" -m "${BASH_REMATCH[2]}")
+said=$(env -u MIBS -u MIBDIRS snmptranslate "${modules[@]}" -On KAV-PLATFORM-MIB::kavPlatEquipmentSeverity \
+    ENTITY-MIB::entPhysicalName SNMPv2-MIB::sysUpTime.0 2>&1) || true
+if [[ $said != $'.1.3.6.1.4.1.58213.2.70.101.1.1.2.1.3\n\n.1.3.6.1.2.1.47.1.1.1.1.7\n\n.1.3.6.1.2.1.1.3.0' ]]; then
+    printf 'snmptranslate %s says: %s\n' "${modules[*]}" "$said"
+    exit 1
+fi
+if net-snmp-config --default-mibdirs | tr : '\n' | grep -q "^$prefix/$datadir/kavplat"; then
+    echo "every tool of net-snmp would read $prefix/$datadir/kavplat/mibs"
+    exit 1
+fi
 full_libdir=$libdir
 [[ $libdir == /* ]] || full_libdir=$prefix/$libdir
 grep -qx "dlmod entityMIB $full_libdir/libPlatformMIB.so" "$root/$datadir/kavplat/examples/snmpd.conf"
