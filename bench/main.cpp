@@ -9,9 +9,9 @@
 // Everything that is compared is measured in turn, round after round, so that
 // whatever else the machine does befalls all of it; a ratio is taken within a
 // round, and what is told is the median over the rounds with the quartiles.
-#include "e2e/agent.h"
-#include "e2e/client.h"
 #include "generated_server.h"
+#include "harness/agent.h"
+#include "harness/client.h"
 #include "light_client.h"
 #include "measured_agent.h"
 #include "statistics.h"
@@ -509,20 +509,11 @@ void traces(const fs::path &directory, size_t rounds)
 
 std::string output_of(const std::string &command)
 {
-    fflush(nullptr);
-    FILE *pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        throw std::runtime_error("cannot run " + command);
+    const command_result result = run_command(command);
+    if (result.status != 0) {
+        throw std::runtime_error("failed: " + command + "\n" + result.output);
     }
-    std::string all;
-    char part[4096];
-    while (const size_t got = fread(part, 1, sizeof part, pipe)) {
-        all.append(part, got);
-    }
-    if (pclose(pipe) != 0) {
-        throw std::runtime_error("failed: " + command + "\n" + all);
-    }
-    return all;
+    return result.output;
 }
 
 using named_samples = std::map<std::string, std::map<std::string, std::vector<double>>>;

@@ -1,14 +1,9 @@
 #include "measured_agent.h"
 
-#include <algorithm>
-#include <charconv>
 #include <fstream>
-#include <map>
-#include <sstream>
 #include <stdexcept>
-#include <unistd.h>
 
-#include "e2e/client.h"
+#include "harness/client.h"
 
 namespace fs = std::filesystem;
 
@@ -17,38 +12,11 @@ namespace
 
 std::vector<std::string> in_namespace(const fs::path &state, const fs::path &description)
 {
-    std::vector<std::string> words = {"unshare", "--pid", "--fork", "--kill-child", "--mount-proc"};
-    if (geteuid() != 0) {
-        words.insert(words.end(), {"--user", "--map-root-user"});
-    }
+    std::vector<std::string> words = in_pid_namespace();
     words.insert(words.end(),
-                 {"--", "env", "MIBS=", "SNMP_PERSISTENT_DIR=" + state.string(),
+                 {"env", "MIBS=", "SNMP_PERSISTENT_DIR=" + state.string(),
                   "SNMPCONFPATH=" + state.string(), "KAVPLAT_DESCRIPTION=" + description.string()});
     return words;
-}
-
-// The parent of every process.
-std::multimap<pid_t, pid_t> children_of_all()
-{
-    std::multimap<pid_t, pid_t> children;
-    for (const fs::directory_entry &entry : fs::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename();
-        pid_t id = 0;
-        if (std::from_chars(name.data(), name.data() + name.size(), id).ec != std::errc()) {
-            continue;
-        }
-        const std::string stat = read_file(entry.path() / "stat");
-        const size_t close = stat.rfind(')'); // behind the name, which may hold anything
-        if (close == std::string::npos) {
-            continue; // it has just ended
-        }
-        std::istringstream rest(stat.substr(close + 1));
-        char state = 0;
-        pid_t parent = 0;
-        rest >> state >> parent;
-        children.emplace(parent, id);
-    }
-    return children;
 }
 
 } // namespace
@@ -99,16 +67,10 @@ void measured_agent::fail(const std::string &what) const
 
 void measured_agent::find_processes()
 {
-    const std::multimap<pid_t, pid_t> children = children_of_all();
-    processes_ = {agent_.id()};
+    processes_ = family_of(agent_.id());
     for (const std::unique_ptr<child_process> &process : beside_) {
-        processes_.push_back(process->id());
-    }
-    for (size_t i = 0; i < processes_.size(); i++) {
-        const auto [first, last] = children.equal_range(processes_[i]);
-        for (auto child = first; child != last; ++child) {
-            processes_.push_back(child->second);
-        }
+        const std::vector<pid_t> more = family_of(process->id());
+        processes_.insert(processes_.end(), more.begin(), more.end());
     }
 }
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "e2e/agent.h"
+#include "harness/agent.h"
 #include "light_client.h"
 
 class measured_agent

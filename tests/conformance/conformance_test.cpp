@@ -1,19 +1,18 @@
 // kavplat-conformance against platforms that keep every promise, and against ones
 // that break exactly one: the check that is meant for it, and no other, says so.
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <ostream>
 #include <set>
 #include <sstream>
-#include <stdexcept>
 #include <string>
-#include <sys/wait.h>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "harness/files.h"
+#include "harness/process.h"
 
 namespace fs = std::filesystem;
 
@@ -27,41 +26,6 @@ struct outcome {
     std::set<std::string> broken;
     std::set<std::string> skipped;
 };
-
-// A directory of one test.
-class directory
-{
-  public:
-    directory()
-    {
-        std::string name = fs::temp_directory_path() / "kavplat-conformance-XXXXXX";
-        if (mkdtemp(name.data()) == nullptr) {
-            throw std::runtime_error("no temporary directory");
-        }
-        path_ = name;
-    }
-    ~directory()
-    {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    directory(const directory &) = delete;
-    directory &operator=(const directory &) = delete;
-
-    fs::path operator/(const char *name) const { return path_ / name; }
-
-  private:
-    fs::path path_;
-};
-
-std::string quoted(const std::string &word)
-{
-    std::string text = "'";
-    for (const char c : word) {
-        text += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return text + "'";
-}
 
 // The words of "BROKEN NAME: promise: what" up to the colon.
 void take_line(outcome &result, const std::string &line)
@@ -86,19 +50,11 @@ void take_line(outcome &result, const std::string &line)
 // Arguments and environment as a shell takes them.
 outcome run(const std::string &arguments, const std::string &environment = "")
 {
+    const command_result ended = run_command("exec env " + environment + " " +
+                                             quoted(KAVPLAT_CONFORMANCE) + " " + arguments);
     outcome result;
-    const std::string command =
-        "exec env " + environment + " " + quoted(KAVPLAT_CONFORMANCE) + " " + arguments + " 2>&1";
-    FILE *pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        throw std::runtime_error("cannot run " + command);
-    }
-    char buffer[4096];
-    for (size_t n = 0; (n = fread(buffer, 1, sizeof buffer, pipe)) != 0;) {
-        result.output.append(buffer, n);
-    }
-    const int status = pclose(pipe);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.status = ended.status;
+    result.output = ended.output;
     std::istringstream in(result.output);
     for (std::string line; std::getline(in, line);) {
         take_line(result, line);
@@ -116,7 +72,7 @@ std::set<std::string> names_of_checks()
     return names;
 }
 
-outcome run_on_broken(const directory &d, const std::string &defect,
+outcome run_on_broken(const temporary_directory &d, const std::string &defect,
                       const std::string &options = "--seconds 0.5 --wait 10")
 {
     const std::string disk = d / "disk";
@@ -257,7 +213,7 @@ void expect_all_kept(const outcome &result, const std::set<std::string> &skipped
 TEST_P(a_defect, breaks_the_promise_that_is_meant_and_no_other)
 {
     const defect &d = GetParam();
-    const directory here;
+    const temporary_directory here;
     const outcome result = run_on_broken(here, d.name, d.options);
     EXPECT_EQ(result.status, 1) << result.output;
     ASSERT_EQ(result.broken, std::set<std::string>{d.check}) << result.output;
@@ -277,7 +233,7 @@ TEST(conformance, every_check_has_a_platform_that_breaks_its_promise)
 
 TEST(conformance, a_call_that_is_not_exported_is_named_and_the_rest_is_checked)
 {
-    const directory here;
+    const temporary_directory here;
     const outcome result = run("--seconds 0.1 --wait 4 " + quoted(KAVPLAT_PLATFORM_LACKING_A_CALL));
     EXPECT_EQ(result.status, 1) << result.output;
     ASSERT_EQ(result.broken, std::set<std::string>{"symbols"}) << result.output;
@@ -289,15 +245,15 @@ TEST(conformance, a_call_that_is_not_exported_is_named_and_the_rest_is_checked)
 
 TEST(conformance, the_fake_platform_keeps_every_promise)
 {
-    const directory here;
+    const temporary_directory here;
     expect_all_kept(run_on_broken(here, ""));
 }
 
 TEST(conformance, a_removal_is_checked_as_well_as_an_insertion)
 {
-    const directory here;
+    const temporary_directory here;
     const std::string disk = here / "disk";
-    std::ofstream(disk) << "\n";
+    write_file(disk, "\n");
     expect_all_kept(run("--seconds 0.1 --wait 4 --provoke " + quoted("rm " + quoted(disk)) + " " +
                             quoted(KAVPLAT_BROKEN_PLATFORM),
                         "KAVPLAT_DISK=" + quoted(disk)));
@@ -305,7 +261,7 @@ TEST(conformance, a_removal_is_checked_as_well_as_an_insertion)
 
 TEST(conformance, a_call_of_more_than_a_second_is_a_warning)
 {
-    const directory here;
+    const temporary_directory here;
     const outcome result = run_on_broken(here, "slow call");
     expect_all_kept(result);
     EXPECT_NE(result.output.find("warning call_duration: capi_get_inventory(/) took 1"),
@@ -315,7 +271,7 @@ TEST(conformance, a_call_of_more_than_a_second_is_a_warning)
 
 TEST(conformance, without_a_command_the_checks_of_events_are_skipped)
 {
-    const directory here;
+    const temporary_directory here;
     expect_all_kept(run("--seconds 0.1 " + quoted(KAVPLAT_BROKEN_PLATFORM)),
                     {"event_delivery", "event_thread", "event_one_at_a_time", "event_known",
                      "event_subscribed", "event_payload", "event_context", "event_state",
@@ -361,11 +317,11 @@ TEST(conformance, what_cannot_be_run_ends_with_2_and_says_why)
 namespace
 {
 
-outcome run_on_described(const directory &here, const char *server, const std::string &edit)
+outcome run_on_described(const temporary_directory &here, const char *server,
+                         const std::string &edit)
 {
     const std::string description = here / "server.json";
-    fs::copy_file(fs::path(KAVPLAT_SOURCE_DIR) / "servers" / server, description);
-    fs::permissions(description, fs::perms::owner_write, fs::perm_options::add);
+    copy_source(fs::path(KAVPLAT_SOURCE_DIR) / "servers" / server, description);
     return run("--seconds 1 --provoke " +
                    quoted("sed -i " + quoted(edit) + " " + quoted(description)) + " " +
                    quoted(KAVPLAT_DESCRIBED_PLATFORM),
@@ -376,14 +332,14 @@ outcome run_on_described(const directory &here, const char *server, const std::s
 
 TEST(conformance, the_described_platform_keeps_every_promise)
 {
-    const directory here;
+    const temporary_directory here;
     // A drive goes.
     expect_all_kept(run_on_described(here, "rack-2u.json", "/\"\\/SYS\\/HDD3\"/,/^$/d"));
 }
 
 TEST(conformance, the_described_platform_with_little_to_describe_breaks_none)
 {
-    const directory here;
+    const temporary_directory here;
     // The indicator goes and one of another name comes.
     expect_all_kept(run_on_described(here, "minimal.json", "s/LOCATE/BEACON/"),
                     {"power_states", "ready_to_remove", "enable_states", "chassis_record",

@@ -1,16 +1,14 @@
 // The platform of the example: it keeps what the contract promises, an agent
 // serves it, and the document that walks through it shows its code.
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "e2e/agent.h"
-#include "e2e/client.h"
-#include "e2e/expected_rows.h"
+#include "harness/agent.h"
+#include "harness/client.h"
+#include "harness/names.h"
 
 namespace fs = std::filesystem;
 
@@ -56,12 +54,13 @@ void serve_and_plug(bool daemon)
     EXPECT_TRUE(eventually([&] { return names_served(client) == without_fan; }));
 }
 
-int run_conformance(const std::string &command, const fs::path &fan)
+void expect_good(const std::string &provocation, const fs::path &fan)
 {
-    const std::string line = "MINIMAL_PLATFORM_FAN='" + fan.string() +
-                             "' " KAVPLAT_CONFORMANCE " --seconds 0.5 --wait 10 --provoke '" +
-                             command + " " + fan.string() + "' " KAVPLAT_MINIMAL_PLATFORM;
-    return std::system(line.c_str());
+    const command_result checked =
+        run_command("MINIMAL_PLATFORM_FAN=" + quoted(fan) +
+                    " " KAVPLAT_CONFORMANCE " --seconds 0.5 --wait 10 --provoke " +
+                    quoted(provocation + " " + quoted(fan)) + " " KAVPLAT_MINIMAL_PLATFORM);
+    EXPECT_EQ(checked.status, 0) << checked.output;
 }
 
 // The text between "[NAME]" and "[end]" comments of the example.
@@ -82,9 +81,9 @@ TEST(minimal_platform, keeps_every_promise_when_a_component_comes_and_when_it_go
 {
     const temporary_directory here;
     const fs::path fan = here.path() / "fan";
-    EXPECT_EQ(run_conformance("touch", fan), 0);
+    expect_good("touch", fan);
     ASSERT_TRUE(fs::exists(fan));
-    EXPECT_EQ(run_conformance("rm", fan), 0);
+    expect_good("rm", fan);
 }
 
 TEST(minimal_platform, is_served_by_an_agent_and_followed_by_it)

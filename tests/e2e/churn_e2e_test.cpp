@@ -8,10 +8,10 @@
 
 #include <gtest/gtest.h>
 
-#include "e2e/agent.h"
-#include "e2e/churning_rows.h"
-#include "e2e/client.h"
-#include "e2e/expected_rows.h"
+#include "harness/agent.h"
+#include "harness/churning_rows.h"
+#include "harness/client.h"
+#include "harness/names.h"
 
 namespace
 {

@@ -399,11 +399,6 @@ expected_platform_tables(const std::filesystem::path &description)
     return tables;
 }
 
-object_name platform_root()
-{
-    return {1, 3, 6, 1, 4, 1, 58213};
-}
-
 object_name platform_table(unsigned long arc)
 {
     return {1, 3, 6, 1, 4, 1, 58213, 2, 70, 101, 1, 1, arc};

@@ -11,7 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "e2e/client.h"
+#include "harness/client.h"
+#include "harness/names.h"
 
 /* The rows of a table, by index, each with its columns from the first on. */
 using expected_cells = std::map<unsigned long, std::vector<snmp_value>>;
@@ -21,7 +22,6 @@ using expected_cells = std::map<unsigned long, std::vector<snmp_value>>;
 std::map<unsigned long, expected_cells>
 expected_platform_tables(const std::filesystem::path &description);
 
-object_name platform_root();
 object_name platform_table(unsigned long arc);
 
 /* kavPlatStartTime.0 */

@@ -200,30 +200,6 @@ std::vector<expected_row> expected_rows(const std::filesystem::path &description
     return rows;
 }
 
-object_name ent_table()
-{
-    return {1, 3, 6, 1, 2, 1, 47, 1, 1, 1, 1};
-}
-
-object_name ent_column(unsigned column)
-{
-    object_name name = ent_table();
-    name.push_back(column);
-    return name;
-}
-
-object_name ent_cell(unsigned column, unsigned long index)
-{
-    object_name name = ent_column(column);
-    name.push_back(index);
-    return name;
-}
-
-object_name change_time()
-{
-    return {1, 3, 6, 1, 2, 1, 47, 1, 4, 1, 0};
-}
-
 snmp_value expected_value(const expected_row &row, unsigned column)
 {
     switch (column) {

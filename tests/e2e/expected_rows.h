@@ -9,7 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "e2e/client.h"
+#include "harness/client.h"
+#include "harness/names.h"
 
 struct expected_row {
     unsigned long index = 0;
@@ -37,17 +38,9 @@ std::vector<expected_row> expected_rows(const std::filesystem::path &description
 inline constexpr unsigned first_column = 2;
 inline constexpr unsigned last_column = 16;
 
-/* entPhysicalEntry, a column of it, a cell of that. */
-object_name ent_table();
-object_name ent_column(unsigned column);
-object_name ent_cell(unsigned column, unsigned long index);
-
 snmp_value expected_value(const expected_row &row, unsigned column);
 
 /* The whole table in the order of a walk. */
 std::vector<varbind> expected_table(const std::vector<expected_row> &rows);
-
-/* entLastChangeTime.0 */
-object_name change_time();
 
 #endif

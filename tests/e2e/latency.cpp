@@ -10,9 +10,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "e2e/agent.h"
-#include "e2e/client.h"
-#include "e2e/expected_rows.h"
+#include "harness/agent.h"
+#include "harness/client.h"
+#include "harness/names.h"
 
 namespace
 {

@@ -16,10 +16,10 @@
 
 #include <gtest/gtest.h>
 
-#include "e2e/agent.h"
-#include "e2e/client.h"
 #include "e2e/expected_platform.h"
 #include "e2e/expected_rows.h"
+#include "harness/agent.h"
+#include "harness/client.h"
 #include "mibs/mib_modules.h"
 
 namespace

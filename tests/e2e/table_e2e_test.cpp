@@ -4,9 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include "e2e/agent.h"
-#include "e2e/client.h"
 #include "e2e/expected_rows.h"
+#include "harness/agent.h"
+#include "harness/client.h"
 
 namespace
 {

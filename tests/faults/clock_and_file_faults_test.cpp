@@ -1,9 +1,9 @@
 // A clock that jumps, and files that are not what they should be.
 #include "faults/server_under_fault.h"
+#include "harness/files.h"
 
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <sys/stat.h>
 
@@ -67,14 +67,7 @@ TEST_F(clock_faults, the_wrap_of_time_ticks_is_no_jump)
 class version_file_faults : public server_under_fault
 {
   protected:
-    version_file_faults()
-    {
-        std::string name = fs::temp_directory_path() / "kavplat-fault-XXXXXX";
-        directory_ = mkdtemp(name.data());
-        path = directory_ / "version.dat";
-        fake_system::redirect_path("/etc/static_conf/version.dat", path);
-    }
-    ~version_file_faults() override { fs::remove_all(directory_); }
+    version_file_faults() { fake_system::redirect_path("/etc/static_conf/version.dat", path); }
 
     // The build ends in time, and the text is the default one.
     void expect_default_firmware()
@@ -93,10 +86,8 @@ class version_file_faults : public server_under_fault
                         .starts_with("System Firmware : dev build "));
     }
 
-    fs::path path;
-
-  private:
-    fs::path directory_;
+    const temporary_directory directory;
+    const fs::path path = directory / "version.dat";
 };
 
 TEST_F(version_file_faults, a_fifo_is_left_alone)
@@ -119,7 +110,7 @@ TEST_F(version_file_faults, a_directory_is_left_alone)
 
 TEST_F(version_file_faults, one_that_can_not_be_opened_is_said)
 {
-    std::ofstream(path) << "@(#)5.0.1\n";
+    write_file(path, "@(#)5.0.1\n");
     fake_system::on_fopen.set([](const char *, const char *) -> FILE * {
         errno = EMFILE;
         return nullptr;

@@ -1,27 +1,17 @@
-#include "e2e/agent.h"
+#include "harness/agent.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <netinet/in.h>
 #include <pwd.h>
-#include <sstream>
 #include <stdexcept>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
-
-#include <fcntl.h>
 
 #include <gtest/gtest.h>
 
-#include "e2e/client.h"
+#include "harness/client.h"
 
 namespace fs = std::filesystem;
 
@@ -47,40 +37,6 @@ std::string text_of_errno()
     return strerror(errno);
 }
 
-// The fields of /proc/ID/stat behind the name, which may itself contain blanks.
-struct process_row {
-    pid_t id = -1;
-    std::string name;
-    pid_t parent = -1;
-};
-
-std::vector<process_row> all_processes()
-{
-    std::vector<process_row> rows;
-    for (const fs::directory_entry &entry : fs::directory_iterator("/proc")) {
-        const std::string id = entry.path().filename();
-        if (!std::ranges::all_of(id, [](unsigned char c) { return isdigit(c) != 0; })) {
-            continue;
-        }
-        const std::string stat = read_file(entry.path() / "stat");
-        const size_t open = stat.find('(');
-        const size_t close = stat.rfind(')');
-        if (open == std::string::npos || close == std::string::npos) {
-            continue; // it has just ended
-        }
-        std::istringstream rest(stat.substr(close + 1));
-        char state = 0;
-        process_row row;
-        row.id = std::stoi(id);
-        row.name = stat.substr(open + 1, close - open - 1);
-        rest >> state >> row.parent;
-        if (state != 'Z') {
-            rows.push_back(row);
-        }
-    }
-    return rows;
-}
-
 // A directory with all in it.
 void give_to(const fs::path &path, const std::string &user)
 {
@@ -99,141 +55,7 @@ void give_to(const fs::path &path, const std::string &user)
     }
 }
 
-// The process of that name below another one.
-pid_t descendant(pid_t top, const std::string &name)
-{
-    const std::vector<process_row> rows = all_processes();
-    std::vector<pid_t> family = {top};
-    for (size_t i = 0; i < family.size(); i++) {
-        for (const process_row &row : rows) {
-            if (row.parent == family[i]) {
-                if (row.name == name) {
-                    return row.id;
-                }
-                family.push_back(row.id);
-            }
-        }
-    }
-    return -1;
-}
-
 } // namespace
-
-bool eventually(const std::function<bool()> &condition, std::chrono::milliseconds longest)
-{
-    const auto end = std::chrono::steady_clock::now() + longest;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
-}
-
-std::string read_file(const fs::path &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void write_file(const fs::path &path, const std::string &text)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-    out.close();
-    if (!out) {
-        fail("cannot write " + path.string());
-    }
-}
-
-void replace_file(const fs::path &path, const std::string &text)
-{
-    const fs::path complete = path.string() + ".new";
-    write_file(complete, text);
-    fs::rename(complete, path);
-}
-
-temporary_directory::temporary_directory()
-{
-    std::string name = fs::temp_directory_path() / "kavplat-e2e-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) {
-        fail("no temporary directory " + name + ": " + text_of_errno());
-    }
-    path_ = name;
-}
-
-temporary_directory::~temporary_directory()
-{
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-}
-
-void child_process::start(const std::vector<std::string> &command, const fs::path &output)
-{
-    stop();
-    status_.reset();
-    const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    int ready[2];
-    if (out < 0 || pipe2(ready, O_CLOEXEC) != 0) {
-        fail("cannot start " + command.front() + ": " + text_of_errno());
-    }
-    std::vector<char *> arguments;
-    for (const std::string &word : command) {
-        arguments.push_back(const_cast<char *>(word.c_str()));
-    }
-    arguments.push_back(nullptr);
-    const pid_t parent = getpid();
-    pid_ = fork();
-    if (pid_ == 0) {
-        // Dies with the thread of the test that started it.
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent) {
-            _exit(127);
-        }
-        dup2(out, STDOUT_FILENO);
-        dup2(out, STDERR_FILENO);
-        execvp(arguments[0], arguments.data());
-        const int error = errno;
-        [[maybe_unused]] const ssize_t told = write(ready[1], &error, sizeof error);
-        _exit(127);
-    }
-    close(out);
-    close(ready[1]);
-    int error = pid_ < 0 ? errno : 0;
-    const bool failed = pid_ < 0 || read(ready[0], &error, sizeof error) > 0;
-    close(ready[0]);
-    if (failed) {
-        stop();
-        fail("cannot start " + command.front() + ": " + strerror(error));
-    }
-}
-
-void child_process::stop()
-{
-    if (pid_ > 0 && !status_) {
-        kill(pid_, SIGKILL);
-        wait(10s);
-    }
-    pid_ = -1;
-}
-
-std::optional<int> child_process::wait(std::chrono::milliseconds longest)
-{
-    if (pid_ <= 0) {
-        return status_;
-    }
-    eventually(
-        [&] {
-            int status = 0;
-            if (!status_ && waitpid(pid_, &status, WNOHANG) == pid_) {
-                status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            return status_.has_value();
-        },
-        longest);
-    return status_;
-}
 
 uint16_t free_port()
 {
@@ -255,8 +77,7 @@ agent::agent(agent_options options)
 {
     fs::create_directories(description_.parent_path());
     fs::create_directories(directory_.path() / "state");
-    fs::copy_file(fs::path(KAVPLAT_SOURCE_DIR) / options_.description, description_);
-    fs::permissions(description_, fs::perms::owner_write, fs::perm_options::add);
+    copy_source(fs::path(KAVPLAT_SOURCE_DIR) / options_.description, description_);
     write_file(directory_.path() / "version.dat", options_.version_line);
     write_file(directory_.path() / "snmpd.conf",
                std::string("rocommunity public 127.0.0.1\n"
@@ -313,12 +134,9 @@ std::string agent::address() const
 
 std::vector<std::string> agent::command() const
 {
-    std::vector<std::string> words = {"unshare", "--pid", "--fork", "--kill-child", "--mount-proc"};
-    if (geteuid() != 0) {
-        words.insert(words.end(), {"--user", "--map-root-user"});
-    }
+    std::vector<std::string> words = in_pid_namespace();
     words.insert(words.end(),
-                 {"--", "sh", "-c", options_.daemon ? init_of_daemon : init_of_foreground, "init"});
+                 {"sh", "-c", options_.daemon ? init_of_daemon : init_of_foreground, "init"});
 
     const std::string directory = directory_.path();
     std::string paths;
@@ -430,18 +248,20 @@ size_t agent::log_count(const std::string &text) const
 
 pid_t agent::id() const
 {
-    return process_.id() > 0 ? descendant(process_.id(), "snmpd") : -1;
-}
-
-long agent::memory() const
-{
-    std::istringstream status(read_file("/proc/" + std::to_string(id()) + "/status"));
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("VmRSS:")) {
-            return std::stol(line.substr(6));
+    if (process_.id() > 0) {
+        for (const pid_t each : family_of(process_.id())) {
+            if (name_of(each) == "snmpd") {
+                return each;
+            }
         }
     }
-    fail("the agent has no memory figures");
+    return -1;
+}
+
+bool tells_of_a_sanitizer(const std::string &output)
+{
+    return output.find("Sanitizer") != std::string::npos ||
+           output.find(": runtime error: ") != std::string::npos;
 }
 
 std::string agent::sanitizer_reports() const
@@ -454,12 +274,8 @@ std::string agent::sanitizer_reports() const
     }
     for (const char *file : {"log", "output"}) {
         const std::string text = read_file(directory_.path() / file);
-        for (const char *sign : {"ERROR: AddressSanitizer", "WARNING: ThreadSanitizer",
-                                 "ERROR: LeakSanitizer", ": runtime error: "}) {
-            if (text.find(sign) != std::string::npos) {
-                all += text;
-                break;
-            }
+        if (tells_of_a_sanitizer(text)) {
+            all += text;
         }
     }
     return all;

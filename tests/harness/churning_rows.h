@@ -2,8 +2,8 @@
  * What the rows of the churning platform must hold: a row says of itself where it
  * belongs, so a cell alone tells whether it is of a row that ever existed.
  */
-#ifndef KAVPLAT_TESTS_E2E_CHURNING_ROWS_H
-#define KAVPLAT_TESTS_E2E_CHURNING_ROWS_H
+#ifndef KAVPLAT_TESTS_HARNESS_CHURNING_ROWS_H
+#define KAVPLAT_TESTS_HARNESS_CHURNING_ROWS_H
 
 #include <iterator>
 #include <mutex>
@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "e2e/client.h"
+#include "harness/client.h"
 
 // The columns that differ from row to row, and a constant one.
 inline constexpr unsigned telling_columns[] = {2, 4, 5, 6, 7, 11, 13, 16};

@@ -1,7 +1,5 @@
-#include "e2e/client.h"
+#include "harness/client.h"
 
-#include <array>
-#include <cstdio>
 #include <mutex>
 #include <stdexcept>
 
@@ -19,7 +17,7 @@ void init_library()
         netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
         netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
         setenv("MIBS", "", 1);
-        init_snmp("kavplat-e2e");
+        init_snmp("kavplat-tests");
     });
 }
 
@@ -270,19 +268,4 @@ bool snmp_client::answers_getnext(const object_name &root)
     const snmp_answer answer = get_next({root});
     return answer.error == 0 && !answer.varbinds.empty() &&
            is_below(answer.varbinds.front().name, root);
-}
-
-command_result run_command(const std::string &command)
-{
-    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
-    if (!pipe) {
-        throw std::runtime_error("cannot run " + command);
-    }
-    command_result result;
-    std::array<char, 4096> buffer;
-    while (const size_t length = fread(buffer.data(), 1, buffer.size(), pipe)) {
-        result.output.append(buffer.data(), length);
-    }
-    result.status = pclose(pipe);
-    return result;
 }
