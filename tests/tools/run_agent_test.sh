@@ -88,6 +88,10 @@ serves_and_ends_on_interrupt | ends_on_terminate)
     said '^ *1 */SYS *chassis *0 ' || fail "the sample does not show the root"
     said '^ *3 */SYS/T_AMB *23750 *-3 *degreesC *40000$' || fail "the sample shows no sensor"
     said '^ *9 */SYS/LOCATE *alternating *usual$' || fail "the sample shows no alarm"
+    first_rows=$(grep -A 1 '^ *Index ' "$output" | grep -v 'Index\|--')
+    [[ $first_rows != *SLOT_ID* ]] || fail "a sample begins with what says nothing"
+    [[ $first_rows == *\ critical* ]] || fail "the gravest do not come first"
+    said "for /SYS/SLOT_ID: a slot's number has limits of 0" || fail "it does not say why that is critical"
     [[ $(agents | wc -l) -ge 1 ]] || fail "no agent was found, so its end proves nothing"
     # To the whole group, as a terminal does.
     kill "-$signal" -- "-$runner"
@@ -95,6 +99,19 @@ serves_and_ends_on_interrupt | ends_on_terminate)
     [[ $(<"$scratch/status") -eq 0 ]] || fail "exit status $(<"$scratch/status")"
     no_agents || fail "it left an agent behind"
     ! names >/dev/null 2>&1 || fail "somebody still answers"
+    ;;
+works_in_a_folder_with_a_blank)
+    mkdir "$scratch/a folder"
+    ln -s "$source_dir" "$scratch/a folder/source"
+    ln -s "$build_dir" "$scratch/a folder/build"
+    source_dir="$scratch/a folder/source" build_dir="$scratch/a folder/build"
+    export KAVPLAT_RUN="$scratch/run here"
+    start
+    said "entities of $scratch/run here/server.json" || fail "it is not served from where it was told"
+    grep '^  snmpbulkwalk .* entPhysicalTable$' "$output" >"$scratch/commands"
+    (cd / && bash "$scratch/commands" >"$scratch/answers")
+    grep -q 'ENTITY-MIB::entPhysicalClass.1 = INTEGER: chassis' "$scratch/answers" ||
+        fail "the printed walk finds no names"
     ;;
 ends_when_killed)
     start
