@@ -6,7 +6,7 @@ PREFIX ?= /usr/local
 SOURCES = git ls-files '*.c' '*.cpp' '*.h'
 JOBS := $(shell nproc)
 
-.PHONY: help run test test-portability build install coverage fuzz soak build-bench bench tidy format format-check clean setup-run setup-test setup-bench setup-ci
+.PHONY: help run test test-portability build install coverage fuzz soak build-bench bench mutants tidy format format-check clean setup-run setup-test setup-bench setup-ci
 
 help:
 	@echo "make run            serve servers/rack-2u.json by a private snmpd on 127.0.0.1:1161"
@@ -20,10 +20,11 @@ help:
 	@echo "make fuzz           the fuzzers, a minute each          SECONDS=n  longer"
 	@echo "make soak           agents under load while everything changes   MINUTES=n  of each build"
 	@echo "make bench          how quick the agent is, beside others, as ratios   ROUNDS=n  of measuring"
+	@echo "make mutants        does a test of the rooms notice each changed line?   SAMPLE=n SEED=n ROOMS=a,b"
 	@echo "make tidy           clang-tidy over src/, described/ and tools/"
 	@echo "make format-check   is everything formatted?   make format  formats it"
 	@echo "make clean          remove build/"
-	@echo "run, test, test-portability, coverage, bench, tidy and format-check install what Debian packages they miss."
+	@echo "run, test, test-portability, coverage, bench, mutants, tidy and format-check install what Debian packages they miss."
 
 setup-run setup-test setup-bench setup-ci: setup-%:
 	@tools/setup $*
@@ -81,6 +82,13 @@ build-bench: setup-bench
 bench: ROUNDS := 7
 bench: build-bench
 	build/bench/bench/kavplat-bench --rounds $(ROUNDS)
+
+# SAMPLE=0 is all of them, for some hours.
+mutants: SAMPLE := 300
+mutants: SEED := 1
+mutants: ROOMS := hashtable,kavdata,table,monitor,kavPlatMIB
+mutants: setup-ci
+	tests/mutants/run --sample $(SAMPLE) --seed $(SEED) --rooms $(ROOMS)
 
 tidy: setup-ci
 	cmake --preset dev

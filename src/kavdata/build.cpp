@@ -326,12 +326,13 @@ void get_parentRelPos(const phys_entry *entry, int32_t *result)
     // As sscanf counts: an empty text has come to its end.
     const int matched = *suffix ? 1 : EOF;
     // A suffix that does not fit stops at the last number that does.
-    const int number = matched == 1 ? static_cast<int>(std::min<unsigned long long>(
-                                          strtoull(suffix, nullptr, 10), INT_MAX - 1))
-                                    : -1;
+    const int number =
+        matched == 1
+            ? static_cast<int>(std::min<unsigned long long>(strtoull(suffix, nullptr, 10), INT_MAX))
+            : -1;
     KAV_TRACE("kavdata::relpos", "%s:matched=%d,num=%d\n", "get_parentRelPos", matched, number);
     if (matched == 1) {
-        // P0 is the first.
-        *result = number + 1;
+        // P0 is the first. What comes behind the last number that fits does not fit.
+        *result = number < INT_MAX ? number + 1 : number;
     }
 }

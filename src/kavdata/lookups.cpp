@@ -94,9 +94,9 @@ phys_entry *getnext_entry_by_ent_class(uint32_t index, int32_t physical_class)
             return entry;
         }
     }
-    const uint32_t stopped = std::max(index, last);
+    // Behind the last number that there is comes 0.
     KAV_TRACE("IDX", "%s: index %u for class %d NOT FOUND\n", "getnext_entry_by_ent_class",
-              stopped == UINT32_MAX ? stopped : stopped + 1, physical_class);
+              std::max(index, last) + 1, physical_class);
     return nullptr;
 }
 

@@ -671,12 +671,22 @@ TEST_F(build_cache, the_first_character_is_no_part_of_the_suffix)
 
 TEST_F(build_cache, a_suffix_that_does_not_fit_stops_at_the_highest)
 {
-    EXPECT_EQ(relative_position("/SYS/P2147483645", 1), 2147483646);
-    EXPECT_EQ(relative_position("/SYS/P2147483646", 1), 2147483647);
-    EXPECT_EQ(relative_position("/SYS/P2147483647", 1), 2147483647);
-    EXPECT_EQ(relative_position("/SYS/P4294967296", 1), 2147483647);
-    EXPECT_EQ(relative_position("/SYS/P18446744073709551616", 1), 2147483647);
-    EXPECT_EQ(relative_position(("/SYS/P" + std::string(200, '9')).c_str(), 1), 2147483647);
+    struct {
+        std::string suffix;
+        int number;
+        int position;
+    } const cases[] = {{"2147483645", 2147483645, 2147483646},
+                       {"2147483646", 2147483646, 2147483647},
+                       {"2147483647", 2147483647, 2147483647},
+                       {"4294967296", 2147483647, 2147483647},
+                       {"18446744073709551616", 2147483647, 2147483647},
+                       {std::string(200, '9'), 2147483647, 2147483647}};
+    for (const auto &c : cases) {
+        const agent_log log({"kavdata::relpos"});
+        EXPECT_EQ(relative_position(("/SYS/P" + c.suffix).c_str(), 1), c.position) << c.suffix;
+        EXPECT_EQ(log.debug_texts("kavdata::relpos").back(),
+                  text_of("get_parentRelPos:matched=1,num=%d\n", c.number));
+    }
 }
 
 TEST_F(build_cache, in_nothing_there_is_no_position)

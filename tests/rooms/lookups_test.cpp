@@ -217,6 +217,8 @@ TEST_F(lookups, the_highest_number_does_not_wrap_into_a_scan)
     build_with_holes();
     const agent_log log({"IDX", "kavdata:index"});
     EXPECT_EQ(getnext_entry_by_ent_class(highest, PHYSICAL_CLASS_OTHER), nullptr);
+    EXPECT_EQ(log.debug_texts("IDX").back(),
+              "getnext_entry_by_ent_class: index 0 for class 1 NOT FOUND\n");
     EXPECT_EQ(getnext_entry(highest), nullptr);
     EXPECT_EQ(log.debug_texts("kavdata:index"), strings());
 }
