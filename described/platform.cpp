@@ -2,6 +2,7 @@
 
 #include "described/format/schema_check.h"
 #include "described/live/log.h"
+#include "described/live/threads.h"
 
 #include <climits>
 #include <cstdlib>
@@ -45,16 +46,19 @@ struct shared_lock {
 
 void before_fork()
 {
+    stop_work_before_fork();
     pthread_mutex_lock(&shared_mutex);
 }
 
 void after_fork_in_parent()
 {
     pthread_mutex_unlock(&shared_mutex);
+    resume_work_in_parent();
 }
 
 void after_fork_in_child()
 {
+    forget_work_in_child();
     if (process_machine != nullptr) {
         process_machine->events.close_descriptors_in_child();
         auto *grave = new (std::nothrow) abandoned{process_machine, graveyard};

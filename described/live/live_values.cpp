@@ -235,7 +235,12 @@ void live_values::work()
         const file_pointer file = next_file();
         if (file == nullptr) {
             ++idle_;
-            work_there_.wait(lock);
+            {
+                const at_rest rest;
+                work_there_.wait(lock);
+                lock.unlock();
+            }
+            lock.lock();
             --idle_;
             continue;
         }
@@ -251,7 +256,10 @@ void live_values::work()
 
         const auto begin = clock::now();
         std::string word;
-        const outcome end = read_word(path, bound_, peek, word);
+        const outcome end = [&] {
+            const at_rest rest; /* a dead file system may hold it for ever */
+            return read_word(path, bound_, peek, word);
+        }();
         const auto now = clock::now();
 
         lock.lock();

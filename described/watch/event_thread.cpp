@@ -210,7 +210,10 @@ void event_thread::run()
     }
     for (;;) {
         pollfd waiting[] = {{wake_, POLLIN, 0}, {watch.descriptor(), POLLIN, 0}};
-        ::poll(waiting, std::size(waiting), poll_timeout(clock::now()));
+        {
+            const at_rest rest;
+            ::poll(waiting, std::size(waiting), poll_timeout(clock::now()));
+        }
         uint64_t count = 0;
         [[maybe_unused]] const ssize_t unused = ::read(wake_, &count, sizeof count);
         {
@@ -340,7 +343,8 @@ void event_thread::deliver()
 }
 
 /* To one connection; false when none has anything to get now. Callbacks run
- * without the lock: they may ask for handles. */
+ * without the lock, for they may ask for handles; and at rest, for they may wait
+ * for a fork to be over. */
 bool event_thread::deliver_next()
 {
     std::shared_ptr<connection> to;
@@ -391,11 +395,13 @@ bool event_thread::deliver_next()
         }
     }
     if (to->lost) {
+        const at_rest rest;
         to->callback(to->context, EVENT_MGR_CLASS_CONNECTION, EVENT_MGR_DISCONNECT, nullptr);
         return true;
     }
     for (const event &each : differences(before.get(), *after)) {
         if (is_subscribed(*to, each.event_class, each.event)) {
+            const at_rest rest;
             to->callback(to->context, each.event_class, each.event, each.payload.c_str());
         }
     }

@@ -1,4 +1,5 @@
 /* A daemon forks after it has loaded its modules: the child has no thread. */
+#include "described/live/threads.h"
 #include "described/platform.h"
 #include "described/support.h"
 #include "platform/capi.h"
@@ -88,6 +89,70 @@ TEST_F(forked, the_child_reads_without_asking_for_anything_first)
                   return reading() == 8.0F ? 0 : 3;
               }));
     EXPECT_EQ(8.0F, reading()) << "the parent goes on";
+}
+
+/* Lives for as long as body runs again and again, at work; in between it rests. */
+class busy_thread
+{
+  public:
+    explicit busy_thread(std::function<void()> body)
+        : thread_(described_platform::start_thread("kavplat-test", [this, body = std::move(body)] {
+              while (!stop_) {
+                  body();
+                  const described_platform::at_rest rest;
+                  std::this_thread::sleep_for(std::chrono::microseconds(100));
+              }
+          }))
+    {
+    }
+    ~busy_thread()
+    {
+        stop_ = true;
+        thread_.join();
+    }
+    busy_thread(const busy_thread &) = delete;
+    busy_thread &operator=(const busy_thread &) = delete;
+
+  private:
+    std::atomic<bool> stop_ = false;
+    std::thread thread_;
+};
+
+TEST_F(forked, the_child_finds_none_of_the_threads_at_work)
+{
+    std::atomic<int> at_work = 0;
+    const auto work = [&] {
+        ++at_work;
+        std::this_thread::sleep_for(std::chrono::microseconds(300));
+        --at_work;
+    };
+    const busy_thread one(work);
+    const busy_thread two(work);
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(0, in_child([&] { return at_work.load(); }));
+    }
+}
+
+TEST_F(forked, a_thread_that_never_rests_is_waited_for_once)
+{
+    using clock = std::chrono::steady_clock;
+    const auto usual =
+        std::exchange(described_platform::longest_wait_before_fork, std::chrono::milliseconds(300));
+    std::atomic<bool> go_on = false;
+    const auto time_of_fork = [] {
+        const auto begin = clock::now();
+        EXPECT_EQ(0, in_child([] { return 0; }));
+        return clock::now() - begin;
+    };
+    {
+        const busy_thread stuck([&] { go_on.wait(false); });
+        EXPECT_GE(time_of_fork(), std::chrono::milliseconds(300));
+        described_platform::longest_wait_before_fork = patience;
+        EXPECT_LT(time_of_fork(), patience);
+        go_on = true;
+        go_on.notify_all();
+    }
+    described_platform::longest_wait_before_fork = usual;
 }
 
 TEST_F(forked, the_child_gets_events_with_a_handle_of_its_own)
