@@ -5,6 +5,7 @@
 #include "described/platform.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -93,6 +94,17 @@ capi_sensor_record record_of(const sensor &from)
     return record;
 }
 
+/* A numeric reading that equals the raw one is served as a whole number, and the
+ * limits are left cut to whole numbers with it. So 0.0 beside limits that are not
+ * whole is to differ from it. */
+uint8_t raw_reading_of_0(const sensor &from)
+{
+    return std::ranges::any_of(from.thresholds,
+                               [](float limit) { return limit != std::trunc(limit); })
+               ? 1
+               : 0;
+}
+
 int read_sensor(const sensor &from, capi_sensor_record &record)
 {
     enum { reading, raw, valid, state };
@@ -118,6 +130,8 @@ int read_sensor(const sensor &from, capi_sensor_record &record)
         record.raw_reading = static_cast<uint8_t>(values[raw].result.value_or(0.0));
     } else if (from.sensor_class == CAPI_SENSOR_DISCRETE) {
         record.raw_reading = values[reading].result == reading_asserted ? 2 : 1;
+    } else if (record.reading == 0.0F) {
+        record.raw_reading = raw_reading_of_0(from);
     }
     return 0;
 }

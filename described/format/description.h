@@ -29,6 +29,13 @@ struct live_value {
     std::string file; /* absolute path of the bound file; empty: the constant counts */
     double scale = 1; /* number in the file * scale + offset */
     double offset = 0;
+
+    /* The rest follows from the key that the value stands under. */
+    bool operator==(const live_value &other) const
+    {
+        return constant == other.constant && file == other.file && scale == other.scale &&
+               offset == other.offset;
+    }
 };
 
 enum threshold {
@@ -53,6 +60,7 @@ struct sensor {
     std::optional<live_value> raw_reading;
     std::optional<live_value> valid;
     std::optional<live_value> state;
+    bool operator==(const struct sensor &) const = default;
 };
 
 struct fru_identity {

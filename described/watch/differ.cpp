@@ -7,25 +7,44 @@ namespace described_platform
 namespace
 {
 
-/* What is read of a component only when its row is made. */
-bool same_identity(const component &a, const component &b)
+/* What of a sensor is read only when its row is made. */
+bool same_identity(const sensor &a, const sensor &b)
 {
-    if (a.type != b.type || a.capabilities != b.capabilities || a.fru != b.fru ||
-        (a.sensor == nullptr) != (b.sensor == nullptr)) {
-        return false;
-    }
-    return a.sensor == nullptr ||
-           (a.sensor->sensor_class == b.sensor->sensor_class &&
-            a.sensor->sensor_type == b.sensor->sensor_type && a.sensor->units == b.sensor->units);
+    /* The state said what to expect. A sensor with ok semantics leaves that as it
+     * finds it. */
+    const bool expectation_is_left = a.state && !b.state && b.ok_semantics;
+    return a.sensor_class == b.sensor_class && a.sensor_type == b.sensor_type &&
+           a.units == b.units && a.ok_semantics == b.ok_semantics && !expectation_is_left;
 }
 
+/* A raw reading decides the scale of the limits. The state is among the flags. */
 bool same_thresholds(const sensor &a, const sensor &b)
 {
-    const int given = CAPI_STATE_SEMANTICS - 1;
-    return a.thresholds == b.thresholds && (a.flags & given) == (b.flags & given);
+    return a.thresholds == b.thresholds && a.flags == b.flags &&
+           a.raw_reading.has_value() == b.raw_reading.has_value();
+}
+
+bool same_live_values(const component &a, const component &b)
+{
+    return a.power == b.power && a.ready_to_remove == b.ready_to_remove && a.enable == b.enable &&
+           a.indicator == b.indicator && (a.sensor == nullptr || *a.sensor == *b.sensor);
 }
 
 } // namespace
+
+difference compare(const component &before, const component &after)
+{
+    const bool is_sensor = before.sensor != nullptr;
+    if (before.type != after.type || before.capabilities != after.capabilities ||
+        before.fru != after.fru || is_sensor != (after.sensor != nullptr) ||
+        (is_sensor && !same_identity(*before.sensor, *after.sensor))) {
+        return difference::identity;
+    }
+    if (is_sensor && !same_thresholds(*before.sensor, *after.sensor)) {
+        return difference::refresh;
+    }
+    return same_live_values(before, after) ? difference::none : difference::live;
+}
 
 std::vector<event> differences(const description *before, const description &after)
 {
@@ -38,7 +57,7 @@ std::vector<event> differences(const description *before, const description &aft
     for (size_t i = 0; i < before->components.size();) {
         const component &old = before->components[i];
         const component *counterpart = find_component(after, old.name);
-        if (counterpart == nullptr || !same_identity(old, *counterpart)) {
+        if (counterpart == nullptr || compare(old, *counterpart) == difference::identity) {
             result.push_back({EVENT_MGR_CLASS_HARDWARE, EVENT_MGR_HOT_REMOVE, old.name});
             i = old.subtree_end;
         } else {
@@ -49,12 +68,13 @@ std::vector<event> differences(const description *before, const description &aft
     for (size_t i = 0; i < after.components.size();) {
         const component &now = after.components[i];
         const component *old = find_component(*before, now.name);
-        if (old == nullptr || !same_identity(*old, now)) {
+        const difference found = old == nullptr ? difference::identity : compare(*old, now);
+        if (found == difference::identity) {
             result.push_back({EVENT_MGR_CLASS_HARDWARE, EVENT_MGR_HOT_INSERT, now.name});
             i = now.subtree_end;
             continue;
         }
-        if (now.sensor != nullptr && !same_thresholds(*old->sensor, *now.sensor)) {
+        if (found == difference::refresh) {
             refreshed.push_back({EVENT_MGR_CLASS_INTERNAL, EVENT_MGR_REFRESH_SENSOR, now.name});
         }
         ++i;

@@ -14,12 +14,20 @@ struct event {
     bool operator==(const struct event &) const = default;
 };
 
+/* What a change of a component asks for, the gravest last. */
+enum class difference {
+    none,
+    live,     /* nothing: it is read anew at each call */
+    refresh,  /* the sensor's thresholds are loaded anew */
+    identity, /* the component goes and comes again: it is read only when it comes */
+};
+difference compare(const component &before, const component &after);
+
 /*
- * First the removed components, then the inserted, then the sensors with other
- * thresholds, then the update of the identity; each in the order of the
- * inventory. Of a subtree that comes or goes only its top is named. A component
- * whose identity, type or capabilities changed goes and comes again, all below
- * it included: whoever keeps rows of it reads it only when it comes.
+ * First the removed components, then the inserted, then the sensors to refresh,
+ * then the update of the server's identity; each in the order of the inventory.
+ * Of a subtree that comes or goes only its top is named, and a component that
+ * goes and comes again takes along all below it.
  * Before null: everything is new.
  */
 std::vector<event> differences(const description *before, const description &after);

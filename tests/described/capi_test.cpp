@@ -302,6 +302,31 @@ TEST_F(capi, raw_readings_that_are_not_given_are_0_or_the_number_of_a_discrete_s
     EXPECT_EQ((std::pair<int, float>(1, 1.5F)), raw_and_reading("/SYS/E"));
 }
 
+TEST_F(capi, a_reading_of_0_equals_its_raw_reading_only_beside_whole_limits)
+{
+    const std::tuple<const char *, const char *, int> cases[] = {
+        {"0.0", R"("upper_critical": 0.5)", 1},
+        {"-0.0", R"("lower_fatal": -0.5)", 1},
+        {"1e-60", R"("lower_fatal": 10.25)", 1},
+        {"0", R"("upper_fatal": 5, "lower_fatal": -5)", 0},
+        {"0", "", 0},
+        {"0.5", R"("upper_fatal": 0.5)", 0}, /* differs from 0 as it is */
+    };
+    for (const auto &[reading, limits, raw] : cases) {
+        described_platform_stop();
+        describe_sensor(std::string(R"("class": 1, "type": 3, "reading": )") + reading +
+                        R"(, "thresholds": {)" + limits + "}");
+        capi_sensor_record record;
+        ASSERT_EQ(0, capi_get_sensor(0, "/SYS/T", &record));
+        EXPECT_EQ(raw, record.raw_reading) << reading << ' ' << limits;
+    }
+    describe_sensor(R"("class": 1, "type": 3, "reading": 0, "raw_reading": 0,
+                       "thresholds": {"upper_fatal": 0.5})");
+    capi_sensor_record record;
+    ASSERT_EQ(0, capi_get_sensor(0, "/SYS/T", &record));
+    EXPECT_EQ(0, record.raw_reading) << "given, it stays as it is";
+}
+
 TEST_F(capi, an_invalid_sensor_says_so_even_when_its_reading_fails)
 {
     describe_sensor(R"("class": 1, "type": 1, "reading": {"file": "nowhere"}, "valid": false)");

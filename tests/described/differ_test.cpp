@@ -107,29 +107,6 @@ TEST_F(differ, what_changes_below_a_component_that_comes_anew_is_not_told_apart)
                       sensor_at("/SYS/MB/T", R"(, "thresholds": {"lower_fatal": 1})"))));
 }
 
-TEST_F(differ, another_class_type_or_unit_of_a_sensor_makes_it_another_sensor)
-{
-    const auto with = [](const std::string &members) {
-        return described(R"({"name": "/SYS/T", "type": 16, "sensor": {"reading": 1, )" + members +
-                         "}}");
-    };
-    const std::string before = with(R"("class": 1, "type": 1, "units": 1)");
-    for (const char *members :
-         {R"("class": 2, "type": 1, "units": 1)", R"("class": 1, "type": 2, "units": 1)",
-          R"("class": 1, "type": 1, "units": 2)"}) {
-        EXPECT_EQ((events{removed("/SYS/T"), inserted("/SYS/T")}), between(before, with(members)))
-            << members;
-    }
-}
-
-TEST_F(differ, live_values_are_no_event)
-{
-    EXPECT_EQ(events{},
-              between(described(sensor_at("/SYS/T") + "," + plain("/SYS/A", R"(, "power": 1)")),
-                      described(sensor_at("/SYS/T", R"(, "valid": false, "state": 1)", "2") + "," +
-                                plain("/SYS/A", R"(, "power": 2, "enable": 1)"))));
-}
-
 TEST_F(differ, changed_thresholds_refresh_the_sensor)
 {
     const std::string none = described(sensor_at("/SYS/T"));
@@ -140,17 +117,6 @@ TEST_F(differ, changed_thresholds_refresh_the_sensor)
     EXPECT_EQ(events{refreshed("/SYS/T")}, between(zero, one));
     EXPECT_EQ(events{refreshed("/SYS/T")}, between(one, none));
     EXPECT_EQ(events{}, between(one, one));
-}
-
-TEST_F(differ, identity_of_product_or_chassis_updates_the_root)
-{
-    const std::string before = described("", R"(, "product": {"model": "A"})");
-    EXPECT_EQ(events{updated("/SYS")},
-              between(before, described("", R"(, "product": {"model": "B"})")));
-    EXPECT_EQ(events{updated("/SYS")}, between(before, described("")));
-    EXPECT_EQ(events{updated("/SYS")},
-              between(before, described("", R"(, "product": {"model": "A"}, "chassis": {})")));
-    EXPECT_EQ(events{}, between(before, before));
 }
 
 TEST_F(differ, another_root_goes_and_comes)

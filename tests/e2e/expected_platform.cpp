@@ -113,14 +113,17 @@ numbers numbers_of(const json &described, bool is_slot_number, bool is_tachomete
         n.has_lower = n.has_upper = {true, true, true}; // all at 0
         return n;
     }
-    const float raw = described.value("raw_reading", 0.0F);
+    const json limits = described.value("thresholds", json::object());
+    const bool has_fractions = std::any_of(limits.begin(), limits.end(), [](const json &limit) {
+        return limit.get<float>() != std::trunc(limit.get<float>());
+    });
+    const float raw = described.value("raw_reading", reading == 0 && has_fractions ? 1.0F : 0.0F);
     const bool is_scaled = is_valid && reading != raw && !is_tachometer;
     const auto shown = [&](float value) {
         return static_cast<int64_t>(is_scaled ? double{value} * 1000.0 : double{value});
     };
     n.exponent = is_scaled ? -3 : 0;
     n.reading = is_valid ? shown(reading) : 0;
-    const json limits = described.value("thresholds", json::object());
     for (size_t i = 0; i < 3; i++) {
         const std::string lower = std::string("lower_") + limit_names[i];
         const std::string upper = std::string("upper_") + limit_names[i];
