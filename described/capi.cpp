@@ -49,13 +49,23 @@ void put_text(char *to, size_t size, std::string_view text)
     to[length] = '\0';
 }
 
-int put_vantor_id(const std::optional<std::string> &id, char *buffer, int length)
+int put_vantor_id(std::string_view id, char *buffer, int length)
 {
-    if (!id || buffer == nullptr || length < 1) {
+    if (buffer == nullptr || length < 1) {
         return failure;
     }
-    put_text(buffer, static_cast<size_t>(length), *id);
+    put_text(buffer, static_cast<size_t>(length), id);
     return 0;
+}
+
+/* Whether a product without a vantor id has an alias that the empty one would
+ * replace. */
+bool has_alias_of_product(const description &all)
+{
+    return std::ranges::any_of(all.components, [](const component &each) {
+        return (each.type == CAPI_TYPE_CHASSIS || each.type == CAPI_TYPE_SYSTEM) && each.fru &&
+               !each.fru->alias.empty();
+    });
 }
 
 int read_code(const std::optional<live_value> &value, int32_t *code)
@@ -333,10 +343,16 @@ int capi_get_chassis_ops_info(struct capi_chassis_record *record)
 {
     return guarded([&] {
         const std::shared_ptr<const description> all = current_description();
-        if (all == nullptr || !all->chassis || record == nullptr) {
+        if (all == nullptr || record == nullptr) {
             return failure;
         }
         *record = {};
+        if (!all->chassis) {
+            /* All that a midplane without a chassis has is the text of its type. */
+            put_text(record->description, sizeof record->description,
+                     find_component_type(CAPI_TYPE_MIDPLANE)->text);
+            return 0;
+        }
         put_text(record->model, sizeof record->model, all->chassis->model);
         put_text(record->serial, sizeof record->serial, all->chassis->serial);
         put_text(record->description, sizeof record->description, all->chassis->description);
@@ -349,9 +365,13 @@ int capi_get_product_vantor_id(char *buffer, int length)
 {
     return guarded([&] {
         const std::shared_ptr<const description> all = current_description();
-        return all == nullptr || !all->product
-                   ? failure
-                   : put_vantor_id(all->product->vantor_id, buffer, length);
+        if (all == nullptr) {
+            return failure;
+        }
+        if (all->product && all->product->vantor_id) {
+            return put_vantor_id(*all->product->vantor_id, buffer, length);
+        }
+        return has_alias_of_product(*all) ? failure : put_vantor_id("", buffer, length);
     });
 }
 
@@ -359,9 +379,11 @@ int capi_get_chassis_vantor_id(char *buffer, int length)
 {
     return guarded([&] {
         const std::shared_ptr<const description> all = current_description();
-        return all == nullptr || !all->chassis
-                   ? failure
-                   : put_vantor_id(all->chassis->vantor_id, buffer, length);
+        if (all == nullptr) {
+            return failure;
+        }
+        const bool given = all->chassis && all->chassis->vantor_id;
+        return put_vantor_id(given ? *all->chassis->vantor_id : std::string(), buffer, length);
     });
 }
 

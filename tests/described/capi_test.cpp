@@ -455,17 +455,29 @@ TEST_F(capi, identity_records_hold_their_texts)
     EXPECT_EQ(-1, capi_get_chassis_vantor_id(text, 0));
 }
 
-TEST_F(capi, identity_that_is_not_described_fails)
+TEST_F(capi, identity_that_is_not_described_is_empty_where_that_serves_the_same)
 {
-    describe("", R"(, "product": {"model": "PM"})");
     capi_product_record product;
     capi_chassis_record chassis;
-    char text[51];
+    char text[51] = "untouched";
+    describe("", R"(, "product": {"model": "PM"})");
     ASSERT_EQ(0, capi_get_product_ops_info(0, &product));
     EXPECT_STREQ("", product.serial);
-    EXPECT_EQ(-1, capi_get_product_vantor_id(text, sizeof text));
-    EXPECT_EQ(-1, capi_get_chassis_ops_info(&chassis));
-    EXPECT_EQ(-1, capi_get_chassis_vantor_id(text, sizeof text));
+    ASSERT_EQ(0, capi_get_product_vantor_id(text, sizeof text));
+    EXPECT_STREQ("", text);
+    text[0] = 'x';
+    ASSERT_EQ(0, capi_get_chassis_vantor_id(text, sizeof text));
+    EXPECT_STREQ("", text);
+    ASSERT_EQ(0, capi_get_chassis_ops_info(&chassis));
+    EXPECT_STREQ("Midplane", chassis.description) << "as without an answer";
+    EXPECT_STREQ("", chassis.model);
+    EXPECT_EQ(-1, capi_get_chassis_ops_info(nullptr));
+
+    described_platform_stop();
+    describe(R"({"name": "/SYS/A", "type": "chassis", "fru": {"alias": "A"}})");
+    EXPECT_EQ(-1, capi_get_product_ops_info(0, &product))
+        << "an empty product has a maker and a firmware";
+    EXPECT_EQ(-1, capi_get_product_vantor_id(text, sizeof text)) << "it would replace the alias";
 }
 
 } // namespace
