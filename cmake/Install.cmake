@@ -9,6 +9,9 @@ install(TARGETS kavplat-conformance RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}
 if(NOT KAVPLAT_PLATFORM_LIBRARIES)
   install(TARGETS kavplatform LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
   install(TARGETS kavplat-check RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+  # Where the platform looks for the description, which is not ours to write.
+  install(FILES servers/minimal.json DESTINATION "${CMAKE_INSTALL_FULL_SYSCONFDIR}/kavplat"
+    RENAME server.json.example)
 endif()
 
 # Headers include each other as "kavdata/phys_entry.h", so include/kavplat is the

@@ -1,5 +1,6 @@
 #include "e2e/expected_platform.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <fstream>

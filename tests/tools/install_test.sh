@@ -28,6 +28,7 @@ root=$stage$prefix
     printf "$includedir/kavplat/%s\n" "$@"
     echo "$datadir/kavplat/schema/server.schema.json"
     printf "$datadir/kavplat/examples/%s\n" snmpd.conf minimal-platform/minimal_platform.c
+    [[ $prefix == /usr ]] || echo etc/kavplat/server.json.example # else in /etc
     (cd -- "$source_dir" && find servers -name '*.json' -printf "$datadir/kavplat/%p\n")
     (cd -- "$source_dir" && find mibs -name '*.txt' -printf "$datadir/kavplat/%p\n")
     (cd -- "$source_dir" && find docs -name '*.md' -printf "$docdir/%p\n")
@@ -40,6 +41,9 @@ if ! difference=$(diff "$stage/found" "$stage/expected"); then
     printf '%s\n' "$difference"
     exit 1
 fi
+
+example=$(find "$stage" -path '*/etc/kavplat/server.json.example')
+cmp "$example" "$source_dir/servers/minimal.json"
 
 open=$(find "$root" ! -type l -perm /022)
 closed=$(find "$root" ! -type l ! -perm -444 -o -type d ! -perm -555)
