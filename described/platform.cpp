@@ -1,6 +1,5 @@
 #include "described/platform.h"
 
-#include "described/format/schema_check.h"
 #include "described/live/log.h"
 #include "described/live/threads.h"
 
@@ -76,15 +75,6 @@ __attribute__((constructor)) void prepare_process()
         start_directory[0] = '\0';
     }
     pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
-    /* What the validator makes at its first use is made now, before there is a
-     * thread: a child that was forked in the middle of it would wait for its end
-     * for ever. */
-    try {
-        check_schema(nlohmann::json::object());
-    } catch (const std::exception &) {
-        /* Said when a description is loaded. */
-        return;
-    }
 }
 
 std::string description_path()

@@ -100,8 +100,7 @@ inline constexpr named_code sensor_units_codes[] = {
 inline constexpr double reading_asserted = 2.0;
 inline constexpr double reading_deasserted = 1.0;
 
-/* Readings of a discrete sensor; the first two lines serve all of them, the
- * others presence sensors only. */
+/* Readings of a discrete sensor. */
 inline constexpr named_code discrete_codes[] = {
     {"asserted", reading_asserted},
     {"deasserted", reading_deasserted},

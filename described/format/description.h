@@ -99,6 +99,7 @@ struct component {
     std::optional<live_value> enable;
     std::unique_ptr<struct sensor> sensor;
     std::optional<live_value> indicator;
+    size_t position = 0;    /* in the file's array */
     size_t subtree_end = 0; /* the components from this one up to here, exclusive, are
                                this one and all below it */
 };

@@ -1,6 +1,5 @@
 /*
- * From a file to a description: parse, validate, check what a schema cannot
- * say, put the components in order.
+ * From a file to a description: the one judge of what is a good one.
  */
 #ifndef KAVPLAT_DESCRIBED_LOADER_H
 #define KAVPLAT_DESCRIBED_LOADER_H
@@ -21,6 +20,10 @@ struct load_result {
 /* path is absolute; relative files that the description binds are looked up
  * from its directory. */
 load_result load_description(const std::string &path);
+
+/* The same of a text; the directory ends with a '/'. */
+load_result load_text(const std::string &text, const std::string &directory,
+                      const file_signature &signature = {});
 
 } // namespace described_platform
 

@@ -175,7 +175,7 @@ TEST_F(event_manager, a_bad_file_later_is_logged_and_the_last_good_one_stays)
     write_file(path, described(plain("/SYS/A")));
     follow();
     replace_file(path, described(plain("/SYS/B") + "," + plain("/SYS/B")));
-    ASSERT_TRUE(wait_for_log("/components/2/name: expected each name once"));
+    ASSERT_TRUE(wait_for_log("/components/2/name (/SYS/B): expected each name once"));
     ASSERT_TRUE(wait_for_log("refused; the last good description stays in force"));
     EXPECT_EQ((std::vector<std::string>{"/SYS", "/SYS/A"}), listed_below("/SYS"));
     replace_file(path, described(plain("/SYS/A") + "," + plain("/SYS/C")));

@@ -3,6 +3,7 @@
 #include "described/platform.h"
 #include "platform/event_mgr.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdlib>
 #include <fstream>

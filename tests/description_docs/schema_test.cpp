@@ -1,5 +1,5 @@
 #include "described/format/codes.h"
-#include "described/format/schema_check.h"
+#include "schema_check.h"
 #include "written_files.h"
 
 #include <algorithm>
@@ -220,11 +220,6 @@ TEST_P(SchemaMistakes, IsSeenAtItsPlace)
 
 INSTANTIATE_TEST_SUITE_P(All, SchemaMistakes, testing::ValuesIn(mistakes),
                          [](const auto &one) { return std::string(one.param.name); });
-
-TEST(Schema, IsTheOneBuiltIn)
-{
-    EXPECT_EQ(json::parse(schema_text), written::schema());
-}
 
 TEST(Schema, NamesEveryCodeAndNoOther)
 {

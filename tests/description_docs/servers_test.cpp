@@ -4,7 +4,7 @@
  */
 #include "described/format/component_types.h"
 #include "described/format/loader.h"
-#include "described/format/schema_check.h"
+#include "schema_check.h"
 #include "written_files.h"
 
 #include <algorithm>

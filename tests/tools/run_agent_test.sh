@@ -156,7 +156,7 @@ refuses_a_bad_description)
     status=0
     DESCRIPTION=$scratch/bad.json "$source_dir/tools/run-agent" "$build_dir" >"$output" 2>&1 || status=$?
     [[ $status -eq 1 ]] || fail "exit status $status"
-    said "$scratch/bad.json: /components/0: expected" || fail "it does not say where"
+    said "$scratch/bad.json:1: /components/0 (/SYS): expected" || fail "it does not say where"
     no_agents || fail "it had started an agent"
     ;;
 keeps_an_edited_copy)

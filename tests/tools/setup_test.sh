@@ -56,7 +56,7 @@ END
 for command in g++ cmake ninja snmpd snmpwalk perl pgrep unshare pidof; do
     stub "$command" </dev/null
 done
-printf '%s\n' libsnmp-dev libbsd-dev nlohmann-json3-dev libvalijson-dev >"$KAVPLAT_INSTALLED"
+printf '%s\n' libsnmp-dev libbsd-dev nlohmann-json3-dev libcli11-dev >"$KAVPLAT_INSTALLED"
 
 # The directories of system commands are appended by the script: a case can only
 # take away what this machine has not got there. So the script is run with those
@@ -86,14 +86,14 @@ expect "nothing is missing: no word" [ ! -s "$scratch/output" ]
 expect "nothing is missing: no call" [ ! -s "$calls" ]
 
 command rm "$scratch/bin/snmpd"
-sed -i '/libvalijson-dev/d' "$KAVPLAT_INSTALLED"
+sed -i '/libcli11-dev/d' "$KAVPLAT_INSTALLED"
 run run
 expect "two missing: success" [ "$status" -eq 0 ]
-expect "two missing: they are named" said 'installing what is missing: libvalijson-dev snmpd$'
+expect "two missing: they are named" said 'installing what is missing: libcli11-dev snmpd$'
 expect "two missing: lists first" [ "$(grep -n 'apt-get update' "$calls" | cut -d: -f1)" -lt \
     "$(grep -n 'apt-get install' "$calls" | cut -d: -f1)" ]
 expect "two missing: these alone are installed" \
-    called '^apt-get install .*recommends libvalijson-dev snmpd frontend=noninteractive$'
+    called '^apt-get install .*recommends libcli11-dev snmpd frontend=noninteractive$'
 expect "root needs no sudo" not called '^sudo'
 if [[ ! -e /usr/sbin/policy-rc.d ]]; then
     expect "services are kept from starting" called '^sh .*exit 101.*/usr/sbin/policy-rc.d'

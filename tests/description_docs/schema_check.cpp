@@ -1,4 +1,6 @@
-#include "described/format/schema_check.h"
+#include "schema_check.h"
+
+#include "written_files.h"
 
 #include <algorithm>
 #include <valijson/adapters/nlohmann_json_adapter.hpp>
@@ -7,17 +9,17 @@
 #include <valijson/validation_results.hpp>
 #include <valijson/validator.hpp>
 
-namespace described_platform
-{
+using namespace described_platform;
+
 namespace
 {
 
-/* Kept for the life of the process: the schema cannot change. */
+/* Compiled once, and kept: the schema cannot change. */
 const valijson::Schema &compiled_schema()
 {
     static const valijson::Schema *const schema = [] {
         auto *compiled = new valijson::Schema;
-        const nlohmann::json text = nlohmann::json::parse(schema_text);
+        const nlohmann::json text = written::schema();
         const valijson::adapters::NlohmannJsonAdapter adapter(text);
         valijson::SchemaParser parser;
         parser.populateSchema(adapter, *compiled);
@@ -54,8 +56,7 @@ std::vector<load_error> check_schema(const nlohmann::json &document)
     }
     std::vector<load_error> all;
     for (const auto &each : results) {
-        all.push_back(
-            {pointer_of(each.context), "expected what the schema says: " + each.description, 0, 0});
+        all.push_back({pointer_of(each.context), each.description});
     }
     /* Each violation comes once more from every object that holds it, in words
      * that say nothing. Sorted, what lies below a place follows it closely. */
@@ -72,5 +73,3 @@ std::vector<load_error> check_schema(const nlohmann::json &document)
     });
     return all;
 }
-
-} // namespace described_platform
