@@ -1,13 +1,13 @@
 // Platforms that take their time: an agent serves one request after another, so what
 // one reading takes is what everybody waits at most.
 #include <array>
-#include <atomic>
 #include <cstdio>
 #include <sys/stat.h>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "e2e/slow_platform.h"
 #include "harness/agent.h"
 #include "harness/client.h"
 #include "harness/names.h"
@@ -16,66 +16,8 @@ namespace
 {
 
 using namespace std::chrono_literals;
-using clock_type = std::chrono::steady_clock;
-
-// kavPlatNumericSensorTable, its current reading.
-const object_name readings = {1, 3, 6, 1, 4, 1, 58213, 2, 70, 101, 1, 1, 8, 1, 4};
-const object_name uptime = {1, 3, 6, 1, 2, 1, 1, 3, 0};
-
-double seconds_since(clock_type::time_point begin)
-{
-    return std::chrono::duration<double>(clock_type::now() - begin).count();
-}
-
 constexpr double reading_time = 2.0;
 constexpr unsigned sensors = 4;
-
-agent_options platform_of_slow_sensors(unsigned count = sensors, unsigned milliseconds = 2000)
-{
-    return {.preload = KAVPLAT_CHURNING_PLATFORM,
-            .environment = {{"KAVPLAT_CHURN_STABLE", "1"},
-                            {"KAVPLAT_CHURN_SENSORS", std::to_string(count)},
-                            {"KAVPLAT_CHURN_SENSOR_MS", std::to_string(milliseconds)}}};
-}
-
-// Asks for another object all the time, and keeps the longest wait for it.
-class poller
-{
-  public:
-    explicit poller(uint16_t port)
-        : thread_([this, port] {
-              snmp_client client(port);
-              while (!is_over_) {
-                  const auto begin = clock_type::now();
-                  unanswered += client.get({uptime}).error == 0 ? 0U : 1U;
-                  worst = std::max(worst, seconds_since(begin));
-                  polls++;
-                  std::this_thread::sleep_for(10ms);
-              }
-          })
-    {
-    }
-    ~poller() { end(); }
-    poller(const poller &) = delete;
-    poller &operator=(const poller &) = delete;
-
-    void end()
-    {
-        is_over_ = true;
-        if (thread_.joinable()) {
-            thread_.join();
-        }
-    }
-
-    // To be read after the end.
-    double worst = 0;
-    unsigned polls = 0;
-    unsigned unanswered = 0;
-
-  private:
-    std::atomic<bool> is_over_{false};
-    std::thread thread_;
-};
 
 // All readings by GETNEXT of one object each, by GETBULK, and by one GET.
 enum class way { next, bulk, get };
@@ -90,12 +32,7 @@ std::vector<varbind> read_all(snmp_client &client, way w)
     case way::get:
         break;
     }
-    std::vector<object_name> names;
-    for (unsigned i = 0; i < sensors; i++) {
-        names.push_back(readings);
-        names.back().push_back(3 + i); // behind "/SYS" and the unit
-    }
-    return client.get(names).varbinds;
+    return client.get(names_of_readings(sensors)).varbinds;
 }
 
 class slow_platform_read : public testing::TestWithParam<way>
@@ -112,7 +49,7 @@ INSTANTIATE_TEST_SUITE_P(by, slow_platform_read, testing::Values(way::next, way:
 
 TEST_P(slow_platform_read, others_wait_no_longer_than_for_one_reading)
 {
-    agent server(platform_of_slow_sensors());
+    agent server(platform_of_slow_sensors(sensors, 2000));
     ASSERT_NO_THROW(server.start());
     snmp_client client(server.port());
     client.set_timeout(60s);
@@ -183,7 +120,7 @@ TEST(slow_platform, is_answered_for_as_a_quick_one)
 // they ask for the same.
 TEST(slow_platform, several_that_ask_for_everything_share_the_waiting)
 {
-    agent server(platform_of_slow_sensors());
+    agent server(platform_of_slow_sensors(sensors, 2000));
     ASSERT_NO_THROW(server.start());
     poller other(server.port());
     constexpr unsigned clients = 3;
@@ -218,7 +155,7 @@ TEST(slow_platform, several_that_ask_for_everything_share_the_waiting)
 // agent as it was.
 TEST(slow_platform, outlives_clients_that_give_up)
 {
-    agent server(platform_of_slow_sensors());
+    agent server(platform_of_slow_sensors(sensors, 2000));
     ASSERT_NO_THROW(server.start());
     {
         snmp_client impatient(server.port());

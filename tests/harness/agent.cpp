@@ -175,6 +175,7 @@ std::vector<std::string> agent::command() const
     if (options_.whole_configuration.empty()) {
         words.push_back(address());
     }
+    words.insert(words.end(), options_.arguments.begin(), options_.arguments.end());
     return words;
 }
 

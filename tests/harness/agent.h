@@ -50,6 +50,8 @@ struct agent_options {
      * it, with "udp:127.0.0.1:161" in it replaced by the agent's own address; the
      * command line names no address then. */
     std::string whole_configuration = {};
+    /* Arguments of snmpd behind all others; an address is one more to listen to. */
+    std::vector<std::string> arguments = {};
     /* What snmpd finds in the file of its persistent state. */
     std::string persistent_state = {};
     /* The user that the agent becomes once it has its port; empty: stays. */

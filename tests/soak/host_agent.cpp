@@ -1,9 +1,10 @@
 // A program that plays the agent: net-snmp's agent library, the module's rooms and
 // a platform linked together, so that a sanitizer sees all of it.
 //
-// usage: soak_host_PLATFORM PORT
+// usage: soak_host_PLATFORM PORT [SECONDS]
 //
-// Serves udp:127.0.0.1:PORT to anybody until SIGTERM, and then ends as a program
+// Serves udp:127.0.0.1:PORT to anybody until SIGTERM, from SECONDS on by a loop that only
+// reads what comes in and runs no alarms, and then ends as a program
 // does, so that a sanitizer has the last word. Linked with a system() that does
 // nothing, since the module's own end is that of every snmpd of the host.
 #include "entityMIB/entityMIB.h"
@@ -17,10 +18,12 @@
 
 #include <net-snmp/agent/agent_callbacks.h>
 
-#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
+#include <sys/select.h>
 
 namespace
 {
@@ -52,6 +55,23 @@ int handle_uptime(netsnmp_mib_handler *, netsnmp_handler_registration *,
     return SNMP_ERR_NOERROR;
 }
 
+// What a program does that has a loop of its own and was written before there were alarms.
+void read_what_came_in()
+{
+    int numfds = 0;
+    int block = 0;
+    fd_set fds;
+    FD_ZERO(&fds);
+    timeval timeout = {0, 100'000};
+    snmp_select_info(&numfds, &fds, &timeout, &block);
+    timeout = {0, 100'000};
+    if (select(numfds, &fds, nullptr, nullptr, &timeout) > 0) {
+        snmp_read(&fds);
+    } else {
+        snmp_timeout();
+    }
+}
+
 } // namespace
 
 extern "C" int __wrap_system(const char *command)
@@ -62,10 +82,13 @@ extern "C" int __wrap_system(const char *command)
 
 int main(int argc, char **argv)
 {
-    if (argc != 2) {
-        fprintf(stderr, "usage: %s PORT\n", argv[0]);
+    if (argc != 2 && argc != 3) {
+        fprintf(stderr, "usage: %s PORT [SECONDS]\n", argv[0]);
         return 2;
     }
+    using clock = std::chrono::steady_clock;
+    const auto without_alarms =
+        argc == 3 ? clock::now() + std::chrono::seconds(atoi(argv[2])) : clock::time_point::max();
     struct sigaction action = {};
     action.sa_handler = end;
     sigaction(SIGTERM, &action, nullptr);
@@ -92,8 +115,18 @@ int main(int argc, char **argv)
     // A signal that comes just before the agent waits would go unnoticed.
     snmp_alarm_register(
         1, SA_REPEAT, [](unsigned, void *) {}, nullptr);
+    bool is_told = false;
     while (!is_over) {
-        agent_check_and_process(1);
+        if (clock::now() < without_alarms) {
+            agent_check_and_process(1);
+            continue;
+        }
+        if (!is_told) {
+            is_told = true;
+            puts("no more alarms");
+            fflush(stdout);
+        }
+        read_what_came_in();
     }
     fflush(nullptr);
     // The platform's threads go on until the process ends; what static objects own
