@@ -59,10 +59,13 @@ enum { CAPI_SENSOR_INFO_ALL = -9 };
 enum capi_component_type {
     CAPI_TYPE_CHASSIS = 2,            /* chassis(3): takes the product texts */
     CAPI_TYPE_SYSTEM = 3,             /* chassis(3): takes the product texts */
-    CAPI_TYPE_DRIVE_BAY = 14,         /* container(5): "/SYS/HDD*" asks "<name>/PRSNT" */
+    CAPI_TYPE_DRIVE_BAY = 14,         /* container(5): with CAPI_CAP_HOLDER and a name that
+                                         begins with "/SYS/HDD" and is shorter than eleven
+                                         characters, the sensor "<name>/PRSNT" is asked */
     CAPI_TYPE_FAULT_SENSOR = 18,      /* a deviating state is a major alarm */
     CAPI_TYPE_PREDICTIVE_SENSOR = 19, /* a deviating state is a warning */
-    CAPI_TYPE_SLOT_IDENTITY = 26,     /* a sensor whose reading is a slot number */
+    CAPI_TYPE_SLOT_IDENTITY = 26,     /* a sensor whose reading is a slot number; its
+                                         limits count only after REFRESH_SENSOR */
     CAPI_TYPE_MIDPLANE = 59           /* other(1): takes the chassis texts */
 };
 
@@ -124,7 +127,7 @@ enum capi_sensor_units {
 /* capi_sensor_record.reading_status; any value but INVALID is a good reading */
 enum { CAPI_READING_VALID = 0, CAPI_READING_INVALID = 1 };
 
-/* capi_sensor_record.flags: which thresholds are valid, and FAILED_STATE,
+/* capi_sensor_record.flags: which thresholds are valid, and STATE_SEMANTICS,
  * which says that a discrete sensor's state is given by the field state. */
 enum capi_sensor_flags {
     CAPI_LOWER_NON_CRITICAL_VALID = 0x01,
@@ -179,8 +182,9 @@ struct capi_sensor_record {
     float reading;        /* in units; 2.0 for the true state of a discrete sensor */
     uint8_t raw_reading;  /* the reading as the device gives it. A numeric reading
                              that equals it is served as a whole number, any other
-                             in thousandths. Of a discrete sensor its state:
-                             1 deasserted (absent), 2 asserted (present). */
+                             in thousandths; one in rpm always as a whole number.
+                             Of a discrete sensor its state: 1 deasserted (absent),
+                             2 asserted (present). */
     uint8_t reserved1;
     uint16_t reading_status; /* CAPI_READING_VALID or CAPI_READING_INVALID */
     float upper_fatal;       /* thresholds, in units */
@@ -311,7 +315,9 @@ int capi_is_indicator_type(uint32_t component_type, int32_t *flag);
 /* ---- Live state ------------------------------------------------------- */
 
 /* Reads a sensor. The first argument is always 0. Called at most once in ten
- * seconds for a sensor whose reads succeed and are valid. */
+ * seconds for a sensor whose reads succeed and are valid, at every request for one
+ * whose reads fail or are not, and once more for the PRSNT sensor of a drive bay
+ * when the bay's row is made. */
 int capi_get_sensor(int reserved, const char *nac_name, struct capi_sensor_record *record);
 
 /* What is known of a sensor without reading it: class, type, units, thresholds
