@@ -4,7 +4,7 @@
 // "bytes" is memory a step.
 #include "generated_platform.h"
 #include "generated_server.h"
-#include "kavdata/cache.h"
+#include "kavdata/cache_internal.h"
 #include "kavdata/kavdata.h"
 
 #include <net-snmp/net-snmp-config.h>

@@ -291,7 +291,9 @@ CAPI_STATIC_ASSERT(sizeof(struct capi_fru_record) == 1024, "fru record");
  * component and all below it. In every list a container stands before what it
  * holds. *items is a block that the caller hands back to capi_free_inventory
  * with the same count; with a count of 0 it may be null.
- * Fails while there is no inventory yet and for a name that is not known.
+ * Fails while there is no inventory yet and for a name that is not known. A null
+ * list with a count above 0, or a count that no list can have (above 2147483647),
+ * is taken as a failure.
  */
 int capi_get_inventory(const char *nac_name, int mode, uint32_t *count,
                        struct capi_inventory_record **items);

@@ -20,9 +20,8 @@ int32_t power_state(phys_entry &entry)
         return entry.holderCol4;
     }
     int32_t state = 0;
-    if (const int status = capi_get_power_state(0, entry.entPhysicalName, &state); status != 0) {
-        warn_failed_call("kavPlatEquipmentHolderTable_handler", "capi_get_power_state",
-                         printable(entry.entPhysicalName), status);
+    if (has_failed("kavPlatEquipmentHolderTable_handler", polled_call::power_state, entry,
+                   capi_get_power_state(0, entry.entPhysicalName, &state))) {
         return entry.holderCol4;
     }
     switch (state) {

@@ -35,15 +35,12 @@ int32_t admin_state(phys_entry &entry)
         int32_t value = 0;
         if (capi_get_rdy2rm_status(0, entry.entPhysicalName, &value) == 0) {
             entry.equipmentCol1 = value == CAPI_NOT_READY_TO_REMOVE ? UNLOCKED : LOCKED;
-        } else if (const int status = capi_get_power_state(0, entry.entPhysicalName, &value);
-                   status == 0) {
+        } else if (!has_failed(handler, polled_call::power_state, entry,
+                               capi_get_power_state(0, entry.entPhysicalName, &value))) {
+            // That one of the two is not known is no failure.
             entry.equipmentCol1 = value == CAPI_POWER_ON              ? UNLOCKED
                                   : value == CAPI_POWER_SHUTTING_DOWN ? SHUTTING_DOWN
                                                                       : LOCKED;
-        } else {
-            // That one of the two is not known is no failure.
-            warn_failed_call(handler, "capi_get_power_state", printable(entry.entPhysicalName),
-                             status);
         }
     }
     return entry.equipmentCol1;
@@ -62,16 +59,12 @@ int32_t oper_state(phys_entry &entry)
         const uint32_t now = agent_uptime();
         int32_t state = 0;
         char reason[20];
-        if (!is_fresh(entry.lastReadTime, now)) {
-            const int status =
-                capi_get_enable_disable_state(entry.entPhysicalName, &state, reason, sizeof reason);
-            if (status == 0) {
-                entry.lastReadTime = now;
-                entry.equipmentCol2 = state == CAPI_DISABLED ? DISABLED : ENABLED;
-            } else {
-                warn_failed_call(handler, "capi_get_enable_disable_state",
-                                 printable(entry.entPhysicalName), status);
-            }
+        if (!is_fresh(entry.lastReadTime, now) &&
+            !has_failed(handler, polled_call::enable_state, entry,
+                        capi_get_enable_disable_state(entry.entPhysicalName, &state, reason,
+                                                      sizeof reason))) {
+            entry.lastReadTime = now;
+            entry.equipmentCol2 = state == CAPI_DISABLED ? DISABLED : ENABLED;
         }
     }
     return entry.equipmentCol2;

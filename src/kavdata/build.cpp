@@ -125,6 +125,30 @@ void free_unserved(phys_entry *entry)
 
 } // namespace
 
+bool inventory::fetch(const char *nac, int mode)
+{
+    // entPhysicalIndex ends at 2147483647.
+    constexpr size_t most =
+        std::min<size_t>(INT32_MAX, PTRDIFF_MAX / sizeof(capi_inventory_record));
+    if (capi_get_inventory(nac, mode, &count_, &items_) == 0 && count_ <= most &&
+        (items_ || count_ == 0)) {
+        owned_ = true;
+        return true;
+    }
+    // Whatever a failure left there; there is nothing to give back.
+    count_ = 0;
+    items_ = nullptr;
+    return false;
+}
+
+void inventory::release()
+{
+    if (owned_) {
+        capi_free_inventory(items_, count_);
+        owned_ = false;
+    }
+}
+
 const char *record_name(const capi_inventory_record &record)
 {
     return record.nac_name && record.nac_name_length != 0 ? record.nac_name : "Unknown";
@@ -171,18 +195,15 @@ int make_root_nacname(int timeout_seconds)
 {
     bool told = false;
     while (timeout_seconds > 0) {
-        uint32_t count = 0;
-        capi_inventory_record *list = nullptr;
-        if (capi_get_inventory("/", CAPI_INVENTORY_ROOT, &count, &list) == 0) {
+        {
+            kavplat::inventory list;
             // The first record is "/" itself, the second the root component.
-            const bool named =
-                count > 1 && list && list[1].nac_name && list[1].nac_name_length != 0;
-            if (named) {
-                strlcpy(root_nac, list[1].nac_name, 255);
-            }
-            capi_free_inventory(list, count);
-            if (named) {
-                return 1;
+            if (list.fetch("/", CAPI_INVENTORY_ROOT) && list.records().size() > 1) {
+                const capi_inventory_record &root = list.records()[1];
+                if (root.nac_name && root.nac_name_length != 0) {
+                    strlcpy(root_nac, root.nac_name, 255);
+                    return 1;
+                }
             }
         }
         if (!told) {
@@ -210,17 +231,17 @@ void init_local_cache(void)
         // Another event built it while this one waited without the lock.
         return;
     }
-    uint32_t count = 0;
-    capi_inventory_record *list = nullptr;
-    if (capi_get_inventory(root_nac, CAPI_INVENTORY_SUBTREE, &count, &list) != 0) {
+    inventory list;
+    if (!list.fetch(root_nac, CAPI_INVENTORY_SUBTREE)) {
         snmp_log(LOG_ERR, "%s:capi_get_inventory(%s) failed\n", "init_local_cache", root_nac);
         return;
     }
+    const auto count = static_cast<uint32_t>(list.records().size());
     snmp_log(LOG_INFO, "%s:local cache processing %d inventory entries\n", "init_local_cache",
              static_cast<int>(count));
     drop_cache();
     // A fifth more than there is, for hot insertions.
-    localCacheSize = static_cast<uint32_t>(std::min(count + count * 0.2, double{UINT32_MAX}));
+    localCacheSize = static_cast<uint32_t>(count + count * 0.2);
     const bool allocated = replace_slots(localCacheSize);
     KAV_TRACE("kavdata::cache", "%s:physicalTable=0x%08x, localCacheSize=%u\n", "init_local_cache",
               printable(physicalTable), localCacheSize);
@@ -230,7 +251,6 @@ void init_local_cache(void)
                  localCacheSize);
         cache_valid = 0;
         localCacheSize = 0;
-        capi_free_inventory(list, count);
         return;
     }
     cache_valid = 1;
@@ -238,10 +258,10 @@ void init_local_cache(void)
         log_failure("init_local_cache", "no memory for the index by name");
     }
     for (uint32_t index = 1; index <= count; index++) {
-        append_row("init_local_cache", index, list[index - 1], row_origin::first_build);
+        append_row("init_local_cache", index, list.records()[index - 1], row_origin::first_build);
         publish_max_index(index);
     }
-    capi_free_inventory(list, count);
+    list.release();
     snmp_log(LOG_INFO, "%s:local cache ready\n", "init_local_cache");
 }
 

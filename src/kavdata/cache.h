@@ -58,9 +58,12 @@ void end_agent_pass();
 
 // ---- Failures of the platform ----
 
-// A call of the platform failed and the row goes without what it would have told;
-// about is what was asked for.
-void warn_failed_call(const char *function, const char *call, const char *about, int status);
+// Calls that are made again and again for one row, by requests and refreshes.
+enum class polled_call { sensor_info, power_state, enable_state };
+
+// Whether such a call failed. That it did is logged once, and again when it fails in
+// another way or after it succeeded, however often and for whom it is made.
+bool has_failed(const char *function, polled_call call, phys_entry &entry, int status);
 
 // ---- The cache lock ----
 

@@ -4,6 +4,8 @@
 
 #include "kavdata/cache.h"
 
+#include <span>
+
 namespace kavplat
 {
 
@@ -91,6 +93,31 @@ void renew_cache_lock();
 void renew_names_lock();
 void forget_retired(); // what waits is left to the process
 
+// ---- The inventory ----
+
+// A list of the platform's, given back at the end of its scope.
+class inventory
+{
+  public:
+    inventory() = default;
+    ~inventory() { release(); }
+    inventory(const inventory &) = delete;
+    inventory &operator=(const inventory &) = delete;
+
+    // Once. False when the call failed, or gave what can be no list: null with a
+    // count, or more records than there are indexes or addresses.
+    bool fetch(const char *nac, int mode);
+    void release();
+    void keep() { owned_ = false; } // never given back
+
+    std::span<const capi_inventory_record> records() const { return {items_, count_}; }
+
+  private:
+    uint32_t count_ = 0;
+    capi_inventory_record *items_ = nullptr;
+    bool owned_ = false;
+};
+
 // ---- Rows ----
 
 // Appends the row of one inventory record at index, where it is not yet served.
@@ -109,12 +136,20 @@ void trace_index(uint32_t index, const phys_entry *entry, const char *caller);
 // "%s:FAILED:%s\n" at error level.
 void log_failure(const char *function, const char *cause);
 
+// A call of the platform failed and the row goes without what it would have told;
+// about is what was asked for.
+void warn_failed_call(const char *function, const char *call, const char *about, int status);
+
 // A text in a platform's record ends within its field, whatever was written there.
 template <size_t N>
 void terminate(char (&text)[N])
 {
     text[N - 1] = '\0';
 }
+
+// strlcpy that does not cut a UTF-8 character in two: its bytes go with it. Bytes
+// that are no UTF-8 are cut wherever the field ends.
+void copy_text(char *field, const char *text, size_t size);
 
 } // namespace kavplat
 

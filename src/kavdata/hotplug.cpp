@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <span>
 
 namespace kavplat
 {
@@ -17,31 +16,6 @@ namespace
 {
 
 constexpr size_t child_prefix_size = 255;
-
-// A list of the platform's, given back at the end of its scope.
-struct inventory {
-    uint32_t count = 0;
-    capi_inventory_record *items = nullptr;
-    bool owned = false;
-
-    inventory() = default;
-    ~inventory()
-    {
-        if (owned) {
-            capi_free_inventory(items, count);
-        }
-    }
-    inventory(const inventory &) = delete;
-    inventory &operator=(const inventory &) = delete;
-
-    std::span<const capi_inventory_record> records() const { return {items, count}; }
-};
-
-bool fetch_inventory(inventory &list, const char *nac)
-{
-    list.owned = capi_get_inventory(nac, CAPI_INVENTORY_SUBTREE, &list.count, &list.items) == 0;
-    return list.owned;
-}
 
 void stamp_change()
 {
@@ -165,16 +139,16 @@ void set_fru_prsnt(const char *nac)
         init_local_cache();
     }
     inventory list;
-    if (!fetch_inventory(list, nac)) {
+    if (!list.fetch(nac, CAPI_INVENTORY_SUBTREE)) {
         snmp_log(LOG_ERR, "%s: can not get inventory %s\n", "set_fru_prsnt", nac);
         return;
     }
-    if (list.count == 0) {
+    if (list.records().empty()) {
         // An empty list is not given back here: meant.
-        list.owned = false;
+        list.keep();
         return;
     }
-    if (!grow("set_fru_prsnt", list.count)) {
+    if (!grow("set_fru_prsnt", static_cast<uint32_t>(list.records().size()))) {
         return;
     }
     for (const capi_inventory_record &record : list.records()) {
@@ -197,12 +171,12 @@ void partial_reconfigure(const char *nac)
         return;
     }
     inventory list;
-    if (!fetch_inventory(list, nac)) {
+    if (!list.fetch(nac, CAPI_INVENTORY_SUBTREE)) {
         // The root is named, not the component that was asked for: meant.
         snmp_log(LOG_ERR, "%s: can not get inventory %s\n", "partial_reconfigure", root_nac);
         return;
     }
-    if (list.count == 0) {
+    if (list.records().empty()) {
         return;
     }
     std::unique_ptr<uint32_t[], decltype(&free)> listed{

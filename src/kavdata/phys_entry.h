@@ -153,6 +153,10 @@ typedef struct phys_entry {
     /* Agent up-time, in hundredths of a second, of the last live read; 0: never. */
     uint32_t lastReadTime;
 
+    /* What the platform's calls that are made again and again gave last
+     * (kavdata/cache.h); accessed atomically. */
+    int32_t polledStatus[3];
+
     /* Links the rows that are unlinked and wait to be freed. */
     struct phys_entry *next_retired;
 } phys_entry;

@@ -207,11 +207,8 @@ void reload_thresholds(const char *nac_name)
     KAV_TRACE("kavdata::sensor", "name=%s,status=%d,sensor_class/type:%u/%u\n",
               entry->entPhysicalName, status, static_cast<unsigned>(record.sensor_class),
               static_cast<unsigned>(record.sensor_type));
-    if (status == 0) {
+    if (!has_failed("reload_thresholds", polled_call::sensor_info, *entry, status)) {
         set_sensor_thresholds(entry, &record);
-    } else {
-        warn_failed_call("reload_thresholds", "capi_get_sensor_info", entry->entPhysicalName,
-                         status);
     }
     relaxed_store(entLastChangeTime, agent_uptime());
 }

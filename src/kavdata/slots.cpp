@@ -34,7 +34,8 @@ slot_array *array_of(phys_entry **slots)
 // Room for indexes 0 to size, all slots empty.
 phys_entry **allocate_slots(uint32_t size)
 {
-    const size_t count = size_t{std::max(size, largest_size)} + 1;
+    // The array's own first slot is that of index 0.
+    const size_t count = std::max(size, largest_size);
     if (count > (SIZE_MAX - sizeof(slot_array)) / sizeof(phys_entry *)) {
         return nullptr;
     }

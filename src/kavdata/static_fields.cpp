@@ -132,11 +132,8 @@ void read_sensor_nature(phys_entry *entry, uint32_t component_type)
         return;
     }
     capi_sensor_record info = {};
-    if (const int status =
-            capi_get_sensor_info(entry->entPhysicalName, CAPI_SENSOR_INFO_ALL, &info);
-        status != 0) {
-        warn_failed_call("read_static_data", "capi_get_sensor_info", entry->entPhysicalName,
-                         status);
+    const int status = capi_get_sensor_info(entry->entPhysicalName, CAPI_SENSOR_INFO_ALL, &info);
+    if (has_failed("read_static_data", polled_call::sensor_info, *entry, status)) {
         return;
     }
     // No sensor is ever given the discrete kind, so the discrete tables have no
@@ -241,7 +238,7 @@ void read_static_data(phys_entry *entry, uint32_t component_type)
     if (!text) {
         text = "";
     }
-    strlcpy(entry->entPhysicalDescr, text, sizeof entry->entPhysicalDescr);
+    copy_text(entry->entPhysicalDescr, text, sizeof entry->entPhysicalDescr);
     KAV_TRACE("kavdata::cache", "%s:init entPhysicalDescr:[%s]\n", "read_static_data",
               entry->entPhysicalDescr);
     if (is_type(capi_is_sensor_type, "capi_is_sensor_type", *entry, component_type)) {
@@ -315,7 +312,7 @@ int snmp_read_product_info(phys_entry *entry)
     replaceString(&entry->entPhysicalSerialNum, record.serial, short_text);
     replaceString(&entry->entPhysicalModelName, record.model, long_text);
     replaceString(&entry->entPhysicalMfgName, manufacturer, long_text);
-    strlcpy(entry->entPhysicalDescr, record.description, sizeof entry->entPhysicalDescr);
+    copy_text(entry->entPhysicalDescr, record.description, sizeof entry->entPhysicalDescr);
     read_firmware_revision(&entry->entPhysicalFirmwareRev);
     if (has(*entry, CAPI_CAP_FRU_INFO_BYTE, CAPI_CAP_FRU_INFO)) {
         capi_fru_record fru = {};
@@ -381,7 +378,7 @@ void add_chassis_info(phys_entry *entry)
     terminate(record.model);
     terminate(record.serial);
     terminate(record.manufacturer);
-    strlcpy(entry->entPhysicalDescr, record.description, sizeof entry->entPhysicalDescr);
+    copy_text(entry->entPhysicalDescr, record.description, sizeof entry->entPhysicalDescr);
     replaceString(&entry->entPhysicalModelName, record.model, long_text);
     replaceString(&entry->entPhysicalSerialNum, record.serial, short_text);
     replaceString(&entry->entPhysicalMfgName, record.manufacturer, long_text);

@@ -6,6 +6,7 @@ namespace
 {
 
 constexpr int broken = -77;
+using strings = std::vector<std::string>;
 
 // A call that fails is named with the row or the list that it was made for.
 struct failing_call {
@@ -60,8 +61,6 @@ INSTANTIATE_TEST_SUITE_P(
                      "get_static_fields:capi_get_sensor(/SYS/HDD0/PRSNT) failed, status=-77\n"},
         failing_call{"capi_get_sensor_info",
                      "read_static_data:capi_get_sensor_info(/SYS/MB/T0) failed, status=-77\n"},
-        failing_call{"capi_get_sensor_info",
-                     "reload_thresholds:capi_get_sensor_info(/SYS/MB/T0) failed, status=-77\n"},
         failing_call{"capi_get_indicator", "snmp_read_led:FAILED:capi_get_indicator(/SYS/OK)\n"},
         failing_call{"capi_get_fru_info", "snmp_read_fru:FAILED:capi_get_fru_info for "
                                           "entPhysicalName /SYS/MB\n"},
@@ -103,6 +102,72 @@ TEST_F(platform_faults, ready_to_remove_is_made_up_for_by_the_power_state)
     ask();
     EXPECT_TRUE(log.has(LOG_WARNING, "kavPlatEquipmentTable_handler:capi_get_power_state(/SYS/MB) "
                                      "failed, status=-77\n"));
+}
+
+// A line of the library's own, for a call that is made at each poll or refresh.
+struct repeated_failure {
+    const char *call;
+    const char *name;
+    const char *function;
+};
+
+TEST_F(platform_faults, a_call_that_keeps_failing_is_told_when_that_begins_or_changes)
+{
+    const repeated_failure failures[] = {
+        {"capi_get_power_state", "/SYS/FAN0", "kavPlatEquipmentTable_handler"},
+        {"capi_get_power_state", "/SYS/HDD0", "kavPlatEquipmentHolderTable_handler"},
+        {"capi_get_enable_disable_state", "/SYS/MB", "kavPlatEquipmentTable_handler"},
+        {"capi_get_sensor_info", "/SYS/MB/T0", "reload_thresholds"},
+    };
+    init_local_cache();
+    u_long now = uptime;
+    const auto poll = [&] {
+        fake_system::set_uptime(now += 1000); // no value is fresh any more
+        ask();
+        event(EVENT_MGR_CLASS_INTERNAL, EVENT_MGR_REFRESH_SENSOR, "/SYS/MB/T0");
+    };
+    for (const repeated_failure &f : failures) {
+        agent_log log;
+        strings told;
+        const auto fail = [&](int status) {
+            platform->fail_for[f.call][f.name] = status;
+            for (int i = 0; i < 3; i++) {
+                poll();
+            }
+        };
+        const auto expect_told = [&](int status) {
+            told.push_back(std::string(f.function) + ":" + f.call + "(" + f.name +
+                           ") failed, status=" + std::to_string(status) + "\n");
+            EXPECT_EQ(log.texts(LOG_WARNING), told) << status;
+        };
+        fail(broken);
+        expect_told(broken);
+        fail(78); // in another way, and whatever the sign
+        expect_told(78);
+        fail(0);
+        EXPECT_EQ(log.texts(LOG_WARNING), told);
+        fail(78);
+        expect_told(78);
+        platform->fail_for.clear();
+        poll();
+    }
+    // A row that is made anew knows of nothing that was told before.
+    agent_log log;
+    platform->fail_for["capi_get_power_state"]["/SYS/FAN0"] = broken;
+    poll();
+    event(EVENT_MGR_CLASS_HARDWARE, EVENT_MGR_HOT_REMOVE, "/SYS/FAN0");
+    event(EVENT_MGR_CLASS_HARDWARE, EVENT_MGR_HOT_INSERT, "/SYS/FAN0");
+    poll();
+    poll();
+    EXPECT_EQ(log.texts(LOG_WARNING).size(), 2U);
+    // What a build told, a refresh that fails likewise does not tell again.
+    platform->fail_for["capi_get_sensor_info"]["/SYS/MB/T0"] = broken;
+    log.clear();
+    event(EVENT_MGR_CLASS_HARDWARE, EVENT_MGR_HOT_REMOVE, "/SYS/MB/T0");
+    event(EVENT_MGR_CLASS_HARDWARE, EVENT_MGR_HOT_INSERT, "/SYS/MB/T0");
+    poll();
+    EXPECT_EQ(log.texts(LOG_WARNING),
+              strings{"read_static_data:capi_get_sensor_info(/SYS/MB/T0) failed, status=-77\n"});
 }
 
 // It has no failure that it could tell: whatever is not 0 is a yes.

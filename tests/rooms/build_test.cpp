@@ -127,9 +127,11 @@ TEST_F(build_cache, an_empty_root_list_may_be_null)
     platform->root_list = std::vector<fake_component>{};
     platform->null_list_when_empty = true;
     EXPECT_EQ(make_root_nacname(1), 0);
-    // A list told longer than null is not looked at either.
+    EXPECT_EQ(platform.calls("capi_free_inventory"), 1U);
+    // A list told longer than null is not looked at, nor given back.
     platform->root_count_override = 2;
     EXPECT_EQ(make_root_nacname(1), 0);
+    EXPECT_EQ(platform.calls("capi_free_inventory"), 1U);
 }
 
 TEST_F(build_cache, waits_until_there_is_an_inventory)
@@ -232,6 +234,47 @@ TEST_F(build_cache, the_inventory_of_the_root_fails)
     // The list of the root query only: a failed query gave none.
     EXPECT_EQ(platform.calls("capi_free_inventory"), 1U);
     EXPECT_TRUE(platform.all_lists_released());
+}
+
+TEST_F(build_cache, a_list_that_can_be_none_is_a_failed_one)
+{
+    // entPhysicalIndex has no number for more, and no host of 32 bits has addresses.
+    const uint32_t too_many = sizeof(void *) == 4 ? INT32_MAX / sizeof(capi_inventory_record) + 1
+                                                  : uint32_t{INT32_MAX} + 1;
+    set_components({"/SYS"});
+    for (const bool is_null : {true, false}) {
+        for (const uint32_t count : {uint32_t{1}, too_many, UINT32_MAX - 1, UINT32_MAX}) {
+            if (count == 1 && !is_null) {
+                continue; // as good as any
+            }
+            reset();
+            platform->lists["/SYS"] = {};
+            platform->count_override = count;
+            platform->null_list_when_empty = is_null;
+            platform.forget_calls();
+            const agent_log log;
+            init_local_cache();
+            EXPECT_EQ(log.texts(LOG_ERR),
+                      strings{"init_local_cache:capi_get_inventory(/SYS) failed\n"})
+                << count;
+            EXPECT_EQ(physicalTable, nullptr);
+            EXPECT_EQ(platform.calls("capi_free_inventory"), 1U); // that of the root query
+        }
+    }
+}
+
+TEST_F(build_cache, slots_for_more_than_there_are_addresses_are_refused)
+{
+    bool asked_for_all = true;
+    fake_system::on_calloc.set([&](size_t count, size_t size) -> void * {
+        asked_for_all = asked_for_all && uint64_t{count} * size / sizeof(void *) > UINT32_MAX;
+        return count * size < (1U << 20) ? calloc(count, size) : nullptr;
+    });
+    EXPECT_FALSE(kavplat::replace_slots(UINT32_MAX));
+    EXPECT_FALSE(kavplat::replace_slots(UINT32_MAX - 1));
+    fake_system::on_calloc.clear();
+    EXPECT_TRUE(asked_for_all); // on 64 bits; on 32 there is nothing to ask for
+    EXPECT_EQ(physicalTable, nullptr);
 }
 
 TEST_F(build_cache, no_memory_for_the_array_leaves_an_empty_cache)

@@ -349,6 +349,28 @@ TEST_F(hotplug, an_insertion_whose_inventory_fails)
     EXPECT_TRUE(platform.all_lists_released());
 }
 
+TEST_F(hotplug, a_list_that_can_be_none_is_a_failed_one)
+{
+    build({"/SYS", "/SYS/A"});
+    platform->lists["/SYS/A"] = {};
+    platform->lists["/SYS"] = {};
+    for (const bool is_null : {true, false}) {
+        platform->null_list_when_empty = is_null;
+        platform->count_override = UINT32_MAX;
+        platform.forget_calls();
+        const agent_log log;
+        insert("/SYS/A");
+        update("/SYS");
+        EXPECT_EQ(log.texts(LOG_ERR), (strings{"set_fru_prsnt: can not get inventory /SYS/A\n",
+                                               "partial_reconfigure: can not get inventory "
+                                               "/SYS\n"}));
+        EXPECT_EQ(log.texts(LOG_INFO), strings());
+        EXPECT_EQ(platform.calls("capi_free_inventory"), 0U);
+        EXPECT_EQ(rows(), (strings{"/SYS", "/SYS/A"}));
+        EXPECT_EQ(entLastChangeTime, 0U);
+    }
+}
+
 TEST_F(hotplug, an_insertion_of_nothing_keeps_the_list)
 {
     build({"/SYS", "/SYS/A"});

@@ -608,6 +608,73 @@ TEST_F(static_fields, a_text_keeps_one_character_less_than_its_maximum)
     free(text);
 }
 
+TEST_F(static_fields, a_text_is_cut_between_characters)
+{
+    struct cut {
+        const char *why;
+        const char *text;
+        const char *kept; // of a maximum of 8, thus 7 octets
+    };
+    const cut cuts[] = {
+        {"fits", "12345\xC3\xA9", "12345\xC3\xA9"},
+        {"two octets, one in", "123456\xC3\xA9", "123456"},
+        {"a character ends with the field", "12345\xC3\xA9x", "12345\xC3\xA9"},
+        {"one begins behind the field", "1234567\xC3\xA9", "1234567"},
+        {"three octets, one in", "123456\xE2\x82\xAC", "123456"},
+        {"three octets, two in", "12345\xE2\x82\xAC", "12345"},
+        {"three octets, all in", "1234\xE2\x82\xAC#", "1234\xE2\x82\xAC"},
+        {"four octets, three in", "1234\xF0\x9F\x94\xA5", "1234"},
+        {"four octets, one in", "123456\xF0\x9F\x94\xA5", "123456"},
+        {"nothing but the one", "\xC3\xA9\xC3\xA9\xC3\xA9\xC3\xA9", "\xC3\xA9\xC3\xA9\xC3\xA9"},
+        // What was never UTF-8 stays, octet for octet.
+        {"Latin-1",
+         "123456\xE9"
+         "ab",
+         "123456\xE9"},
+        {"no lead", "1234\x82\x82\x82\x82", "1234\x82\x82\x82"},
+        {"nothing but continuations", "\x82\x82\x82\x82\x82\x82\x82\x82",
+         "\x82\x82\x82\x82\x82\x82\x82"},
+        {"the rest is missing",
+         "12345\xE2\x82"
+         "ab",
+         "12345\xE2\x82"},
+        {"too long a form of two", "123456\xC1\xBF", "123456\xC1"},
+        {"too long a form of three", "12345\xE0\x9F\xBF", "12345\xE0\x9F"},
+        {"too long a form of four", "1234\xF0\x8F\xBF\xBF", "1234\xF0\x8F\xBF"},
+        {"half a pair", "12345\xED\xA0\x80", "12345\xED\xA0"},
+        {"the other half", "12345\xED\xBF\xBF", "12345\xED\xBF"},
+        {"above all characters", "1234\xF4\x90\x80\x80", "1234\xF4\x90\x80"},
+        {"no lead at all", "123456\xF8\x88\x80\x80\x80", "123456\xF8"},
+        {"a lead in vain before one", "12345\xC3\xC3\xA9", "12345\xC3"},
+    };
+    for (const cut &c : cuts) {
+        char *text = nullptr;
+        replaceString(&text, c.text, 8);
+        EXPECT_STREQ(text, c.kept) << c.why;
+        free(text);
+    }
+}
+
+TEST_F(static_fields, identity_and_description_are_cut_between_characters)
+{
+    std::string euros;
+    for (int i = 0; i < 90; i++) {
+        euros += "\xE2\x82\xAC";
+    }
+    capi_fru_record record = fru();
+    set_text(record.serial, "x" + euros.substr(0, 60));
+    set_text(record.alias, euros.substr(0, 60));
+    platform->frus["/SYS/X"] = record;
+    owned_entry e("/SYS/X");
+    EXPECT_EQ(snmp_read_fru(e.get()), 0);
+    EXPECT_EQ(e->entPhysicalSerialNum, "x" + euros.substr(0, 30));
+    EXPECT_EQ(e->entPhysicalAlias, euros.substr(0, 30));
+    // A description of 256 octets: the last euro would end in the 256th.
+    platform->default_description = "x" + euros.substr(0, 255);
+    read_static_data(e.get(), plain);
+    EXPECT_EQ(e->entPhysicalDescr, "x" + euros.substr(0, 252));
+}
+
 TEST_F(static_fields, no_memory_for_a_text_leaves_null)
 {
     char *text = fake_system::heap_text("old");
