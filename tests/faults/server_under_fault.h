@@ -78,11 +78,18 @@ class server_under_fault : public cache_test
         set_text(server->chassis.serial, "a chassis");
         server->lists["/SYS/MB1"] = {component("/SYS/MB1", board, {fru, replaceable, enable}),
                                      component("/SYS/MB1/T0", sensor_type)};
-        for (int i = 0; i < 40; i++) { // enough for the index by name to grow
-            server->lists["/SYS/MB1"].push_back(
-                component(("/SYS/MB1/C" + std::to_string(i)).c_str(), plain));
+        server->lists["/SYS/MANY"] = {component("/SYS/MANY", plain)};
+        // Enough for the slots and the index by name to grow. Nobody asks for them:
+        // they would be most of each walk and tell nothing more.
+        for (int i = 0; i < 40; i++) {
+            server->lists["/SYS/MANY"].push_back(
+                component(("/SYS/MANY/C" + std::to_string(i)).c_str(), plain));
         }
     }
+
+    // The indexes that are free after a life: those of /SYS/MANY and the first ones
+    // of /SYS/MB1.
+    static constexpr long holes = 41 + 2;
 
     // Everything that can happen to a cache, with the requests in between.
     void live()
@@ -92,6 +99,8 @@ class server_under_fault : public cache_test
         plug({"/SYS/NEW"});
         event(EVENT_MGR_CLASS_HARDWARE, EVENT_MGR_UPDATE_INVENTORY, "/SYS");
         unplug("/SYS/NEW");
+        event(EVENT_MGR_CLASS_HARDWARE, EVENT_MGR_HOT_INSERT, "/SYS/MANY");
+        event(EVENT_MGR_CLASS_HARDWARE, EVENT_MGR_HOT_REMOVE, "/SYS/MANY");
         event(EVENT_MGR_CLASS_HARDWARE, EVENT_MGR_HOT_INSERT, "/SYS/MB1");
         ask();
         event(EVENT_MGR_CLASS_HARDWARE, EVENT_MGR_HOT_REMOVE, "/SYS/MB1");
@@ -127,7 +136,8 @@ class server_under_fault : public cache_test
             return std::ranges::any_of(list,
                                        [&](const fake_component &c) { return c.name == name; });
         };
-        return is_in(server->components) || is_in(server->lists["/SYS/MB1"]) || name == "/SYS/NEW";
+        return is_in(server->components) || is_in(server->lists["/SYS/MB1"]) ||
+               is_in(server->lists["/SYS/MANY"]) || name == "/SYS/NEW";
     }
 
     static size_t complaints(const agent_log &log)
