@@ -1,6 +1,6 @@
 #!/bin/bash
-# What the documents name must exist: each test that holds an oddity, each file
-# that is linked, each target of make and each file in a line of code.
+# What the documents name must exist: each test that holds an oddity, each heading
+# and file that is linked, each target of make and each file of this tree.
 # usage: docs_test.sh SOURCE_DIR BUILD_DIR CTEST
 set -euo pipefail
 export LC_ALL=C
@@ -39,7 +39,12 @@ documents=(README.md CONTRIBUTING.md docs/*.md mibs/README.md)
 while IFS= read -r line; do
     complain "$line"
 done < <(dead_links "${documents[@]}")
+# shellcheck disable=SC2016 # the quotes are Markdown's
+paths='`\(\.ci\|bench\|cmake\|described\|docs\|examples\|mibs\|platform\|schema\|servers\|src\|tests\|tools\)/[A-Za-z0-9_./-]*`'
 for document in "${documents[@]}"; do
+    while read -r path; do
+        [[ -e $path || $path == *kavPlatYourTable* ]] || complain "$document names $path, which is not there"
+    done < <(grep -o "$paths" "$document" | tr -d '`' | sort -u)
     while read -r target; do
         case $target in
         check-*) grep -q "\"name\": \"${target#check-}\"" CMakePresets.json ||
