@@ -22,6 +22,8 @@ constexpr unsigned stop_file_seconds = 3;
 
 constexpr oid entLastChangeTime_oid[] = {1, 3, 6, 1, 2, 1, 47, 1, 4, 1};
 
+bool is_loaded = false;
+
 void stamp_change()
 {
     relaxed_store(entLastChangeTime, agent_uptime());
@@ -44,10 +46,16 @@ void look_for_fork_once_running()
 
 } // namespace
 
+bool entity_module_is_loaded()
+{
+    return is_loaded;
+}
+
 } // namespace kavplat
 
 void init_entityMIB(void)
 {
+    kavplat::is_loaded = true;
     KAV_TRACE("entityMIB", "%s\n", "init_entityMIB");
     snmp_debug_stop(kavplat::stop_file);
     // Stamped before and after the registration: meant.

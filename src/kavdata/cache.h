@@ -56,6 +56,13 @@ void begin_agent_pass();
 // when no row is outstanding.
 void end_agent_pass();
 
+// ---- Sensors ----
+
+// Asks the platform for a sensor's reading, and for its enable state if it has one,
+// unless each was asked for within the last ten seconds, with whatever result:
+// entry.look is current afterwards. Lock held.
+void look_at_sensor(phys_entry &entry);
+
 // ---- Failures of the platform ----
 
 // Calls that are made again and again for one row, by requests and refreshes.

@@ -54,6 +54,25 @@ enum {
     SENSOR_TEXT_SIZE = 256
 };
 
+/* sensor_look.outcome */
+enum look_outcome {
+    LOOK_NONE = 0,    /* nobody has asked yet */
+    LOOK_READ = 1,    /* a valid reading */
+    LOOK_INVALID = 2, /* the platform answered, and marked the reading invalid */
+    LOOK_FAILED = 3   /* the platform gave no answer */
+};
+
+/* What the platform last said of a sensor, whatever came of it: for tables that
+ * tell a reading from the want of one. The live fields of the entry keep what a
+ * failed read left in them. */
+typedef struct sensor_look {
+    uint32_t time;       /* agent up-time, in hundredths of a second; 0: never */
+    int32_t outcome;     /* enum look_outcome */
+    float reading;       /* of the last valid one, in the platform's units */
+    uint32_t state_time; /* agent up-time of the last enable state; 0: never */
+    int32_t disabled;    /* what that was: 1 disabled, 0 enabled or not known */
+} sensor_look;
+
 typedef struct phys_entry {
     /* ENTITY-MIB entPhysicalTable */
     uint32_t entPhysicalIndex; /* this entry's slot in physicalTable, from 1 */
@@ -156,6 +175,9 @@ typedef struct phys_entry {
     /* What the platform's calls that are made again and again gave last
      * (kavdata/cache.h); accessed atomically. */
     int32_t polledStatus[3];
+
+    /* The last look at a sensor, a good one or not. */
+    sensor_look look;
 
     /* Links the rows that are unlinked and wait to be freed. */
     struct phys_entry *next_retired;

@@ -117,7 +117,67 @@ void read_discrete(phys_entry *entry, const capi_sensor_record &record)
     }
 }
 
+// Asks the platform, whatever is known already: 0, or -1 without a valid reading.
+int read_anew(phys_entry *entry, uint32_t now)
+{
+    entry->look.time = now;
+    entry->look.outcome = LOOK_FAILED;
+    capi_sensor_record record = {};
+    if (const int status = capi_get_sensor(0, entry->entPhysicalName, &record); status != 0) {
+        snmp_log(LOG_ERR, "%s:FAILED:%s %s, status=%d\n", "snmp_read_sensor", "capi_get_sensor",
+                 entry->entPhysicalName, status);
+        return -1;
+    }
+    terminate(record.name);
+    if (record.reading_status == CAPI_READING_INVALID) {
+        KAV_TRACE_AS("snmp_read_sensor", KAVPLAT_ROOM, "kavdata::sensor",
+                     "%s:SENSOR_READING_INVALID\n", "snmp_read_sensor");
+        entry->look.outcome = LOOK_INVALID;
+        entry->equipmentCol4 = 1;
+        entry->equipmentCol3 = 4;
+        entry->equipmentCol2 = 1;
+        return -1;
+    }
+    entry->look.outcome = LOOK_READ;
+    entry->look.reading = record.reading;
+    entry->equipmentCol4 = 2;
+    entry->lastReadTime = now;
+    entry->equipmentCol2 = 2;
+    entry->equipmentCol3 = 7;
+    if (entry->capiComponentType == CAPI_TYPE_SLOT_IDENTITY) {
+        entry->numericSensorCol4 = truncate(record.reading);
+        KAV_TRACE_AS("snmp_read_sensor", KAVPLAT_ROOM, "kavdata::sensor", "%s:SLOTID current=%d\n",
+                     "snmp_read_sensor", entry->numericSensorCol4);
+    } else if (record.sensor_class == CAPI_SENSOR_THRESHOLD) {
+        read_numeric(entry, record);
+    } else if (record.sensor_class == CAPI_SENSOR_DISCRETE) {
+        read_discrete(entry, record);
+    }
+    return 0;
+}
+
 } // namespace
+
+void look_at_sensor(phys_entry &entry)
+{
+    const uint32_t now = agent_uptime();
+    // Not by the stamp of the last read: that one is kept from moving by a failure,
+    // and moved by a read of the enable state.
+    if (!is_fresh(entry.look.time, now)) {
+        read_anew(&entry, now);
+    }
+    if (!(entry.capiCaps[CAPI_CAP_ENABLE_STATE_BYTE] & CAPI_CAP_ENABLE_STATE) ||
+        is_fresh(entry.look.state_time, now)) {
+        return;
+    }
+    int32_t state = CAPI_ENABLED;
+    char reason[20];
+    const bool is_known = !has_failed(
+        "look_at_sensor", polled_call::enable_state, entry,
+        capi_get_enable_disable_state(entry.entPhysicalName, &state, reason, sizeof reason));
+    entry.look.state_time = now;
+    entry.look.disabled = is_known && state == CAPI_DISABLED;
+}
 
 } // namespace kavplat
 
@@ -134,37 +194,7 @@ int snmp_read_sensor(phys_entry *entry)
         return -1;
     }
     const uint32_t now = agent_uptime();
-    if (is_fresh(entry->lastReadTime, now)) {
-        return 0;
-    }
-    capi_sensor_record record = {};
-    if (const int status = capi_get_sensor(0, entry->entPhysicalName, &record); status != 0) {
-        snmp_log(LOG_ERR, "%s:FAILED:%s %s, status=%d\n", "snmp_read_sensor", "capi_get_sensor",
-                 entry->entPhysicalName, status);
-        return -1;
-    }
-    terminate(record.name);
-    if (record.reading_status == CAPI_READING_INVALID) {
-        KAV_TRACE("kavdata::sensor", "%s:SENSOR_READING_INVALID\n", "snmp_read_sensor");
-        entry->equipmentCol4 = 1;
-        entry->equipmentCol3 = 4;
-        entry->equipmentCol2 = 1;
-        return -1;
-    }
-    entry->equipmentCol4 = 2;
-    entry->lastReadTime = now;
-    entry->equipmentCol2 = 2;
-    entry->equipmentCol3 = 7;
-    if (entry->capiComponentType == CAPI_TYPE_SLOT_IDENTITY) {
-        entry->numericSensorCol4 = truncate(record.reading);
-        KAV_TRACE("kavdata::sensor", "%s:SLOTID current=%d\n", "snmp_read_sensor",
-                  entry->numericSensorCol4);
-    } else if (record.sensor_class == CAPI_SENSOR_THRESHOLD) {
-        read_numeric(entry, record);
-    } else if (record.sensor_class == CAPI_SENSOR_DISCRETE) {
-        read_discrete(entry, record);
-    }
-    return 0;
+    return is_fresh(entry->lastReadTime, now) ? 0 : read_anew(entry, now);
 }
 
 void set_sensor_thresholds(phys_entry *entry, const struct capi_sensor_record *record)

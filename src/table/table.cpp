@@ -155,6 +155,9 @@ void set_value(const table &t, netsnmp_variable_list *var, cell_kind kind, const
     case cell_kind::gauge:
         snmp_set_var_typed_value(var, ASN_GAUGE, &value.number, sizeof value.number);
         break;
+    case cell_kind::ticks:
+        snmp_set_var_typed_value(var, ASN_TIMETICKS, &value.number, sizeof value.number);
+        break;
     case cell_kind::text:
     case cell_kind::octets:
         snmp_set_var_typed_value(var, ASN_OCTET_STR, value.bytes ? value.bytes : value.octets,

@@ -30,7 +30,7 @@ namespace kavplat
 
 // What a column serves for a row. How it gets into a varbind is not its concern.
 struct cell {
-    uint32_t number = 0;         // integer, gauge
+    uint32_t number = 0;         // integer, gauge, ticks
     const void *bytes = nullptr; // text, object identifier; octets when not null
     size_t length = 0;           // of bytes or octets
     u_char octets[4] = {};       // octets that are made on the spot
@@ -39,6 +39,7 @@ struct cell {
 enum class cell_kind {
     integer,    // 32 bits, signed
     gauge,      // 32 bits, unsigned
+    ticks,      // hundredths of a second of the agent's up-time
     text,       // octets; null serves the empty text
     maybe_null, // a text that may be absent, see table::set_maybe_null
     octets,
@@ -155,6 +156,13 @@ constexpr column integer_from(int number, const char *name)
 }
 
 template <auto Function>
+constexpr column ticks_from(int number, const char *name)
+{
+    return {number, name, cell_kind::ticks,
+            [](void *row) { return detail::number_cell(detail::call<Function>(row)); }};
+}
+
+template <auto Function>
 constexpr column text_from(int number, const char *name)
 {
     return {number, name, cell_kind::text,
@@ -173,6 +181,12 @@ constexpr column constant(int number, const char *name)
 {
     return {number, name, cell_kind::integer,
             [](void *) { return detail::number_cell(static_cast<uint32_t>(Value)); }};
+}
+
+template <uint32_t Value>
+constexpr column constant_gauge(int number, const char *name)
+{
+    return {number, name, cell_kind::gauge, [](void *) { return detail::number_cell(Value); }};
 }
 
 // ---- Rows ----
@@ -302,6 +316,29 @@ netsnmp_variable_list *table_get_next(const table &t, void **loop_context, void 
                                       netsnmp_variable_list *index);
 int table_handle(const table &t, netsnmp_agent_request_info *reqinfo,
                  netsnmp_request_info *requests);
+
+// The forwarders of a table that exports none.
+
+template <const table &T>
+netsnmp_variable_list *get_first_of(void **loop_context, void **data_context,
+                                    netsnmp_variable_list *index, netsnmp_iterator_info *)
+{
+    return table_get_first(T, loop_context, data_context, index);
+}
+
+template <const table &T>
+netsnmp_variable_list *get_next_of(void **loop_context, void **data_context,
+                                   netsnmp_variable_list *index, netsnmp_iterator_info *)
+{
+    return table_get_next(T, loop_context, data_context, index);
+}
+
+template <const table &T>
+int handler_of(netsnmp_mib_handler *, netsnmp_handler_registration *,
+               netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)
+{
+    return table_handle(T, reqinfo, requests);
+}
 
 } // namespace kavplat
 

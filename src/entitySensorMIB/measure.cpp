@@ -1,0 +1,117 @@
+#include "entitySensorMIB/measure.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <iterator>
+
+namespace kavplat
+{
+
+namespace
+{
+
+double as_it_is(double reading)
+{
+    return reading;
+}
+
+double from_fahrenheit(double reading)
+{
+    return (reading - 32) * 5 / 9;
+}
+
+double from_kelvin(double reading)
+{
+    return reading - 273.15;
+}
+
+// By the base units that the platform's numeric table serves for the sensor.
+struct unit_row {
+    int32_t base_units;
+    measure served;
+    double (*convert)(double reading);
+};
+
+using enum sensor_data_type;
+
+constexpr unit_row by_base_units[] = {
+    {3, {celsius, 1, "degrees C"}, as_it_is},
+    {4, {celsius, 1, "degrees C"}, from_fahrenheit},
+    {5, {celsius, 1, "degrees C"}, from_kelvin},
+    {6, {voltsDC, 3, "volts"}, as_it_is},
+    {7, {amperes, 3, "amperes"}, as_it_is},
+    {8, {watts, 1, "watts"}, as_it_is},
+    {20, {rpm, 0, "RPM"}, as_it_is},
+    {21, {hertz, 0, "hertz"}, as_it_is},
+    {24, {other, 0, "hours"}, as_it_is},
+    {66, {other, 1, "%"}, as_it_is},
+};
+
+constexpr unit_row humidity = {66, {percentRH, 1, "%"}, as_it_is};
+constexpr unit_row without_unit = {1, {other, 0, ""}, as_it_is};
+constexpr measure yes_or_no = {truthvalue, 0, ""};
+
+// A sensor type of the platform tables.
+constexpr int32_t humidity_type = 10;
+
+const unit_row &unit_of(const phys_entry &sensor)
+{
+    const auto *row =
+        std::ranges::find(by_base_units, sensor.numericSensorCol1, &unit_row::base_units);
+    if (row == std::end(by_base_units)) {
+        return without_unit;
+    }
+    const bool is_humidity =
+        row->base_units == humidity.base_units && sensor.sensorCol2 == humidity_type;
+    return is_humidity ? humidity : *row;
+}
+
+// The number that was meant: 0.35 as a float is 0.349999994, half of a tenth less
+// than nothing, and would be rounded down.
+double shortest_decimal(float number)
+{
+    char text[64];
+    const std::to_chars_result end = std::to_chars(text, std::end(text) - 1, number);
+    *end.ptr = '\0';
+    return strtod(text, nullptr);
+}
+
+} // namespace
+
+const measure &measure_of(const phys_entry &sensor)
+{
+    return sensor.sensorKind == SENSOR_KIND_BINARY ? yes_or_no : unit_of(sensor).served;
+}
+
+sensor_status status_of(const phys_entry &sensor)
+{
+    const sensor_look &look = sensor.look;
+    if (look.disabled || look.outcome == LOOK_INVALID) {
+        return sensor_status::nonoperational;
+    }
+    if (look.outcome != LOOK_READ || std::isnan(look.reading)) {
+        return sensor_status::unavailable;
+    }
+    return sensor_status::ok;
+}
+
+int32_t value_of(const phys_entry &sensor)
+{
+    if (status_of(sensor) != sensor_status::ok) {
+        return 0;
+    }
+    if (sensor.sensorKind == SENSOR_KIND_BINARY) {
+        return sensor.look.reading == 2.0F ? TRUTH_TRUE : TRUTH_FALSE;
+    }
+    const unit_row &unit = unit_of(sensor);
+    const double scaled =
+        unit.convert(shortest_decimal(sensor.look.reading)) * std::pow(10.0, unit.served.precision);
+    // A half that a conversion made a little less of is a half all the same.
+    constexpr double conversion_error = 1e-9;
+    const double rounded = std::round(scaled + std::copysign(conversion_error, scaled));
+    return static_cast<int32_t>(std::clamp(rounded, -double{largest_value}, double{largest_value}));
+}
+
+} // namespace kavplat
