@@ -6,6 +6,8 @@
 
 #include "entityMIB/entityMIB.h"
 #include "entityMIB/entPhysicalTable.h"
+#include "entitySensorMIB/entPhySensorTable.h"
+#include "entitySensorMIB/measure.h"
 #include "kavdata/sensor_types.h"
 #include "kavPlatMIB/platform_table.h"
 #include "rooms/cache_fixture.h"
@@ -38,6 +40,7 @@ const kavplat::table *const tables[] = {
     &kavplat::kavPlatWatchdogTable,
     &kavplat::kavPlatPowerSupplyTable,
     &kavplat::kavPlatBatteryTable,
+    &kavplat::entPhySensorTable,
 };
 
 struct scalar {
@@ -55,11 +58,11 @@ constexpr scalar scalars[] = {
      ASN_TIMETICKS},
 };
 
-// All nodes of both modules.
+// All nodes of the modules.
 std::vector<const tree *> nodes_of_the_modules()
 {
     std::vector<const tree *> all;
-    for (const char *root : {mib_modules::platform_root, mib_modules::entity_root}) {
+    for (const char *root : mib_modules::roots) {
         for (const tree *node : below(root)) {
             all.push_back(node);
         }
@@ -106,7 +109,9 @@ std::set<int> types_of(kavplat::cell_kind kind)
     case kavplat::cell_kind::integer:
         return {TYPE_INTEGER, TYPE_INTEGER32};
     case kavplat::cell_kind::gauge:
-        return {TYPE_GAUGE};
+        return {TYPE_GAUGE, TYPE_UNSIGNED32};
+    case kavplat::cell_kind::ticks:
+        return {TYPE_TIMETICKS};
     case kavplat::cell_kind::text:
     case kavplat::cell_kind::maybe_null:
         return {TYPE_OCTETSTR};
@@ -348,6 +353,36 @@ TEST(Agreement, TheLabelsOfTypesMeanWhatThePlatformMeans)
     EXPECT_EQ(labelled, meant);
 }
 
+// What is served by name has the number of that name.
+TEST(Agreement, TheTypesOfSensorsAreThoseOfTheStandard)
+{
+    using enum kavplat::sensor_data_type;
+    const auto types = labels_of(node_named("entPhySensorType"));
+    for (const auto &[type, label] :
+         std::map<kavplat::sensor_data_type, std::string>{{other, "other"},
+                                                          {voltsAC, "voltsAC"},
+                                                          {voltsDC, "voltsDC"},
+                                                          {amperes, "amperes"},
+                                                          {watts, "watts"},
+                                                          {hertz, "hertz"},
+                                                          {celsius, "celsius"},
+                                                          {percentRH, "percentRH"},
+                                                          {rpm, "rpm"},
+                                                          {truthvalue, "truthvalue"}}) {
+        EXPECT_EQ(types.at(static_cast<int>(type)), label);
+    }
+    EXPECT_EQ(labels_of(node_named("entPhySensorScale")).at(kavplat::scale_units), "units");
+    const auto statuses = labels_of(node_named("entPhySensorOperStatus"));
+    EXPECT_EQ(statuses.at(static_cast<int>(kavplat::sensor_status::ok)), "ok");
+    EXPECT_EQ(statuses.at(static_cast<int>(kavplat::sensor_status::unavailable)), "unavailable");
+    EXPECT_EQ(statuses.at(static_cast<int>(kavplat::sensor_status::nonoperational)),
+              "nonoperational");
+    const tree *value = node_named("entPhySensorValue");
+    ASSERT_NE(value->ranges, nullptr);
+    EXPECT_EQ(value->ranges->low, -kavplat::largest_value);
+    EXPECT_EQ(value->ranges->high, kavplat::largest_value);
+}
+
 // ---- What is served ----
 
 using served_values = std::map<std::string, std::set<int64_t>>;
@@ -435,6 +470,7 @@ class served_cells : public cache_test
         for (uint32_t i = 1; i <= maxPhysicalIndex; i++) {
             if (phys_entry *entry = kavplat::entry_at(i)) {
                 entry->lastReadTime = 0;
+                entry->look = {};
             }
         }
     }
@@ -484,6 +520,9 @@ class served_cells : public cache_test
             capi_sensor_record record = {};
             set_text(record.name, name);
             record.sensor_class = sensor_class;
+            if (sensor_class == CAPI_SENSOR_THRESHOLD) {
+                a_number_ = name;
+            }
             record.sensor_type = sensor_type;
             record.units = units;
             record.lower_fatal = 10;
@@ -516,6 +555,8 @@ class served_cells : public cache_test
                 for (int32_t units = 0; units <= 11; units++) {
                     add_sensor(type, sensor_class, CAPI_SENSOR_TEMPERATURE, units);
                 }
+                // But for this one.
+                add_sensor(type, sensor_class, CAPI_SENSOR_HUMIDITY, CAPI_UNITS_PERCENT);
             }
         }
         add("/SYS/UNKNOWN_SENSOR", sensor_component, 0);
@@ -528,6 +569,7 @@ class served_cells : public cache_test
     std::vector<std::string> parts_;
     std::vector<std::string> sensors_;
     std::vector<std::string> indicators_;
+    std::string a_number_; // one of the sensors
 };
 
 // Each column with what it serves on any platform at all: not a value more, since that
@@ -557,6 +599,7 @@ TEST_F(served_cells, EveryColumnServesWhatTheModuleKnows)
                                           (record.units % 2 == 0 ? CAPI_STATE_SEMANTICS : 0));
                 record.state = static_cast<float>(record.sensor_type % 3);
             }
+            server->fail_for["capi_get_sensor"][a_number_] = round == 4 ? -1 : 0;
             for (const std::string &name : parts_) {
                 server->power_states[name] = state;
                 server->enable_states[name] = {state, "why"};
@@ -610,6 +653,11 @@ TEST_F(served_cells, EveryColumnServesWhatTheModuleKnows)
         {"kavPlatAlarmState", {1, 2, 3, 4}},
         {"kavPlatAlarmUrgency", {3, 4}},
         {"kavPlatPowerSupplyKind", {2}},
+        {"entPhySensorType", {1, 4, 5, 6, 7, 8, 9, 10, 12}},
+        {"entPhySensorScale", {kavplat::scale_units}},
+        {"entPhySensorPrecision", {0, 1, 3}},
+        {"entPhySensorOperStatus", {1, 2, 3}},
+        {"entPhySensorValueUpdateRate", {0}},
     };
     // Indexes, positions, readings and thresholds are as many as a platform likes.
     const std::set<std::string> any_number = {
@@ -617,7 +665,7 @@ TEST_F(served_cells, EveryColumnServesWhatTheModuleKnows)
         "kavPlatNumericSensorReading",      "kavPlatNumericSensorLowerNonCrit",
         "kavPlatNumericSensorUpperNonCrit", "kavPlatNumericSensorLowerCrit",
         "kavPlatNumericSensorUpperCrit",    "kavPlatNumericSensorLowerFatal",
-        "kavPlatNumericSensorUpperFatal"};
+        "kavPlatNumericSensorUpperFatal",   "entPhySensorValue"};
     for (const std::string &name : any_number) {
         EXPECT_GT(seen[name].size(), 1U) << name;
         seen.erase(name);

@@ -83,7 +83,7 @@ TEST(MibModules, AreParsedWithoutAWarning)
 
 TEST(MibModules, NameEveryArc)
 {
-    for (const char *root : {mib_modules::platform_root, mib_modules::entity_root}) {
+    for (const char *root : mib_modules::roots) {
         const std::vector<tree *> nodes = below(root);
         ASSERT_FALSE(nodes.empty()) << root;
         for (const tree *node : nodes) {

@@ -43,7 +43,7 @@ mkdir -p -- "$modules"
 base=$packages/node_modules/net-snmp/lib/mibs
 cp -- "$base"/SNMPv2-{SMI,TC,CONF}.mib "$modules/"
 cp -- "$source_dir"/mibs/KAV-PLATFORM-MIB.txt \
-    "$source_dir"/mibs/compact/{ENTITY-MIB,SNMP-FRAMEWORK-MIB}.txt "$modules/"
+    "$source_dir"/mibs/compact/{ENTITY-MIB,ENTITY-SENSOR-MIB,SNMP-FRAMEWORK-MIB}.txt "$modules/"
 : >"$modules/smi.conf"
 
 # Prints what smilint has to say; its exit status tells nothing of warnings.
@@ -53,7 +53,7 @@ lint() {
 }
 
 failed=0
-for module in KAV-PLATFORM-MIB ENTITY-MIB; do
+for module in KAV-PLATFORM-MIB ENTITY-MIB ENTITY-SENSOR-MIB; do
     findings=$(lint "$modules/$module.txt") || failed=1
     if [[ -n $findings ]]; then
         printf '%s\n' "$findings"

@@ -68,6 +68,8 @@ std::string type_name(const tree *node)
         return "Integer32";
     case TYPE_GAUGE:
         return "Gauge32";
+    case TYPE_UNSIGNED32:
+        return "Unsigned32";
     case TYPE_TIMETICKS:
         return "TimeTicks";
     case TYPE_BITSTRING:
@@ -122,7 +124,7 @@ std::string access_of(const tree *node)
 description of_the_modules()
 {
     description result;
-    for (const char *root : {mib_modules::platform_root, mib_modules::entity_root}) {
+    for (const char *root : mib_modules::roots) {
         for (const tree *node : below(root)) {
             if (is_object(node)) {
                 result.objects[node->label] = {node->label, oid_text(node), syntax_of(node),
