@@ -44,7 +44,7 @@ constexpr unit_row by_base_units[] = {
     {7, {amperes, 3, "amperes"}, as_it_is},
     {8, {watts, 1, "watts"}, as_it_is},
     {20, {rpm, 0, "RPM"}, as_it_is},
-    {21, {hertz, 0, "hertz"}, as_it_is},
+    {21, {hertz, 2, "hertz"}, as_it_is}, // of the mains,
     {24, {other, 0, "hours"}, as_it_is},
     {66, {other, 1, "%"}, as_it_is},
 };

@@ -655,7 +655,7 @@ TEST_F(served_cells, EveryColumnServesWhatTheModuleKnows)
         {"kavPlatPowerSupplyKind", {2}},
         {"entPhySensorType", {1, 4, 5, 6, 7, 8, 9, 10, 12}},
         {"entPhySensorScale", {kavplat::scale_units}},
-        {"entPhySensorPrecision", {0, 1, 3}},
+        {"entPhySensorPrecision", {0, 1, 2, 3}},
         {"entPhySensorOperStatus", {1, 2, 3}},
         {"entPhySensorValueUpdateRate", {0}},
     };

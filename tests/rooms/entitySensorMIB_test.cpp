@@ -117,7 +117,7 @@ TEST_F(entitySensorMIB, MeasuresByUnitsWithAPrecisionThatIsTheUnitsOwn)
         {CAPI_UNITS_AMPS, 0, 0.0005F, {5, 3, 1, ok, "amperes"}},
         {CAPI_UNITS_WATTS, 0, 812.34F, {6, 1, 8123, ok, "watts"}},
         {CAPI_UNITS_RPM, 0, 4999.5F, {10, 0, 5000, ok, "RPM"}},
-        {CAPI_UNITS_HERTZ, 0, 50, {7, 0, 50, ok, "hertz"}},
+        {CAPI_UNITS_HERTZ, 0, 50.01F, {7, 2, 5001, ok, "hertz"}},
         {CAPI_UNITS_PERCENT, 0, 41.5F, {1, 1, 415, ok, "%"}},
         {CAPI_UNITS_PERCENT, CAPI_SENSOR_HUMIDITY, 41.5F, {9, 1, 415, ok, "%"}},
         {CAPI_UNITS_HOURS, 0, 12345, {1, 0, 12345, ok, "hours"}},
