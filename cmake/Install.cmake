@@ -25,6 +25,7 @@ set(KAVPLAT_PUBLIC_HEADERS
   kavdata/phys_entry.h
   monitor/monitor.h
   entityMIB/entityMIB.h
+  entitySensorMIB/entitySensorMIB.h
   kavPlatMIB/kavPlatMIB.h)
 foreach(header IN LISTS KAVPLAT_PUBLIC_HEADERS)
   get_filename_component(room "${header}" DIRECTORY)
