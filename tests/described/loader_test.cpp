@@ -577,6 +577,17 @@ TEST_F(loader, an_editor_is_told_the_schema_by_any_text)
     expect_error(R"({"$schema": 5, )" + root, "/$schema", "expected a text, found 5");
 }
 
+TEST_F(loader, a_relative_file_lies_beside_a_link_and_not_beside_its_target)
+{
+    const std::filesystem::path real = directory / "elsewhere" / "real.json";
+    std::filesystem::create_directory(real.parent_path());
+    write_file(real, described(R"({"name": "/SYS/X", "type": 9, "power": {"file": "power"}})"));
+    std::filesystem::create_symlink(real, path);
+    const load_result result = load_description(path);
+    ASSERT_NE(nullptr, result.loaded) << all_of(result);
+    EXPECT_EQ(directory / "power", result.loaded->components[1].power->file);
+}
+
 TEST_F(loader, components_come_depth_first_in_file_order_whatever_the_file_order)
 {
     const load_result result = load_text(described(
