@@ -40,6 +40,7 @@ install(DIRECTORY servers/ DESTINATION "${KAVPLAT_DATADIR}/servers" FILES_MATCHI
 # Below a directory that no tool searches by itself: the extracts in compact would
 # stand in for a system's complete modules.
 install(DIRECTORY mibs/ DESTINATION "${KAVPLAT_DATADIR}/mibs" FILES_MATCHING PATTERN "*.txt")
+install(DIRECTORY managers/ DESTINATION "${KAVPLAT_DATADIR}/managers" FILES_MATCHING PATTERN "*.yml")
 
 configure_file(examples/snmpd.conf.in snmpd.conf @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/snmpd.conf" DESTINATION "${KAVPLAT_DATADIR}/examples")
@@ -51,6 +52,7 @@ install(DIRECTORY examples/minimal-platform DESTINATION "${KAVPLAT_DATADIR}/exam
 install(FILES README.md CONTRIBUTING.md LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 install(DIRECTORY docs DESTINATION "${CMAKE_INSTALL_DOCDIR}" FILES_MATCHING PATTERN "*.md")
 install(FILES mibs/README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}/mibs")
+install(FILES managers/README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}/managers")
 function(kavplat_document_link name target)
   cmake_path(GET name PARENT_PATH directory)
   file(RELATIVE_PATH to "${CMAKE_INSTALL_FULL_DOCDIR}/${directory}" "${target}")
@@ -61,6 +63,6 @@ function(kavplat_document_link name target)
   install(FILES "${link}" DESTINATION "${CMAKE_INSTALL_DOCDIR}/${directory}")
 endfunction()
 kavplat_document_link(platform "${CMAKE_INSTALL_FULL_INCLUDEDIR}/kavplat/platform")
-foreach(name examples schema servers mibs/KAV-PLATFORM-MIB.txt mibs/compact)
+foreach(name examples schema servers mibs/KAV-PLATFORM-MIB.txt mibs/compact managers/prometheus)
   kavplat_document_link(${name} "${CMAKE_INSTALL_FULL_DATADIR}/kavplat/${name}")
 endforeach()

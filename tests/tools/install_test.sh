@@ -31,9 +31,11 @@ root=$stage$prefix
     [[ $prefix == /usr ]] || echo etc/kavplat/server.json.example # else in /etc
     (cd -- "$source_dir" && find servers -name '*.json' -printf "$datadir/kavplat/%p\n")
     (cd -- "$source_dir" && find mibs -name '*.txt' -printf "$datadir/kavplat/%p\n")
+    (cd -- "$source_dir" && find managers -name '*.yml' -printf "$datadir/kavplat/%p\n")
     (cd -- "$source_dir" && find docs -name '*.md' -printf "$docdir/%p\n")
     printf "$docdir/%s\n" README.md CONTRIBUTING.md LICENSE mibs/README.md \
-        platform examples schema servers mibs/KAV-PLATFORM-MIB.txt mibs/compact
+        platform examples schema servers mibs/KAV-PLATFORM-MIB.txt mibs/compact \
+        managers/README.md managers/prometheus
 } | sort >"$stage/expected"
 (cd -- "$root" && find . ! -type d -printf '%P\n' | sort) >"$stage/found"
 if ! difference=$(diff "$stage/found" "$stage/expected"); then
@@ -53,7 +55,7 @@ if [[ -n $open$closed ]]; then
 fi
 
 documents=$root/$docdir
-dead=$(dead_links "$documents"/*.md "$documents"/docs/*.md "$documents"/mibs/*.md
+dead=$(dead_links "$documents"/*.md "$documents"/docs/*.md "$documents"/mibs/*.md "$documents"/managers/*.md
     find "$documents" -xtype l -printf '%p is a link to %l, which is not there\n')
 if [[ -n $dead ]]; then
     printf '%s\n' "$dead"
