@@ -26,6 +26,7 @@ struct world {
     std::vector<fake_call> calls;
     std::map<std::string, size_t> call_counts;
     std::map<const capi_inventory_record *, handed_list> lists;
+    std::vector<handed_list> refused_lists;
     size_t lists_handed_out = 0;
     std::vector<std::string> release_errors;
 
@@ -86,18 +87,29 @@ class entered
         return status;
     }
 
+    // Whether the call ends here, with its status, and has spoiled its output.
+    template <class Output>
+    bool fails(Output *output) const
+    {
+        if (status_ == 0 || world_.server.answer_on_failure) {
+            return false;
+        }
+        fail(status_, output);
+        return true;
+    }
+
     template <class Value>
     int answer(const std::map<std::string, Value> &from, const char *name, Value *output) const
     {
-        if (status_ != 0) {
-            return fail(status_, output);
+        if (fails(output)) {
+            return status_;
         }
         const auto found = name != nullptr ? from.find(name) : from.end();
         if (found == from.end()) {
             return fail(failed, output);
         }
         *output = found->second;
-        return 0;
+        return status_;
     }
 
   private:
@@ -165,18 +177,9 @@ std::vector<fake_component> root_list(const fake_server &s)
     return out;
 }
 
-void hand_out(world &w, const std::vector<fake_component> &components,
-              std::optional<uint32_t> told_count, uint32_t *count, capi_inventory_record **items)
+handed_list list_of(const std::vector<fake_component> &components)
 {
-    ++w.lists_handed_out;
-    *count = told_count.value_or(static_cast<uint32_t>(components.size()));
-    if (components.empty() && w.server.null_list_when_empty) {
-        --w.lists_handed_out;
-        *items = nullptr;
-        return;
-    }
     handed_list list;
-    list.count = *count;
     // One record more than is told, so that an empty list has an address.
     list.items.reserve(components.size() + 1);
     for (const fake_component &c : components) {
@@ -184,12 +187,26 @@ void hand_out(world &w, const std::vector<fake_component> &components,
         if (c.name) {
             list.names.push_back(std::make_unique<std::string>(*c.name));
             record.nac_name = list.names.back()->c_str();
-            record.nac_name_length = static_cast<uint32_t>(c.name->size());
+            record.nac_name_length = c.told_length.value_or(static_cast<uint32_t>(c.name->size()));
         }
         std::ranges::copy(c.capabilities, record.capabilities);
         record.component_type = c.type;
         list.items.push_back(record);
     }
+    return list;
+}
+
+void hand_out(world &w, const std::vector<fake_component> &components,
+              std::optional<uint32_t> told_count, uint32_t *count, capi_inventory_record **items)
+{
+    *count = told_count.value_or(static_cast<uint32_t>(components.size()));
+    if (components.empty() && w.server.null_list_when_empty) {
+        *items = nullptr;
+        return;
+    }
+    ++w.lists_handed_out;
+    handed_list list = list_of(components);
+    list.count = *count;
     *items = list.items.data();
     w.lists.emplace(*items, std::move(list));
 }
@@ -197,14 +214,14 @@ void hand_out(world &w, const std::vector<fake_component> &components,
 int vantor_id(const char *function, std::string fake_server::*id, char *buffer, int length)
 {
     const entered call(function, std::to_string(length));
-    if (call.status() != 0) {
-        return call.fail(call.status(), buffer);
+    if (call.fails(buffer)) {
+        return call.status();
     }
     if (length > 0) {
         const std::string &text = call.server().*id;
         buffer[text.copy(buffer, static_cast<size_t>(length) - 1)] = '\0';
     }
-    return 0;
+    return call.status();
 }
 
 int subscribe(const char *function, event_mgr_handle handle, int event_class,
@@ -234,6 +251,7 @@ void start_over(world &w, bool in_use)
     w.calls.clear();
     w.call_counts.clear();
     w.lists.clear();
+    w.refused_lists.clear();
     w.lists_handed_out = 0;
     w.release_errors.clear();
     w.subscriptions.clear();
@@ -253,11 +271,19 @@ int capi_get_inventory(const char *nac_name, int mode, uint32_t *count,
                        capi_inventory_record **items)
 {
     const entered call("capi_get_inventory", text_or_empty(nac_name));
+    fake_server &s = call.server();
+    const std::string name = text_or_empty(nac_name);
     auto refuse = [&](int status) {
+        if (s.answer_on_failure) {
+            const auto listed = mode == CAPI_INVENTORY_ROOT ? root_list(s) : subtree(s, name);
+            call->refused_lists.push_back(list_of(listed.value_or(s.components)));
+            *items = call->refused_lists.back().items.data();
+            *count = static_cast<uint32_t>(call->refused_lists.back().items.size());
+            return status;
+        }
         call.fail(status, count);
         return call.fail(status, items);
     };
-    fake_server &s = call.server();
     if (call.status() != 0) {
         return refuse(call.status());
     }
@@ -265,7 +291,6 @@ int capi_get_inventory(const char *nac_name, int mode, uint32_t *count,
         --s.inventory_after;
         return refuse(failed);
     }
-    const std::string name = text_or_empty(nac_name);
     if (mode == CAPI_INVENTORY_ROOT && name == "/") {
         hand_out(*call.operator->(), root_list(s), s.root_count_override, count, items);
         return 0;
@@ -302,35 +327,35 @@ void capi_free_inventory(capi_inventory_record *items, uint32_t count)
 int capi_get_component_desc_str(uint32_t component_type, const char **text)
 {
     const entered call("capi_get_component_desc_str", std::to_string(component_type));
-    if (call.status() != 0) {
-        return call.fail(call.status(), text);
+    if (call.fails(text)) {
+        return call.status();
     }
     const auto &all = call.server().descriptions;
     const auto found = all.find(component_type);
     const std::optional<std::string> description =
         found != all.end() ? found->second : call.server().default_description;
     *text = description ? call->texts.insert(*description).first->c_str() : nullptr;
-    return 0;
+    return call.status();
 }
 
 int capi_is_sensor_type(uint32_t component_type, int32_t *flag)
 {
     const entered call("capi_is_sensor_type", std::to_string(component_type));
-    if (call.status() != 0) {
-        return call.fail(call.status(), flag);
+    if (call.fails(flag)) {
+        return call.status();
     }
     *flag = call.server().sensor_types.contains(component_type) ? 1 : 0;
-    return 0;
+    return call.status();
 }
 
 int capi_is_indicator_type(uint32_t component_type, int32_t *flag)
 {
     const entered call("capi_is_indicator_type", std::to_string(component_type));
-    if (call.status() != 0) {
-        return call.fail(call.status(), flag);
+    if (call.fails(flag)) {
+        return call.status();
     }
     *flag = call.server().indicator_types.contains(component_type) ? 1 : 0;
-    return 0;
+    return call.status();
 }
 
 int capi_get_sensor(int reserved, const char *nac_name, capi_sensor_record *record)
@@ -395,15 +420,18 @@ int capi_get_enable_disable_state(const char *nac_name, int32_t *state, char *bu
     const entered call("capi_get_enable_disable_state", text_or_empty(nac_name));
     const auto &states = call.server().enable_states;
     const auto found = nac_name != nullptr ? states.find(nac_name) : states.end();
-    if (call.status() != 0 || found == states.end()) {
-        return call.fail(call.status() != 0 ? call.status() : failed, state);
+    if (call.fails(state)) {
+        return call.status();
+    }
+    if (found == states.end()) {
+        return call.fail(failed, state);
     }
     const fake_enable_state &answer = found->second;
     *state = answer.state;
     if (buffer != nullptr && length > 0) {
         buffer[answer.why.copy(buffer, static_cast<size_t>(length) - 1)] = '\0';
     }
-    return 0;
+    return call.status();
 }
 
 int capi_get_fru_info(const char *nac_name, capi_fru_record *record)
@@ -415,21 +443,24 @@ int capi_get_fru_info(const char *nac_name, capi_fru_record *record)
 int capi_get_product_ops_info(int reserved, capi_product_record *record)
 {
     const entered call("capi_get_product_ops_info", "");
-    if (call.status() != 0 || reserved != 0) {
-        return call.fail(call.status() != 0 ? call.status() : failed, record);
+    if (reserved != 0) {
+        return call.fail(failed, record);
+    }
+    if (call.fails(record)) {
+        return call.status();
     }
     *record = call.server().product;
-    return 0;
+    return call.status();
 }
 
 int capi_get_chassis_ops_info(capi_chassis_record *record)
 {
     const entered call("capi_get_chassis_ops_info", "");
-    if (call.status() != 0) {
-        return call.fail(call.status(), record);
+    if (call.fails(record)) {
+        return call.status();
     }
     *record = call.server().chassis;
-    return 0;
+    return call.status();
 }
 
 int capi_get_product_vantor_id(char *buffer, int length)

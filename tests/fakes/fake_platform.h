@@ -44,6 +44,7 @@ struct fake_component {
     std::optional<std::string> name; /* nothing: a null name of length 0 */
     uint32_t type = 0;
     std::array<uint8_t, 10> capabilities = {};
+    std::optional<uint32_t> told_length; /* of the name; nothing: its length */
 };
 
 struct fake_enable_state {
@@ -112,8 +113,11 @@ struct fake_server {
     /* The same for one name, spelled as fake_call's; goes before fail, so that a 0
      * here excepts the name. */
     std::map<std::string, std::map<std::string, int>> fail_for;
-    /* A failed call spoils its output arguments, which the contract allows. */
+    /* A failed call spoils its output arguments, which the contract allows, or
+     * leaves in them what it would have answered. Then it hands out a list that is
+     * not to be released, too. */
     bool spoil_on_failure = true;
+    bool answer_on_failure = false;
 
     /* ---- Event manager ---- */
 

@@ -5,6 +5,7 @@
 #ifndef KAVPLAT_TESTS_ROOMS_CACHE_FIXTURE_H
 #define KAVPLAT_TESTS_ROOMS_CACHE_FIXTURE_H
 
+#include <cstring>
 #include <map>
 #include <set>
 #include <string>
@@ -164,6 +165,36 @@ class cache_test : public testing::Test
     }
 
     static phys_entry *row(const char *nac) { return kavplat::entry_at(kavplat::find_name(nac)); }
+
+    // All that a row holds, but where it holds it.
+    static std::string image(const phys_entry &entry)
+    {
+        std::string texts;
+        phys_entry bare;
+        memcpy(static_cast<void *>(&bare), &entry, sizeof bare);
+        for (char *phys_entry::*field :
+             {&phys_entry::entPhysicalName, &phys_entry::entPhysicalHardwareRev,
+              &phys_entry::entPhysicalFirmwareRev, &phys_entry::entPhysicalSoftwareRev,
+              &phys_entry::entPhysicalSerialNum, &phys_entry::entPhysicalMfgName,
+              &phys_entry::entPhysicalModelName, &phys_entry::entPhysicalAlias,
+              &phys_entry::entPhysicalAssetID, &phys_entry::holderCol2,
+              &phys_entry::binarySensorText1, &phys_entry::binarySensorText2}) {
+            texts += entry.*field ? '[' + std::string(entry.*field) + ']' : "-";
+            bare.*field = nullptr;
+        }
+        bare.circuitPackDescr = nullptr;
+        bare.next_retired = nullptr;
+        return texts + std::string(reinterpret_cast<const char *>(&bare), sizeof bare);
+    }
+    static std::vector<std::string> images()
+    {
+        std::vector<std::string> all;
+        for (uint32_t i = 1; i <= maxPhysicalIndex; i++) {
+            const phys_entry *entry = kavplat::entry_at(i);
+            all.push_back(entry ? image(*entry) : "");
+        }
+        return all;
+    }
 
     // Slots, rows and index by name agree: each row knows its slot, and each
     // mapping is that of a row that is there, by its very name pointer. With
