@@ -115,9 +115,13 @@ TEST_F(build_cache, a_root_list_of_one_is_released_and_asked_for_again)
 
 TEST_F(build_cache, a_nameless_root_waits_and_is_asked_for_again)
 {
-    platform->root_list = {component("/", plain), nameless_component(plain)};
-    EXPECT_EQ(make_root_nacname(6), 0);
-    EXPECT_EQ(platform.lists_handed_out(), 2U);
+    fake_component of_length_0 = component("/SYS", plain);
+    of_length_0.told_length = 0;
+    for (const fake_component &root : {nameless_component(plain), of_length_0}) {
+        platform->root_list = {component("/", plain), root};
+        EXPECT_EQ(make_root_nacname(6), 0);
+    }
+    EXPECT_EQ(platform.lists_handed_out(), 4U);
     EXPECT_TRUE(platform.all_lists_released());
     EXPECT_STREQ(root_nac, "");
 }
@@ -555,8 +559,10 @@ TEST_F(build_cache, the_field_replaceable_bit_makes_a_fru)
 
 TEST_F(build_cache, a_component_without_a_name_is_unknown)
 {
-    platform->lists["/SYS"] = {component("/SYS", plain), nameless_component(plain),
-                               nameless_component(plain), component("", plain)};
+    fake_component of_length_0 = component("/SYS/A", plain);
+    of_length_0.told_length = 0;
+    platform->lists["/SYS"] = {component("/SYS", plain), nameless_component(plain), of_length_0,
+                               component("", plain)};
     platform->components = {component("/SYS", plain)};
     const agent_log log;
     init_local_cache();
@@ -602,6 +608,18 @@ TEST_F(build_cache, names_are_hashed_one_byte_at_a_time_unsigned)
 }
 
 // ---- Containment ----
+
+TEST_F(build_cache, names_of_the_same_hash_are_told_apart)
+{
+    build({"/SYS", "/SYS/F105000", "/SYS/F101304", "/SYS/F105000/T0", "/SYS/F101304/T0"});
+    const char *one = "/SYS/F105000";
+    const char *two = "/SYS/F101304";
+    ASSERT_EQ(hash(htab, &one), hash(htab, &two));
+    EXPECT_EQ(hash_nac(one), 2U);
+    EXPECT_EQ(hash_nac(two), 3U);
+    EXPECT_EQ(get_entry(4)->entPhysicalContainedIn, 2);
+    EXPECT_EQ(get_entry(5)->entPhysicalContainedIn, 3);
+}
 
 TEST_F(build_cache, a_component_is_in_what_its_name_says)
 {

@@ -84,6 +84,21 @@ TEST_F(indicators, a_read_is_good_for_999_hundredths)
     EXPECT_EQ(entry()->lastReadTime, 1700U);
 }
 
+TEST_F(indicators, the_stamp_is_of_the_time_before_the_platform_was_asked)
+{
+    build_indicator(1);
+    platform->on_call = [](const fake_call &) { fake_system::set_uptime(uptime + 700); };
+    EXPECT_EQ(snmp_read_led(entry()), 0);
+    EXPECT_EQ(entry()->lastReadTime, uptime);
+    // The stamp of a read at 0 is none.
+    platform->on_call = nullptr;
+    fake_system::set_uptime(0);
+    entry()->lastReadTime = 0;
+    EXPECT_EQ(snmp_read_led(entry()), 0);
+    EXPECT_EQ(snmp_read_led(entry()), 0);
+    EXPECT_EQ(reads(), 3U);
+}
+
 TEST_F(indicators, freshness_holds_across_the_wrap_of_the_uptime)
 {
     build_indicator(1);

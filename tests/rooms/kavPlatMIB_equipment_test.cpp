@@ -217,6 +217,22 @@ constexpr read_times freshness[] = {
     {1000, 1000 + 2147483648U, false}, // longer than that counts as before
 };
 
+TEST_F(equipment_table, the_enable_state_s_stamp_is_of_the_time_before_it_was_asked)
+{
+    entry().capiCaps[7] = 0x02;
+    platform->enable_states[name].state = CAPI_ENABLED;
+    platform->on_call = [](const fake_call &) { fake_system::set_uptime(uptime + 700); };
+    column(oper_state);
+    EXPECT_EQ(entry().lastReadTime, uptime);
+    // The stamp of a read at 0 is none.
+    platform->on_call = nullptr;
+    fake_system::set_uptime(0);
+    entry().lastReadTime = 0;
+    column(oper_state);
+    column(oper_state);
+    EXPECT_EQ(platform.calls("capi_get_enable_disable_state", name), 3U);
+}
+
 TEST_F(equipment_table, the_enable_state_is_good_for_ten_seconds)
 {
     entry().capiCaps[7] = 0x02;
@@ -430,6 +446,14 @@ TEST_F(sensor_severity, of_a_discrete_fault_sensor)
             platform->ok_semantics.insert(name);
         }
         EXPECT_EQ(served_severity(), expected) << value << " " << ok_semantics;
+    }
+    // An answer that is neither 0 nor 1 fits neither value.
+    for (const int answer : {2, -1, 256, 257, INT_MIN}) {
+        platform->fail["capi_is_sensor_with_OK_semantics"] = answer;
+        for (const int32_t value : {1, 2}) {
+            entry().discreteSensorValue = value;
+            EXPECT_EQ(served_severity(), 7) << value << " " << answer;
+        }
     }
 }
 

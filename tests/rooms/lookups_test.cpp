@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "rooms/cache_fixture.h"
+#include "trace/trace.h"
 
 namespace
 {
@@ -244,8 +245,11 @@ TEST_F(lookups, the_index_trace_of_no_row)
     {
         const agent_log log({"kavdata:index", "trace"});
         kavplat::trace_index(7, nullptr, "a_caller");
+        kavplat::trace_index(7, get_entry(2), "a_caller");
         EXPECT_EQ(log.debug_texts("kavdata:index"),
-                  strings{"   7    0    5 0x       0 NULL a_caller\n"});
+                  (strings{"   7    0    5 0x       0 NULL a_caller\n", index_line(2, "get_entry"),
+                           text_of("%4u %4u %4u 0x%8x %s %s\n", 7, 2, 5,
+                                   kavplat::printable(physicalTable[2]), "/SYS/FAN", "a_caller")}));
         EXPECT_TRUE(log.all_traced("kavdata:index", "kavdata"));
     }
     const agent_log off;
@@ -365,11 +369,13 @@ TEST_F(lookups, setcontext_hands_the_row_to_the_iterator)
     // Every bit of it has to be written.
     void *loop_context = reinterpret_cast<void *>(UINTPTR_MAX);
     void *data_context = nullptr;
+    const agent_log log; // of a number that has more than 32 bits
     EXPECT_EQ(snmp_setcontext(&loop_context, &data_context, index, physicalTable[5]), index);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(loop_context), 5U);
     EXPECT_EQ(data_context, physicalTable[5]);
     EXPECT_EQ(*index->val.integer, 5);
     EXPECT_EQ(index->type, ASN_INTEGER);
+    EXPECT_EQ(log.records().size(), 0U);
     snmp_free_varbind(index);
 }
 

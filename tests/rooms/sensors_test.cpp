@@ -1,6 +1,7 @@
 // Live sensor readings and thresholds.
 
 #include <array>
+#include <climits>
 #include <cmath>
 #include <limits>
 
@@ -117,6 +118,22 @@ TEST_F(sensors, an_entry_that_was_never_read_is_read)
     EXPECT_EQ(entry()->lastReadTime, 0U);
     EXPECT_EQ(snmp_read_sensor(entry()), 0);
     EXPECT_EQ(reads(), 1U);
+    // The stamp of a read at 0 is none.
+    fake_system::set_uptime(0);
+    entry()->lastReadTime = 0;
+    EXPECT_EQ(snmp_read_sensor(entry()), 0);
+    EXPECT_EQ(snmp_read_sensor(entry()), 0);
+    EXPECT_EQ(reads(), 3U);
+}
+
+TEST_F(sensors, the_stamp_is_of_the_time_before_the_platform_was_asked)
+{
+    build_sensor(threshold_sensor(1, 25.5F));
+    platform->on_call = [](const fake_call &call) {
+        fake_system::set_uptime(uptime + (call.function == "capi_get_sensor" ? 700 : 0));
+    };
+    EXPECT_EQ(snmp_read_sensor(entry()), 0);
+    EXPECT_EQ(entry()->lastReadTime, uptime);
 }
 
 // ---- Failures ----
@@ -204,6 +221,27 @@ TEST_F(sensors, a_reading_that_equals_its_raw_byte_is_whole)
     EXPECT_EQ(log.debug_texts("kavdata::sensor"), strings{"snmp_read_sensor:numeric current=25\n"});
     EXPECT_TRUE(log.traced("kavdata::sensor", "snmp_read_sensor:numeric current=25\n",
                            "snmp_read_sensor", "kavdata"));
+    for (const uint8_t raw :
+         std::array<uint8_t, 5>{0, 127, 128, 200, 255}) { // the byte has no sign
+        EXPECT_EQ(read_anew(with_thresholds(raw, raw)), 0);
+        EXPECT_EQ(entry()->numericSensorCol4, raw);
+        EXPECT_EQ(entry()->numericSensorCol2, 0);
+    }
+}
+
+// As it was built: of no kind, with the limits that a row begins with.
+TEST_F(sensors, a_sensor_of_which_nothing_was_known_is_read_as_its_record_says)
+{
+    platform->fail["capi_get_sensor_info"] = -1;
+    build_sensor(with_thresholds(25.5F));
+    ASSERT_EQ(entry()->sensorKind, SENSOR_KIND_NONE);
+    ASSERT_EQ(thresholds(), (std::array<int32_t, 6>{}));
+    EXPECT_EQ(snmp_read_sensor(entry()), 0);
+    EXPECT_EQ(entry()->sensorKind, SENSOR_KIND_NONE);
+    EXPECT_EQ(entry()->numericSensorCol4, 25500);
+    EXPECT_EQ(entry()->numericSensorCol2, -3);
+    EXPECT_EQ(thresholds(), thousandths);
+    EXPECT_EQ(entry()->equipmentCol2, 2);
 }
 
 TEST_F(sensors, any_other_reading_is_in_thousandths)
@@ -377,6 +415,14 @@ TEST_F(sensors, a_state_of_1_is_the_failed_state)
     }
     // The flag goes before the type: it stays no presence sensor.
     EXPECT_EQ(entry()->sensorCol2, 1);
+    // That flag alone, whatever others there are.
+    record.state = 1.0F;
+    record.flags = 0xFFFF;
+    EXPECT_EQ(read_anew(record), 0);
+    EXPECT_EQ(texts(), "fail/ok");
+    record.flags = 0xFFFF & ~CAPI_STATE_SEMANTICS;
+    EXPECT_EQ(read_anew(record), 0);
+    EXPECT_EQ(texts(), "Present/Absent");
 }
 
 TEST_F(sensors, a_presence_sensor_says_present_or_absent)
@@ -403,6 +449,13 @@ TEST_F(sensors, ok_semantics_leave_the_expected_value)
         EXPECT_EQ(read_anew(record), 0);
         EXPECT_EQ(texts(), "ok/fail");
         EXPECT_EQ(entry()->binarySensorValue2, expected);
+    }
+    // Anything but 0 is yes.
+    for (const int yes : {2, -1, 256, INT_MIN}) {
+        platform->fail["capi_is_sensor_with_OK_semantics"] = yes;
+        entry()->binarySensorText1[0] = '\0';
+        EXPECT_EQ(read_anew(record), 0);
+        EXPECT_EQ(texts(), "ok/fail") << yes;
     }
 }
 
@@ -487,16 +540,19 @@ TEST_F(sensors, a_refresh_reloads_the_thresholds_of_one_sensor)
     capi_sensor_record record = with_thresholds(0.0F);
     record.upper_fatal = 120.0F;
     record.flags = 0x20;
+    record.sensor_type = CAPI_SENSOR_CURRENT;
     platform->sensor_infos[name] = record;
     fake_system::set_uptime(uptime + 5);
+    phys_entry expected = *entry();
     const agent_log log({"kavdata::sensor", "trace"});
     reload_thresholds(name);
-    EXPECT_EQ(entry()->numericSensorCol13, 120);
-    EXPECT_EQ(entry()->numericSensorCol2, 0);
-    EXPECT_EQ(entry()->thresholdMask, 0x04);
     EXPECT_EQ(entLastChangeTime, uptime + 5);
-    EXPECT_EQ(entry()->lastReadTime, uptime); // not a read
-    const char *text = "name=/SYS/T0,status=0,sensor_class/type:1/1\n";
+    set_sensor_thresholds(&expected, &record);
+    EXPECT_EQ(expected.numericSensorCol4, 25500);
+    EXPECT_EQ(expected.numericSensorCol13, 120);
+    EXPECT_EQ(expected.thresholdMask, 0x04);
+    EXPECT_EQ(image(*entry()), image(expected)); // nothing else: it is no read
+    const char *text = "name=/SYS/T0,status=0,sensor_class/type:1/3\n";
     EXPECT_TRUE(log.traced("kavdata::sensor", text, "reload_thresholds", "kavdata"));
 }
 
@@ -526,6 +582,20 @@ TEST_F(sensors, a_refresh_of_an_unknown_sensor_changes_nothing)
     reload_thresholds(nullptr);
     EXPECT_EQ(entLastChangeTime, 0U);
     EXPECT_EQ(platform.calls("capi_get_sensor_info"), 0U);
+}
+
+TEST_F(sensors, a_refresh_of_something_that_is_no_sensor_gives_it_thresholds)
+{
+    build_sensor(with_thresholds(25.5F));
+    phys_entry *root = get_entry(1);
+    phys_entry expected = *root;
+    const capi_sensor_record record = with_thresholds(1.0F);
+    platform->sensor_infos["/SYS"] = record;
+    reload_thresholds("/SYS");
+    set_sensor_thresholds(&expected, &record);
+    EXPECT_EQ(expected.numericSensorCol13, 101);
+    EXPECT_EQ(image(*root), image(expected));
+    EXPECT_EQ(entLastChangeTime, uptime);
 }
 
 TEST_F(sensors, a_refresh_before_the_build_does_nothing)
