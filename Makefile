@@ -5,8 +5,10 @@ export KAVPLAT_PORT DESCRIPTION DESTDIR
 PREFIX ?= /usr/local
 SOURCES = git ls-files '*.c' '*.cpp' '*.h'
 JOBS := $(shell nproc)
+# Most tests of an agent wait for it, and not for a processor.
+TEST_JOBS := $(shell echo $$((2 * $$(nproc))))
 
-.PHONY: help run test test-portability build install coverage fuzz soak build-bench bench mutants tidy format format-check clean setup-run setup-test setup-bench setup-ci
+.PHONY: help run test test-portability build install coverage fuzz soak build-bench bench mutants tidy format format-check clean setup-run setup-test setup-bench setup-check setup-ci
 
 help:
 	@echo "make run            serve servers/rack-2u.json by a private snmpd on 127.0.0.1:1161"
@@ -15,7 +17,7 @@ help:
 	@echo "make test-portability   the tests and the agent on foreign architectures, by qemu"
 	@echo "make build          build the libraries only, into build/release"
 	@echo "make install        install them   PREFIX=$(PREFIX)   DESTDIR=$(DESTDIR)"
-	@echo "make check-PRESET   build and test by another preset: asan, tsan, clang"
+	@echo "make check-PRESET   build and run what is tested by another preset: asan, tsan, clang"
 	@echo "make coverage       line and branch coverage of src/ and described/, into build/coverage/report"
 	@echo "make fuzz           the fuzzers, a minute each          SECONDS=n  longer"
 	@echo "make soak           agents under load while everything changes   MINUTES=n  of each build"
@@ -26,7 +28,7 @@ help:
 	@echo "make clean          remove build/"
 	@echo "run, test, test-portability, coverage, bench, mutants, tidy and format-check install what Debian packages they miss."
 
-setup-run setup-test setup-bench setup-ci: setup-%:
+setup-run setup-test setup-bench setup-check setup-ci: setup-%:
 	@tools/setup $*
 
 build:
@@ -46,12 +48,12 @@ test-portability: setup-ci
 check-%:
 	cmake --preset $*
 	cmake --build --preset $*
-	ctest --preset $* --parallel $(JOBS)
+	ctest --preset $* --parallel $(TEST_JOBS)
 
 install: build
 	cmake --install build/release
 
-coverage: setup-ci
+coverage: setup-check
 	find build/coverage -name '*.gcda' -delete 2>/dev/null || true
 	$(MAKE) --no-print-directory check-coverage
 	mkdir -p build/coverage/report
@@ -60,7 +62,7 @@ coverage: setup-ci
 
 # SECONDS is for each of the fuzzers.
 fuzz: SECONDS := 60
-fuzz: setup-ci
+fuzz: setup-check
 	cmake --preset fuzz
 	cmake --build --preset fuzz
 	tests/fuzz/run build/fuzz $(SECONDS)
@@ -68,7 +70,7 @@ fuzz: setup-ci
 # MINUTES is for each of the builds. The plain one has the say about memory, the
 # sanitizers about everything else.
 soak: MINUTES := 30
-soak: setup-ci
+soak: setup-check
 	for preset in dev asan tsan; do \
 		cmake --preset $$preset && cmake --build --preset $$preset --target soak_test && \
 		KAVPLAT_SOAK_SECONDS=$$(($(MINUTES) * 20)) build/$$preset/tests/soak/soak_test || exit 1; \
@@ -87,10 +89,10 @@ bench: build-bench
 mutants: SAMPLE := 300
 mutants: SEED := 1
 mutants: ROOMS := hashtable,kavdata,table,monitor,kavPlatMIB
-mutants: setup-ci
+mutants: setup-check
 	tests/mutants/run --sample $(SAMPLE) --seed $(SEED) --rooms $(ROOMS)
 
-tidy: setup-ci
+tidy: setup-check
 	cmake --preset dev
 	cmake --build --preset dev
 	git ls-files 'src/*.cpp' 'described/*.cpp' 'tools/*.cpp' | xargs -P $(JOBS) -n 1 clang-tidy --quiet -p build/dev
@@ -98,7 +100,7 @@ tidy: setup-ci
 format:
 	$(SOURCES) | xargs clang-format -i
 
-format-check: setup-ci
+format-check: setup-check
 	$(SOURCES) | xargs clang-format --dry-run -Werror
 
 clean:

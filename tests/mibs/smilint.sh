@@ -2,8 +2,7 @@
 # Checks our MIB modules with smilint, at the level that reports all but style.
 # usage: smilint.sh SOURCE_DIR BUILD_DIR
 #
-# The base modules of SMIv2 come from an npm package: Debian has none, and the
-# extracts in mibs/compact leave out the macros that smilint wants to see.
+# The base modules of SMIv2 are those that tests/mibs/base-modules fetched.
 set -euo pipefail
 
 if [[ $# -ne 2 ]]; then
@@ -14,25 +13,14 @@ source_dir=$(realpath -- "$1")
 mkdir -p -- "$2"
 build_dir=$(realpath -- "$2")
 
-need() {
-    if ! command -v "$1" >/dev/null; then
-        echo "$1 was not found: install $2" >&2
-        exit 1
-    fi
+command -v smilint >/dev/null || {
+    echo "smilint was not found: install smitools" >&2
+    exit 1
 }
-need smilint smitools
-need npm npm
-
-# A folder of node modules is left half made when npm is stopped; the copy of
-# the lock file is put beside it only when npm is done.
-packages=$build_dir/smilint-packages
-lock=$source_dir/tests/mibs/package-lock.json
-if ! cmp -s -- "$lock" "$packages/installed-lock.json"; then
-    rm -rf -- "$packages"
-    mkdir -p -- "$packages"
-    cp -- "$source_dir/tests/mibs/package.json" "$lock" "$packages/"
-    (cd "$packages" && npm ci --no-audit --no-fund --ignore-scripts)
-    cp -- "$lock" "$packages/installed-lock.json"
+base=$source_dir/build/fetched/base-modules
+if [[ ! -e $base/installed-lock.json ]]; then
+    echo "the base modules of SMIv2 are not in $base: run tools/setup test" >&2
+    exit 1
 fi
 
 # smilint takes a module from wherever it finds one of that name, so it gets one
@@ -40,8 +28,7 @@ fi
 modules=$build_dir/smilint-modules
 rm -rf -- "$modules"
 mkdir -p -- "$modules"
-base=$packages/node_modules/net-snmp/lib/mibs
-cp -- "$base"/SNMPv2-{SMI,TC,CONF}.mib "$modules/"
+cp -- "$base"/node_modules/net-snmp/lib/mibs/SNMPv2-{SMI,TC,CONF}.mib "$modules/"
 cp -- "$source_dir"/mibs/KAV-PLATFORM-MIB.txt \
     "$source_dir"/mibs/compact/{ENTITY-MIB,ENTITY-SENSOR-MIB,SNMP-FRAMEWORK-MIB}.txt "$modules/"
 : >"$modules/smi.conf"

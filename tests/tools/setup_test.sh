@@ -61,11 +61,22 @@ printf '%s\n' libsnmp-dev libbsd-dev nlohmann-json3-dev libcli11-dev >"$KAVPLAT_
 # The directories of system commands are appended by the script: a case can only
 # take away what this machine has not got there. So the script is run with those
 # directories' names changed.
-sed 's,:/usr/sbin:/sbin,,' "$setup" >"$scratch/setup"
+mkdir -p "$scratch/tools" "$scratch/tests/mibs" "$scratch/tests/portability"
+sed 's,:/usr/sbin:/sbin,,' "$setup" >"$scratch/tools/setup"
+for fetcher in mibs/base-modules portability/sysroot; do
+    {
+        printf '#!/bin/bash\necho "fetch %s ' "$fetcher"
+        cat <<'END'
+${1-}" >>"$KAVPLAT_CALLS"
+exit "${KAVPLAT_OFFLINE-0}"
+END
+    } >"$scratch/tests/$fetcher"
+    chmod +x "$scratch/tests/$fetcher"
+done
 run() {
     : >"$calls"
     status=0
-    PATH=$scratch/bin bash "$scratch/setup" "$@" >"$scratch/output" 2>&1 || status=$?
+    PATH=$scratch/bin bash "$scratch/tools/setup" "$@" >"$scratch/output" 2>&1 || status=$?
 }
 expect() { # DESCRIPTION CONDITION...
     local what=$1
@@ -114,8 +125,28 @@ expect "no root, no sudo: failure" [ "$status" -eq 1 ]
 expect "no root, no sudo: what to do is said" said 'as root, run: apt-get install ninja-build'
 expect "no root, no sudo: nothing is tried" not called '^apt-get'
 
+expect "no root, no sudo: nothing is fetched" not called '^fetch'
+
+# What else the tasks ask for, where it is no package of the same name.
+for command in nm smilint clang++ {s390x,i686,powerpc}-linux-gnu-g++ qemu-s390x dpkg-source; do
+    stub "$command" </dev/null
+done
+stub ninja </dev/null
+KAVPLAT_OFFLINE=1 run run
+expect "to run takes no registry" [ "$status" -eq 0 ]
 run test
 expect "tests need more" called 'apt-get install .* libgtest-dev '
+expect "tests get there" [ "$status" -eq 0 ]
+expect "what tests need of a registry is fetched" called '^fetch mibs/base-modules'
+expect "and no more" not called '^fetch portability'
+KAVPLAT_OFFLINE=1 run test
+expect "a registry that does not answer: failure" [ "$status" -eq 1 ]
+expect "a registry that does not answer: it is said" said 'base modules of SMIv2 could not be fetched'
+run ci
+for architecture in s390x i386 powerpc; do
+    expect "libraries for $architecture are fetched" called "^fetch portability/sysroot $architecture"
+done
+expect "ci gets there" [ "$status" -eq 0 ]
 run sideways
 expect "an unknown task is misuse" [ "$status" -eq 2 ]
 # make comes first on a fresh machine, before anything is there.
