@@ -31,7 +31,7 @@ void stamp_change()
 
 void look_for_fork(unsigned, void *)
 {
-    if (monitor_was_left_behind()) {
+    if (was_left_behind_by_fork()) {
         snmp_log(LOG_INFO, "entityMIB: the agent became a daemon, the monitor starts anew\n");
         restart_monitor_after_fork();
     }

@@ -28,7 +28,10 @@ void wait_for_inventory()
     if (held) {
         monitor_fru_unlock();
     }
-    sleep(inventory_poll_seconds);
+    {
+        const at_rest rest;
+        sleep(inventory_poll_seconds);
+    }
     if (held) {
         monitor_fru_lock();
     }
@@ -260,6 +263,7 @@ void init_local_cache(void)
     for (uint32_t index = 1; index <= count; index++) {
         append_row("init_local_cache", index, list.records()[index - 1], row_origin::first_build);
         publish_max_index(index);
+        let_fork_by();
     }
     list.release();
     snmp_log(LOG_INFO, "%s:local cache ready\n", "init_local_cache");

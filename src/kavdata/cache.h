@@ -7,6 +7,7 @@
 #include "kavdata/kavdata.h"
 
 #include <atomic>
+#include <chrono>
 
 namespace kavplat
 {
@@ -80,13 +81,44 @@ bool has_failed(const char *function, polled_call call, phys_entry &entry, int s
 int prepare_cache_lock();
 
 // ---- A fork of the agent ----
+//
+// snmpd without -f loads its modules, forks and goes on in the child. That has the
+// locks of the process as they were (of the system's log, the time zone, the
+// platform) and none of the threads that held them. So a thread beside the agent's
+// is at work in whatever it does for us but wait; and a fork waits until none is,
+// for this long at most. After a wait in vain the next forks do not wait.
+extern std::chrono::milliseconds longest_wait_before_fork;
 
-// In the child, from an atfork handler: locks that another thread may have held
-// when the process forked are renewed.
-void renew_locks_after_fork();
+// Before the first thread is started; again does nothing.
+void watch_forks();
 
-// In the child, on the agent's thread, before a new build: the cache starts from
-// nothing. Its builder may have stopped half-way through anything, so what it
+// Around what a thread does; one may stand in another.
+class at_work
+{
+  public:
+    at_work();
+    ~at_work();
+    at_work(const at_work &) = delete;
+    at_work &operator=(const at_work &) = delete;
+};
+
+// Around a wait of a thread at work, on others it does nothing. Its end may wait
+// for a fork, so no lock is held there that another thread at work may want.
+class at_rest
+{
+  public:
+    at_rest();
+    ~at_rest();
+    at_rest(const at_rest &) = delete;
+    at_rest &operator=(const at_rest &) = delete;
+};
+
+// Whether this process is a fork of the one that built the cache. Locks that
+// another thread may have held were renewed.
+bool was_left_behind_by_fork();
+
+// In such a process, on the agent's thread, before a new build: the cache starts
+// from nothing. Its builder may have stopped half-way through anything, so what it
 // had allocated is left to the process.
 void forget_cache_after_fork();
 

@@ -91,6 +91,7 @@ bool this_thread_holds_cache_lock();
 
 void renew_cache_lock();
 void renew_names_lock();
+void forget_slots();
 void forget_retired(); // what waits is left to the process
 
 // ---- The inventory ----
@@ -117,6 +118,9 @@ class inventory
     capi_inventory_record *items_ = nullptr;
     bool owned_ = false;
 };
+
+// Between two steps of a work that takes long: a fork need not wait for all of it.
+void let_fork_by();
 
 // ---- Rows ----
 

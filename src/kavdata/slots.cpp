@@ -126,20 +126,13 @@ void drop_cache()
     localCacheSize = 0;
 }
 
-void renew_locks_after_fork()
-{
-    renew_cache_lock();
-    renew_names_lock();
-}
-
-void forget_cache_after_fork()
+void forget_slots()
 {
     physicalTable = nullptr;
     maxPhysicalIndex = 0;
     localCacheSize = 0;
     htab = nullptr;
     cache_valid = 1;
-    forget_retired();
 }
 
 } // namespace kavplat

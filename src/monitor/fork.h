@@ -6,11 +6,8 @@
 namespace kavplat
 {
 
-// Whether this process is a fork of the one that last started the monitor.
-bool monitor_was_left_behind();
-
-// In such a process, on the agent's thread: drops what there is of the cache and
-// starts the monitor anew, which builds it.
+// In the child, on the agent's thread: drops what there is of the cache and starts
+// the monitor anew, which builds it.
 void restart_monitor_after_fork();
 
 } // namespace kavplat

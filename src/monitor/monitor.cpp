@@ -27,35 +27,22 @@ std::atomic<uint8_t> need_init_local_cache{1};
 // turn.
 pthread_mutex_t registration_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-std::atomic<bool> left_behind{false};
-
-void after_fork_in_child()
-{
-    registration_mutex = PTHREAD_MUTEX_INITIALIZER;
-    renew_locks_after_fork();
-    left_behind = true;
-}
-
-void watch_forks()
-{
-    static pthread_once_t once = PTHREAD_ONCE_INIT;
-    pthread_once(&once, [] { pthread_atfork(nullptr, nullptr, after_fork_in_child); });
-}
-
 bool obtain_handle(const char *caller)
 {
     for (int attempt = 1; event_mgr_get_handle(&emHandle, evtmgr_callback, nullptr) != 0;
          attempt++) {
-        // A call that failed may have left anything there.
-        emHandle = 0;
         if (attempt > max_retries) {
             KAV_TRACE_AS(caller, KAVPLAT_ROOM, "monitor",
                          "%s:unable to obtain event manager handle, max retry %d\n", caller,
                          attempt);
             return false;
         }
+        // A call that failed may have left anything there. After the last one it
+        // stays: meant.
+        emHandle = 0;
         KAV_TRACE_AS(caller, KAVPLAT_ROOM, "monitor",
                      "%s:unabled to obtain event manager handle, retry = %d\n", caller, attempt);
+        const at_rest rest;
         sleep(retry_seconds);
     }
     return true;
@@ -149,14 +136,10 @@ void apply(const change &what, const char *payload)
 
 } // namespace
 
-bool monitor_was_left_behind()
-{
-    return left_behind;
-}
-
 void restart_monitor_after_fork()
 {
-    left_behind = false;
+    // Whoever held it is not in this process.
+    registration_mutex = PTHREAD_MUTEX_INITIALIZER;
     need_init_local_cache = 1;
     emHandle = 0;
     forget_cache_after_fork();
@@ -185,6 +168,7 @@ int snmpd_monitor_fru_devices(void)
 
 void *monitor_fru_devices(void *)
 {
+    const kavplat::at_work work;
     KAV_TRACE("monitor", "%s\n", "monitor_fru_devices");
     pthread_detach(pthread_self());
     evtmgr_register();
@@ -196,7 +180,10 @@ void *monitor_fru_devices(void *)
 
 int evtmgr_register(void)
 {
-    pthread_mutex_lock(&kavplat::registration_mutex);
+    {
+        const kavplat::at_rest rest;
+        pthread_mutex_lock(&kavplat::registration_mutex);
+    }
     const int result = kavplat::register_once();
     pthread_mutex_unlock(&kavplat::registration_mutex);
     return result;
@@ -206,6 +193,7 @@ void evtmgr_callback(void *, int event_class, int event, const char *payload)
 {
     using namespace kavplat;
 
+    const at_work work;
     if (event_class == EVENT_MGR_CLASS_HARDWARE) {
         switch (event) {
         case EVENT_MGR_HOT_REMOVE:
@@ -226,6 +214,9 @@ void evtmgr_callback(void *, int event_class, int event, const char *payload)
     } else if (event_class == EVENT_MGR_CLASS_CONNECTION && event == EVENT_MGR_DISCONNECT) {
         KAV_TRACE("monitor", "%s:receive DISCONNECT message\n", "evtmgr_callback");
         need_init_local_cache = 0;
-        snmpd_monitor_fru_devices();
+        if (const int rc = snmpd_monitor_fru_devices(); rc != 0) {
+            KAV_TRACE("monitor", "%s:unable to start the monitor thread, rc=%d\n",
+                      "evtmgr_callback", rc);
+        }
     }
 }

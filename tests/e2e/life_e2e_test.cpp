@@ -1,6 +1,8 @@
 // How a real agent with the module starts, becomes a daemon and ends.
 #include <csignal>
 #include <filesystem>
+#include <list>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -91,6 +93,34 @@ TEST(agent_start, as_a_daemon_serves_the_table_and_its_changes)
     write_file(server.description(), with_another_disk(read_file(server.description())));
     EXPECT_TRUE(eventually([&] { return names(client) == more; }));
     EXPECT_NE(server.id(), -1);
+}
+
+// The monitor logs a line for each of 300 components while the agent becomes a
+// daemon. More starts than a usual run has: KAVPLAT_DAEMON_STARTS=200.
+TEST(agent_start, as_a_daemon_survives_what_other_threads_log)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer can start no thread after a fork beside other threads";
+#endif
+    constexpr size_t at_once = 5;
+    const char *given = getenv("KAVPLAT_DAEMON_STARTS");
+    const size_t starts = given != nullptr ? std::stoul(given) : 20;
+    for (size_t started = 0; started < starts; started += at_once) {
+        std::list<agent> servers;
+        for (size_t i = 0; i < at_once; i++) {
+            servers.emplace_back(agent_options{
+                .daemon = true,
+                .logs_to_system = true,
+                .preload = KAVPLAT_CHURNING_PLATFORM,
+                .environment = {{"KAVPLAT_CHURN_STABLE", "299"}, {"KAVPLAT_CHURN_FRU_FAILS", "1"}},
+                .wait_for_cache = false});
+            ASSERT_NO_THROW(servers.back().start()) << "start " << started + i;
+        }
+        for (agent &server : servers) {
+            snmp_client client(server.port());
+            EXPECT_TRUE(eventually([&] { return names(client).size() == 300; }));
+        }
+    }
 }
 
 // ---- End --------------------------------------------------------------------------

@@ -160,7 +160,12 @@ std::vector<std::string> agent::command() const
     if (options_.whole_configuration.empty()) {
         words.insert(words.end(), {"-C", "-c", directory + "/snmpd.conf"});
     }
-    words.insert(words.end(), {"-Lf", directory + "/log", "-p", directory + "/pid",
+    if (options_.logs_to_system) {
+        words.emplace_back("-Lsd");
+    } else {
+        words.insert(words.end(), {"-Lf", directory + "/log"});
+    }
+    words.insert(words.end(), {"-p", directory + "/pid",
                                // It would listen on a port of its own.
                                "-I", "-smux"});
     if (!options_.daemon) {

@@ -34,6 +34,8 @@ struct agent_options {
     std::string description = "servers/minimal.json"; /* below the sources */
     /* The agent leaves the foreground by itself. */
     bool daemon = false;
+    /* It logs to the system's log; log() is empty then. */
+    bool logs_to_system = false;
     /* snmpd -D: tokens with commas. */
     std::string debug_tokens = {};
     /* Preloaded before everything else but a sanitizer. */

@@ -13,6 +13,9 @@
 // a unit. The module logs a line for each index that is free at such an update, and
 // there are ever more of them: a long run wants fewer updates.
 //
+// With KAVPLAT_CHURN_FRU_FAILS every read of FRU data fails, of which the module logs
+// a line each.
+//
 // With KAVPLAT_CHURN_SENSORS each of the units that stay has so many sensors, of
 // which a reading takes KAVPLAT_CHURN_SENSOR_MS milliseconds.
 //
@@ -308,6 +311,10 @@ int capi_get_enable_disable_state(const char *, int32_t *, char *, int)
 
 int capi_get_fru_info(const char *nac_name, capi_fru_record *record)
 {
+    static const bool fails = setting("KAVPLAT_CHURN_FRU_FAILS", 0) != 0;
+    if (fails) {
+        return -1;
+    }
     *record = {};
     snprintf(record->serial, sizeof record->serial, "SN%u", number_behind(nac_name));
     snprintf(record->model, sizeof record->model, "MODEL%u", number_behind(nac_name));

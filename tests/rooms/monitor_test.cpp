@@ -82,10 +82,17 @@ TEST_F(monitor, registration_builds_and_subscribes_in_order)
 TEST_F(monitor, an_event_manager_that_is_never_available)
 {
     platform->handle_failures = 1000;
+    int nonzero_at_sleep = 0;
+    std::vector<unsigned> pauses;
+    fake_system::on_sleep.set([&](unsigned seconds) {
+        pauses.push_back(seconds);
+        nonzero_at_sleep += emHandle != 0 ? 1 : 0;
+        return 0U;
+    });
     const agent_log log({"monitor", "trace"});
     EXPECT_EQ(evtmgr_register(), -1);
     EXPECT_EQ(platform.calls("event_mgr_get_handle"), 10U);
-    EXPECT_EQ(fake_system::sleeps(), std::vector<unsigned>(9, 5));
+    EXPECT_EQ(pauses, std::vector<unsigned>(9, 5));
     strings expected;
     for (int i = 1; i <= 9; i++) {
         expected.push_back(
@@ -94,7 +101,9 @@ TEST_F(monitor, an_event_manager_that_is_never_available)
     expected.emplace_back("evtmgr_register:unable to obtain event manager handle, max retry 10\n");
     EXPECT_EQ(log.debug_texts("monitor"), expected);
     expect_traced_by_operation(log, "monitor");
-    EXPECT_EQ(emHandle, 0U); // whatever the failed calls wrote
+    // What the last call wrote stays; what those before it wrote does not.
+    EXPECT_NE(emHandle, 0U);
+    EXPECT_EQ(nonzero_at_sleep, 0);
     EXPECT_EQ(platform.subscriptions().size(), 0U);
     EXPECT_EQ(physicalTable, nullptr); // nothing was built
     EXPECT_EQ(log.texts(LOG_ERR), strings());
@@ -439,6 +448,19 @@ TEST_F(monitor, a_reconnect_keeps_the_cache)
     EXPECT_EQ(entLastChangeTime, 0U);
 }
 
+TEST_F(monitor, a_disconnect_whose_thread_cannot_be_made_is_told)
+{
+    register_now();
+    fake_system::on_pthread_create.set([](pthread_t *, const pthread_attr_t *,
+                                          fake_system::thread_body, void *) { return EAGAIN; });
+    const agent_log log({"monitor", "trace"});
+    ASSERT_TRUE(platform.deliver(-1, -1, nullptr));
+    EXPECT_TRUE(log.traced(
+        "monitor", text_of("evtmgr_callback:unable to start the monitor thread, rc=%d\n", EAGAIN),
+        "evtmgr_callback", "monitor"));
+    EXPECT_EQ(log.texts(LOG_ERR), strings());
+}
+
 TEST_F(monitor, a_reconnect_does_not_touch_a_lock_that_is_held)
 {
     register_now();
@@ -567,7 +589,7 @@ TEST_F(monitor, the_child_of_a_fork_starts_anew)
         kavplat::begin_agent_pass();
         child = fork();
         if (child == 0) {
-            bool good = kavplat::monitor_was_left_behind();
+            bool good = kavplat::was_left_behind_by_fork();
             // A thread would do the same; here it is done on this one.
             fake_system::on_pthread_create.set(
                 [](pthread_t *, const pthread_attr_t *, fake_system::thread_body body, void *) {
@@ -576,7 +598,7 @@ TEST_F(monitor, the_child_of_a_fork_starts_anew)
                 });
             fake_system::on_pthread_detach.set([](pthread_t) { return 0; });
             kavplat::restart_monitor_after_fork();
-            good = good && !kavplat::monitor_was_left_behind();
+            good = good && !kavplat::was_left_behind_by_fork();
             good = good && rows() == strings{"/SYS", "/SYS/A", "/SYS/B"};
             good = good && emHandle == 2 && platform.subscriptions().size() == 12;
             good = good && monitor_fru_lock() == 0 && monitor_fru_unlock() == 0;
@@ -589,8 +611,89 @@ TEST_F(monitor, the_child_of_a_fork_starts_anew)
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_FALSE(kavplat::monitor_was_left_behind());
+    EXPECT_FALSE(kavplat::was_left_behind_by_fork());
     EXPECT_EQ(rows(), (strings{"/SYS", "", "/SYS/B"}));
+}
+
+// Threads that wait: for a handle, for an inventory, for the other's registration.
+TEST_F(monitor, a_fork_does_not_wait_for_pauses)
+{
+    const auto usual = std::exchange(kavplat::longest_wait_before_fork, std::chrono::hours(1));
+    for (const bool has_handle : {false, true}) {
+        platform->handle_failures = has_handle ? 0 : 1;
+        platform->inventory_after = has_handle ? 1 : 0;
+        std::atomic<int> ended{0};
+        std::atomic<bool> pausing{false};
+        std::atomic<bool> go_on{false};
+        fake_system::on_sleep.set([&](unsigned) {
+            pausing = true;
+            go_on.wait(false);
+            return 0U;
+        });
+        fake_system::on_pthread_join.set([&](pthread_t, void **) {
+            ended++;
+            return EDEADLK;
+        });
+        ASSERT_EQ(snmpd_monitor_fru_devices(), 0);
+        ASSERT_TRUE(fake_system::eventually([&] { return pausing.load(); }));
+        ASSERT_EQ(snmpd_monitor_fru_devices(), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(0);
+        }
+        int status = -1;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+        go_on = true;
+        go_on.notify_all();
+        ASSERT_TRUE(fake_system::eventually([&] { return ended == 2; }));
+        fake_system::on_sleep.clear();
+        fake_system::on_pthread_join.clear();
+    }
+    kavplat::longest_wait_before_fork = usual;
+}
+
+// The monitor's registration and events on another thread, each call of the
+// platform a while under way.
+TEST_F(monitor, a_fork_finds_nobody_inside_the_platform)
+{
+    register_now();
+    const agent_log log; // keeps the messages off the terminal
+    std::atomic<int> inside{0};
+    platform->record_calls = false;
+    platform->on_call = [&](const fake_call &) {
+        inside++;
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+        inside--;
+    };
+    std::atomic<bool> stop{false};
+    fake_system::on_pthread_detach.set([](pthread_t) { return 0; });
+    fake_system::on_pthread_join.set([](pthread_t, void **) { return EDEADLK; });
+    std::thread events([&] {
+        while (!stop) {
+            platform.deliver(105, EVENT_MGR_HOT_REMOVE, "/SYS/A");
+            platform.deliver(105, EVENT_MGR_HOT_INSERT, "/SYS/A");
+            platform.deliver(118, EVENT_MGR_REFRESH_SENSOR, "/SYS/A");
+        }
+    });
+    std::thread registrations([&] {
+        while (!stop) {
+            monitor_fru_devices(nullptr);
+        }
+    });
+    for (int i = 0; i < 50; i++) {
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(inside);
+        }
+        int status = -1;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+    stop = true;
+    events.join();
+    registrations.join();
+    platform->on_call = nullptr;
 }
 
 TEST_F(monitor, a_child_forgets_the_cache_as_it_stands)
