@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace kavplat
 {
@@ -57,6 +58,11 @@ void init_entityMIB(void)
 {
     kavplat::is_loaded = true;
     KAV_TRACE("entityMIB", "%s\n", "init_entityMIB");
+    if (std::exchange(kavplat::loaded.entityMIB, true)) {
+        snmp_log(LOG_WARNING, "entityMIB: loaded again, which changes nothing: tables, monitor and "
+                              "cache of the first time go on\n");
+        return;
+    }
     snmp_debug_stop(kavplat::stop_file);
     // Stamped before and after the registration: meant.
     kavplat::stamp_change();

@@ -1,6 +1,7 @@
 #include "kavPlatMIB/kavPlatMIB.h"
 
 #include "kavdata/build_info.h"
+#include "kavdata/cache.h"
 #include "kavPlatMIB/platform_table.h"
 #include "trace/trace.h"
 
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <sys/resource.h>
+#include <utility>
 
 namespace kavplat
 {
@@ -65,7 +67,6 @@ void limit_core_files()
     }
 }
 
-// A module that is loaded again has them from before.
 void make_banner(char *&banner, const char *format, const char *value)
 {
     free(banner);
@@ -95,6 +96,15 @@ void init_kavPlatMIB(void)
 {
     using namespace kavplat;
 
+    if (std::exchange(loaded.kavPlatMIB, true)) {
+        snmp_log(LOG_WARNING, "kavPlatMIB: loaded again, which changes nothing: the tables of the "
+                              "first time go on\n");
+        return;
+    }
+    if (!loaded.entityMIB) {
+        snmp_log(LOG_WARNING, "kavPlatMIB: loaded without entityMIB, which fills its tables: they "
+                              "stay empty until \"dlmod entityMIB\" is there, one line before\n");
+    }
     note_start_time();
     limit_core_files();
     make_banner(banner_number, " BUILD_NUMBER is %s ", build_number);

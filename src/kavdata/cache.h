@@ -80,6 +80,17 @@ bool has_failed(const char *function, polled_call call, phys_entry &entry, int s
 // of that one initialisation.
 int prepare_cache_lock();
 
+// ---- The modules ----
+
+// What of this library the agent has loaded; of its thread alone. An agent that
+// reloads and is not ended by that loads both again, while the handlers, the monitor
+// and the cache of the first time are still there: the second time adds nothing.
+struct loaded_modules {
+    bool entityMIB;
+    bool kavPlatMIB;
+};
+extern loaded_modules loaded;
+
 // ---- A fork of the agent ----
 //
 // snmpd without -f loads its modules, forks and goes on in the child. That has the

@@ -58,7 +58,8 @@ bool remove_name(const phys_entry *entry);
 //
 //  - Only one thread serves requests, so a flag says whether a pass of the agent's
 //    thread (kavdata/cache.h) is under way.
-//  - An unlocked read is counted.
+//  - An unlocked read is counted, by the period in which it began, so that reads
+//    which overlap without end keep no more than what two periods retired.
 //  - A removal, with the lock held, unlinks first and looks at flag and count
 //    afterwards; a reader sets flag or count first and looks at slots afterwards.
 //    Both in sequentially consistent order: either the remover sees the reader
@@ -75,6 +76,9 @@ class unlocked_read
     ~unlocked_read();
     unlocked_read(const unlocked_read &) = delete;
     unlocked_read &operator=(const unlocked_read &) = delete;
+
+  private:
+    const unsigned period_;
 };
 
 // With the cache lock held: gives back, now or later, what is no longer reachable.

@@ -18,6 +18,8 @@ uint32_t getMaxPhysicalIndex(void)
 namespace kavplat
 {
 
+loaded_modules loaded = {};
+
 namespace
 {
 

@@ -63,6 +63,7 @@ class cache_test : public testing::Test
         cache_valid = 1;
         entLastChangeTime = 0;
         root_nac[0] = '\0';
+        kavplat::loaded = {};
     }
 
     void set_components(const std::vector<std::string> &names, uint32_t type = plain)

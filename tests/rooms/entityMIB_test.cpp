@@ -139,6 +139,24 @@ TEST_F(entity_module, starts_in_order)
                               "create entLastChangeTime", "register scalar 1.3.6.1.2.1.47.1.4.1"}));
 }
 
+TEST_F(entity_module, a_second_load_adds_nothing_and_says_so)
+{
+    init_entityMIB();
+    steps.clear();
+    const uint32_t stamp = entLastChangeTime;
+    for (int i = 0; i < 2; i++) {
+        const agent_log log;
+        deinit_entityMIB(); // by an agent that it does not end
+        init_entityMIB();
+        EXPECT_EQ(steps, vector<string>());
+        EXPECT_EQ(entLastChangeTime, stamp);
+        ASSERT_EQ(log.records().size(), 1U);
+        EXPECT_TRUE(log.has(LOG_WARNING,
+                            "entityMIB: loaded again, which changes nothing: tables, monitor and "
+                            "cache of the first time go on\n"));
+    }
+}
+
 TEST_F(entity_module, stamps_the_change_before_and_after_the_registration)
 {
     init_entityMIB();

@@ -234,6 +234,36 @@ TEST_F(module_init, registers_the_scalar_and_thirteen_tables_in_order)
     EXPECT_TRUE(log.texts(LOG_ERR).empty());
 }
 
+TEST_F(module_init, a_second_load_adds_nothing_and_says_so)
+{
+    kavplat::loaded.entityMIB = true;
+    agent_log log;
+    set_time(1000000000);
+    init();
+    const auto first = start_time();
+    EXPECT_TRUE(log.records().empty());
+    set_time(1100000000);
+    deinit_kavPlatMIB();
+    init();
+    EXPECT_EQ(registered.tables().size(), registered_tables);
+    EXPECT_EQ(registered.scalars().size(), 1U);
+    EXPECT_EQ(start_time(), first);
+    ASSERT_EQ(log.records().size(), 1U);
+    EXPECT_TRUE(log.has(LOG_WARNING, "kavPlatMIB: loaded again, which changes nothing: the tables "
+                                     "of the first time go on\n"));
+}
+
+TEST_F(module_init, says_when_nobody_fills_the_tables)
+{
+    agent_log log;
+    init();
+    EXPECT_EQ(registered.tables().size(), registered_tables);
+    ASSERT_EQ(log.records().size(), 1U);
+    EXPECT_TRUE(log.has(LOG_WARNING,
+                        "kavPlatMIB: loaded without entityMIB, which fills its tables: they stay "
+                        "empty until \"dlmod entityMIB\" is there, one line before\n"));
+}
+
 TEST_F(module_init, the_scalar_comes_before_the_tables)
 {
     size_t tables_before = 99;

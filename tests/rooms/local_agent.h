@@ -25,6 +25,7 @@
 #include <utility>
 
 #include "fakes/fake_system.h"
+#include "kavdata/cache.h"
 #include "rooms/requests.h"
 
 /*
@@ -42,6 +43,7 @@ class local_registrations
 
     local_registrations()
     {
+        kavplat::loaded = {};
         fake_system::on_netsnmp_register_table_iterator.set(
             [this](netsnmp_handler_registration *registration, netsnmp_iterator_info *iterator) {
                 const int result = netsnmp_register_table_iterator(registration, iterator);
