@@ -23,8 +23,6 @@ constexpr unsigned stop_file_seconds = 3;
 
 constexpr oid entLastChangeTime_oid[] = {1, 3, 6, 1, 2, 1, 47, 1, 4, 1};
 
-bool is_loaded = false;
-
 void stamp_change()
 {
     relaxed_store(entLastChangeTime, agent_uptime());
@@ -49,14 +47,13 @@ void look_for_fork_once_running()
 
 bool entity_module_is_loaded()
 {
-    return is_loaded;
+    return loaded.entityMIB;
 }
 
 } // namespace kavplat
 
 void init_entityMIB(void)
 {
-    kavplat::is_loaded = true;
     KAV_TRACE("entityMIB", "%s\n", "init_entityMIB");
     if (std::exchange(kavplat::loaded.entityMIB, true)) {
         snmp_log(LOG_WARNING, "entityMIB: loaded again, which changes nothing: tables, monitor and "

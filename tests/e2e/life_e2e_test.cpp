@@ -191,6 +191,72 @@ TEST_F(agent_end, by_unloading_the_module)
     expect_killed();
 }
 
+// As the first process of its namespace, which nobody inside it can kill, the agent
+// outlives what the module does about a reload.
+class first_process : public testing::Test
+{
+  protected:
+    agent server{agent_options{.is_first_process = true}};
+
+    void SetUp() override
+    {
+        ASSERT_NO_THROW(server.start());
+        ASSERT_NE(server.id(), -1);
+    }
+};
+
+TEST_F(first_process, goes_on_after_a_hangup_signal_as_it_was)
+{
+    snmp_client client(server.port());
+    for (int i = 0; i < 3; i++) {
+        const size_t restarts = server.log_count("restarted");
+        ASSERT_EQ(kill(server.id(), SIGHUP), 0);
+        ASSERT_TRUE(eventually([&] { return server.log_count("restarted") > restarts; }));
+    }
+    ASSERT_TRUE(
+        eventually([&] { return server.log_count("kavPlatMIB: loaded again, which") == 3; }));
+    EXPECT_EQ(server.log_count("entityMIB: loaded again, which changes nothing"), 3U);
+    EXPECT_EQ(names(client), minimal);
+    EXPECT_EQ(server.log_count("local cache ready"), 1U);
+    EXPECT_EQ(server.log_count("duplicate registration: MIB modules entPhysicalTable"), 0U);
+    // Its rows follow what happens, and each comes once.
+    vector<string> more = minimal;
+    more.emplace_back("/SYS/DISK");
+    write_file(server.description(), with_another_disk(read_file(server.description())));
+    EXPECT_TRUE(eventually([&] { return names(client) == more; })) << server.log();
+}
+
+TEST_F(first_process, ends_at_a_termination_signal_by_itself)
+{
+    ASSERT_EQ(kill(server.id(), SIGTERM), 0);
+    EXPECT_EQ(server.wait(), 0);
+    EXPECT_TRUE(server.log_has("shutting down"));
+}
+
+TEST(agent_start, with_a_module_twice_or_without_the_other_says_so)
+{
+    const string entity = "dlmod entityMIB " KAVPLAT_MODULE "\n";
+    const string platform = "dlmod kavPlatMIB " KAVPLAT_MODULE "\n";
+    {
+        agent server({.configuration = entity + platform + platform});
+        ASSERT_NO_THROW(server.start());
+        EXPECT_EQ(server.log_count("entityMIB: loaded again, which changes nothing"), 1U);
+        EXPECT_EQ(server.log_count("kavPlatMIB: loaded again, which changes nothing"), 2U);
+        EXPECT_EQ(server.log_count("kavPlatMIB: loaded without"), 0U);
+        snmp_client client(server.port());
+        EXPECT_EQ(names(client), minimal);
+        EXPECT_EQ(server.log_count("local cache ready"), 1U);
+    }
+    agent server({.whole_configuration = "agentaddress udp:127.0.0.1:161\n"
+                                         "rocommunity public 127.0.0.1\n" +
+                                         platform,
+                  .wait_for_cache = false});
+    ASSERT_NO_THROW(server.start());
+    EXPECT_EQ(server.log_count("kavPlatMIB: loaded without entityMIB"), 1U);
+    snmp_client client(server.port());
+    EXPECT_TRUE(client.walk({1, 3, 6, 1, 4, 1, 58213, 2, 70, 101, 1, 1, 2}).empty());
+}
+
 TEST_F(agent_end, takes_every_snmpd_of_its_own_namespace_along)
 {
     // The init of the namespace ends with the agent, and all the rest with it.

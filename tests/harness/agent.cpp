@@ -23,6 +23,7 @@ using namespace std::chrono_literals;
 // The init of an agent's namespace: a signal from inside cannot end process 1,
 // so snmpd is not it. Says how snmpd ended, and ends the namespace with it.
 constexpr char init_of_foreground[] = R"("$@" & wait $!)";
+constexpr char no_init[] = R"(exec "$@")";
 constexpr char init_of_daemon[] =
     R"("$@" || exit; while pidof snmpd > /dev/null; do sleep 0.05; done
 exit 99)";
@@ -135,8 +136,11 @@ std::string agent::address() const
 std::vector<std::string> agent::command() const
 {
     std::vector<std::string> words = in_pid_namespace();
-    words.insert(words.end(),
-                 {"sh", "-c", options_.daemon ? init_of_daemon : init_of_foreground, "init"});
+    words.insert(words.end(), {"sh", "-c",
+                               options_.is_first_process ? no_init
+                               : options_.daemon         ? init_of_daemon
+                                                         : init_of_foreground,
+                               "init"});
 
     const std::string directory = directory_.path();
     std::string paths;

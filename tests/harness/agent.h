@@ -34,6 +34,8 @@ struct agent_options {
     std::string description = "servers/minimal.json"; /* below the sources */
     /* The agent leaves the foreground by itself. */
     bool daemon = false;
+    /* Of its pid namespace, where it cannot be killed from inside. */
+    bool is_first_process = false;
     /* It logs to the system's log; log() is empty then. */
     bool logs_to_system = false;
     /* snmpd -D: tokens with commas. */
