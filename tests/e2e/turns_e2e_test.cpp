@@ -1,15 +1,9 @@
 // Requests that are put off while a platform takes its time: which, and which never.
-#include <arpa/inet.h>
-#include <array>
 #include <cstdio>
-#include <cstring>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "e2e/messages.h"
 #include "e2e/slow_platform.h"
 #include "harness/agent.h"
 #include "harness/client.h"
@@ -21,88 +15,6 @@ namespace
 {
 
 using namespace std::chrono_literals;
-
-// ---- A client without a library: it closes when it likes and keeps what it is sent --
-
-std::string encoded(char tag, const std::string &content)
-{
-    const size_t length = content.size();
-    return tag + std::string{'\x82', static_cast<char>(length >> 8), static_cast<char>(length)} +
-           content;
-}
-
-// Without tag and length, which an agent may encode otherwise.
-std::string content_of(const object_name &name)
-{
-    std::string content = {static_cast<char>(name[0] * 40 + name[1])};
-    for (size_t i = 2; i < name.size(); i++) {
-        int shift = 28;
-        while (shift > 0 && name[i] >> shift == 0) {
-            shift -= 7;
-        }
-        for (; shift >= 0; shift -= 7) {
-            content += static_cast<char>((name[i] >> shift & 0x7F) | (shift > 0 ? 0x80 : 0));
-        }
-    }
-    return content;
-}
-
-// A GET of SNMPv2c.
-std::string get_message(const std::string &community, const std::vector<object_name> &names)
-{
-    std::string varbinds;
-    for (const object_name &name : names) {
-        varbinds += encoded('\x30', encoded('\x06', content_of(name)) + encoded('\x05', ""));
-    }
-    const std::string zero = encoded('\x02', std::string(1, '\0'));
-    return encoded('\x30', encoded('\x02', "\x01") + encoded('\x04', community) +
-                               encoded('\xA0', zero + zero + zero + encoded('\x30', varbinds)));
-}
-
-class connection
-{
-  public:
-    connection(int type, uint16_t port) : socket_(socket(AF_INET, type | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(port);
-        EXPECT_EQ(connect(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0)
-            << strerror(errno);
-    }
-    ~connection() { close(socket_); }
-    connection(const connection &) = delete;
-    connection &operator=(const connection &) = delete;
-
-    void send(const std::string &message) const
-    {
-        EXPECT_EQ(::send(socket_, message.data(), message.size(), 0),
-                  static_cast<ssize_t>(message.size()));
-    }
-
-    void say_no_more() const { EXPECT_EQ(shutdown(socket_, SHUT_WR), 0); }
-
-    // What comes until a text is in it, or the end; whatever there is after ten seconds.
-    std::string read_until(const std::string &text) const
-    {
-        std::string all;
-        std::array<char, 65536> buffer = {};
-        pollfd readable = {socket_, POLLIN, 0};
-        while ((text.empty() || all.find(text) == std::string::npos) &&
-               poll(&readable, 1, 10'000) == 1) {
-            const ssize_t length = recv(socket_, buffer.data(), buffer.size(), 0);
-            if (length <= 0) {
-                break;
-            }
-            all.append(buffer.data(), static_cast<size_t>(length));
-        }
-        return all;
-    }
-
-  private:
-    int socket_;
-};
 
 // ---- Others, while a client asks for many readings that are quick each -----------------
 
