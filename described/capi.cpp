@@ -68,13 +68,15 @@ bool has_alias_of_product(const description &all)
     });
 }
 
-int read_code(const std::optional<live_value> &value, int32_t *code)
+int read_code(const component &of, const char *key, const std::optional<live_value> &value,
+              int32_t *code)
 {
     if (!value || code == nullptr) {
         return failure;
     }
     live_reading reading{&*value};
     the_machine().values.read({&reading, 1});
+    the_machine().health.note(of.name, key, reading);
     if (!reading.result) {
         return failure;
     }
@@ -115,25 +117,31 @@ uint8_t raw_reading_of_0(const sensor &from)
                : 0;
 }
 
-int read_sensor(const sensor &from, capi_sensor_record &record)
+int read_sensor(const component &of, capi_sensor_record &record)
 {
-    enum { reading, raw, valid, state };
-    live_reading values[] = {{&from.reading},
+    const sensor &from = *of.sensor;
+    enum { valid, reading, raw, state };
+    static constexpr const char *keys[] = {"sensor.valid", "sensor.reading", "sensor.raw_reading",
+                                           "sensor.state"};
+    live_reading values[] = {{pointer_to(from.valid)},
+                             {&from.reading},
                              {pointer_to(from.raw_reading)},
-                             {pointer_to(from.valid)},
                              {pointer_to(from.state)}};
     the_machine().values.read(values);
     record = record_of(from);
-    if (from.valid && !values[valid].result) {
+    /* What an invalid sensor reads is of no account, nor whether it can be read. */
+    const bool is_invalid = values[valid].result == 0.0;
+    bool failed = false;
+    for (size_t i = 0; i < (is_invalid ? 1U : std::size(values)); ++i) {
+        if (values[i].value != nullptr) {
+            the_machine().health.note(of.name, keys[i], values[i]);
+            failed = failed || !values[i].result;
+        }
+    }
+    if (failed) {
         return failure;
     }
-    if (from.valid && *values[valid].result == 0.0) {
-        /* What an invalid sensor reads is of no account, nor whether it can be read. */
-        record.reading_status = CAPI_READING_INVALID;
-    } else if (!values[reading].result || (from.raw_reading && !values[raw].result) ||
-               (from.state && !values[state].result)) {
-        return failure;
-    }
+    record.reading_status = is_invalid ? CAPI_READING_INVALID : CAPI_READING_VALID;
     record.reading = static_cast<float>(values[reading].result.value_or(0.0));
     record.state = static_cast<float>(values[state].result.value_or(0.0));
     if (from.raw_reading) {
@@ -194,7 +202,7 @@ int capi_get_inventory(const char *nac_name, int mode, uint32_t *count,
     return guarded([&] {
         machine &owner = the_machine();
         if (!owner.events.watching()) {
-            load(owner, load_when::changed, complaints::now);
+            owner.file.read({.even_if_unchanged = false, .complain = true});
         }
         const std::shared_ptr<const description> all = current_description();
         if (all == nullptr) {
@@ -261,8 +269,7 @@ int capi_is_indicator_type(uint32_t component_type, int32_t *flag)
 int capi_get_sensor(int, const char *nac_name, struct capi_sensor_record *record)
 {
     return with_component(nac_name, [&](const component &found) {
-        return found.sensor == nullptr || record == nullptr ? failure
-                                                            : read_sensor(*found.sensor, *record);
+        return found.sensor == nullptr || record == nullptr ? failure : read_sensor(found, *record);
     });
 }
 
@@ -299,7 +306,7 @@ int capi_get_indicator(int, const char *nac_name, struct capi_indicator_record *
             return failure;
         }
         capi_indicator_record result{};
-        const int status = read_code(found.indicator, &result.state);
+        const int status = read_code(found, "indicator.state", found.indicator, &result.state);
         if (status == 0) {
             *record = result;
         }
@@ -389,20 +396,22 @@ int capi_get_chassis_vantor_id(char *buffer, int length)
 
 int capi_get_power_state(int, const char *nac_name, int32_t *state)
 {
-    return with_component(nac_name,
-                          [&](const component &found) { return read_code(found.power, state); });
+    return with_component(nac_name, [&](const component &found) {
+        return read_code(found, "power", found.power, state);
+    });
 }
 
 int capi_get_rdy2rm_status(int, const char *nac_name, int32_t *status)
 {
-    return with_component(
-        nac_name, [&](const component &found) { return read_code(found.ready_to_remove, status); });
+    return with_component(nac_name, [&](const component &found) {
+        return read_code(found, "ready_to_remove", found.ready_to_remove, status);
+    });
 }
 
 int capi_get_enable_disable_state(const char *nac_name, int32_t *state, char *buffer, int length)
 {
     return with_component(nac_name, [&](const component &found) {
-        const int status = read_code(found.enable, state);
+        const int status = read_code(found, "enable", found.enable, state);
         if (status == 0 && buffer != nullptr && length > 0) {
             put_text(buffer, static_cast<size_t>(length),
                      *state == CAPI_DISABLED ? "disabled" : "enabled");

@@ -10,9 +10,11 @@
 #ifndef KAVPLAT_DESCRIBED_PLATFORM_H
 #define KAVPLAT_DESCRIBED_PLATFORM_H
 
-#include "described/format/loader.h"
+#include "described/live/health.h"
 #include "described/live/live_values.h"
 #include "described/watch/event_thread.h"
+#include "described/watch/in_force.h"
+#include "described/watch/source.h"
 
 namespace described_platform
 {
@@ -20,30 +22,14 @@ namespace described_platform
 struct machine {
     explicit machine(std::string description_path);
 
-    const std::string path;
     live_values values;
-
-    std::mutex load_mutex; /* guards the three below; held while a file is read */
-    file_signature seen;
-    bool ever_tried = false;
-    std::string last_complaint;
-
+    value_health health;
+    source file;
     event_thread events; /* last: its thread uses the others */
 };
 
 /* Made at the first use in a process, and kept until the process ends. */
 machine &the_machine();
-
-/* Null until a good file was read. */
-std::shared_ptr<const description> current_description();
-
-enum class load_when { changed, always };
-/* What is wrong with a file is logged once, and only when its writer is done. */
-enum class complaints { now, later };
-
-/* Reads the file, and puts what it says in force if it is good. False when the
- * file was read and is bad. */
-bool load(machine &owner, load_when when, complaints when_to_complain);
 
 } // namespace described_platform
 

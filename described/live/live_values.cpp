@@ -45,26 +45,29 @@ std::string_view first_word(std::string_view text, bool &complete)
     return {begin, end};
 }
 
-enum class outcome { word, failure, timed_out };
+live_fault unreadable()
+{
+    return {fault_kind::unreadable, errno};
+}
 
-outcome read_word(const std::string &path, std::chrono::milliseconds bound, bool peek,
-                  std::string &word)
+live_fault read_word(const std::string &path, std::chrono::milliseconds bound, bool peek,
+                     std::string &word)
 {
     struct stat status {
     };
     if (peek && (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode))) {
-        return outcome::failure;
+        return {fault_kind::not_read_yet};
     }
     const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     if (fd < 0) {
-        return outcome::failure;
+        return unreadable();
     }
     struct closer {
         int fd;
         ~closer() { ::close(fd); }
     } const close_at_end{fd};
     if (::fstat(fd, &status) != 0) {
-        return outcome::failure;
+        return unreadable();
     }
     const bool regular = S_ISREG(status.st_mode);
     const auto deadline = std::chrono::steady_clock::now() + bound;
@@ -82,7 +85,7 @@ outcome read_word(const std::string &path, std::chrono::milliseconds bound, bool
                 continue;
             }
             if (ready <= 0) {
-                return outcome::timed_out;
+                return {fault_kind::no_answer};
             }
         }
         char buffer[longest_file_text];
@@ -91,47 +94,52 @@ outcome read_word(const std::string &path, std::chrono::milliseconds bound, bool
             continue;
         }
         if (got < 0) {
-            return outcome::failure;
+            return unreadable();
         }
         text.append(buffer, static_cast<size_t>(got));
         bool complete = false;
         const std::string_view found = first_word(text, complete);
         if (complete || got == 0 || text.size() >= longest_file_text) {
             if (found.empty() || found.size() > longest_word) {
-                return outcome::failure;
+                return {found.empty() ? fault_kind::no_word : fault_kind::long_word};
             }
             word = found;
-            return outcome::word;
+            return {};
         }
     }
 }
 
 } // namespace
 
-std::optional<double> word_to_value(const live_value &value, std::string_view word)
+void word_to_value(std::string_view word, live_reading &reading)
 {
+    const live_value &value = *reading.value;
     double result = 0;
     const auto name = std::ranges::find(value.names, word, &named_code::name);
     if (name != value.names.end()) {
         result = name->value;
     } else {
-        if (word.size() > 1 && word.front() == '+' && word[1] != '-') {
-            word.remove_prefix(1); /* which from_chars does not take */
+        std::string_view digits = word;
+        if (digits.size() > 1 && digits.front() == '+' && digits[1] != '-') {
+            digits.remove_prefix(1); /* which from_chars does not take */
         }
-        const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), result);
-        if (error != std::errc() || end != word.data() + word.size()) {
-            return std::nullopt;
+        const auto [end, error] =
+            std::from_chars(digits.data(), digits.data() + digits.size(), result);
+        if (error == std::errc::invalid_argument || end != digits.data() + digits.size()) {
+            reading.fault = {fault_kind::no_value, 0, std::string(word)};
+            return;
         }
-        result = result * value.scale + value.offset;
+        result = error == std::errc() ? result * value.scale + value.offset : NAN;
         if (value.whole) {
             result = std::nearbyint(result);
         }
     }
     /* Not a number compares false with everything. */
     if (!(result >= value.low && result <= value.high)) {
-        return std::nullopt;
+        reading.fault = {fault_kind::out_of_range, 0, std::string(word)};
+        return;
     }
-    return result;
+    reading.result = result;
 }
 
 live_values::live_values(std::chrono::milliseconds bound)
@@ -164,8 +172,12 @@ live_values::file_pointer live_values::state_of(const std::string &path)
 void live_values::serve(file_state &file, live_reading &reading, clock::time_point now)
 {
     if (file.word && now - file.word_time <= slow_value_life) {
-        reading.result = word_to_value(*reading.value, *file.word);
+        word_to_value(*file.word, reading);
         file.unseen = false;
+    } else if (file.fault.kind == fault_kind::none) {
+        reading.fault = {file.word ? fault_kind::no_answer : fault_kind::not_read_yet};
+    } else {
+        reading.fault = file.fault;
     }
 }
 
@@ -256,7 +268,7 @@ void live_values::work()
 
         const auto begin = clock::now();
         std::string word;
-        const outcome end = [&] {
+        live_fault fault = [&] {
             const at_rest rest; /* a dead file system may hold it for ever */
             return read_word(path, bound_, peek, word);
         }();
@@ -266,19 +278,21 @@ void live_values::work()
         in_background_ -= background ? 1 : 0;
         file->running = false;
         file->done = file->started;
-        if (!peek || end != outcome::failure) {
-            file->slow = end == outcome::timed_out || now - begin >= bound_;
+        const bool timed_out = fault.kind == fault_kind::no_answer;
+        if (!peek || timed_out || fault.kind == fault_kind::none) {
+            file->slow = timed_out || now - begin >= bound_;
         }
-        if (end == outcome::word) {
+        if (fault.kind == fault_kind::none) {
             file->word = std::move(word);
             file->word_time = now;
             file->unseen = true;
             file->ever_read = true;
-        } else if (end == outcome::timed_out) {
+        } else if (timed_out) {
             forget_seen_word(*file);
         } else {
             file->word.reset();
         }
+        file->fault = std::move(fault);
         if (file->wanted > file->done) {
             file->queued = false;
             enqueue(file, file->slow);
@@ -311,6 +325,7 @@ void live_values::read(std::span<live_reading> readings)
     clock::duration wait{0};
     for (live_reading &each : readings) {
         each.result.reset();
+        each.fault = {};
         if (each.value == nullptr) {
             continue;
         }
@@ -357,6 +372,9 @@ void live_values::read(std::span<live_reading> readings)
         if (each.file->done < each.number) {
             each.file->slow = true;
             forget_seen_word(*each.file);
+            if (wait == bound_) {
+                each.file->fault = {fault_kind::no_answer};
+            }
         }
         in_vain = in_vain || each.file->slow;
         serve(*each.file, *each.reading, begin);

@@ -30,13 +30,32 @@ inline constexpr std::chrono::milliseconds default_read_bound{200};
 /* For how long the newest value of a slow file is served. */
 inline constexpr std::chrono::seconds slow_value_life{10};
 
+enum class fault_kind {
+    none,
+    not_read_yet, /* nobody could afford to wait for it */
+    no_answer,    /* within the bound */
+    unreadable,
+    no_word,
+    long_word,
+    no_value,
+    out_of_range,
+};
+
+/* Why a value could not be had. */
+struct live_fault {
+    fault_kind kind = fault_kind::none;
+    int error = 0;      /* errno, of what is unreadable */
+    std::string word{}; /* that stands for no value */
+};
+
 struct live_reading {
     const live_value *value = nullptr;
     std::optional<double> result{}; /* empty: the value could not be had */
+    live_fault fault{};
 };
 
-/* The value that a file's first word stands for. */
-std::optional<double> word_to_value(const live_value &value, std::string_view word);
+/* Gives a reading the value that a file's first word stands for, or the fault. */
+void word_to_value(std::string_view word, live_reading &reading);
 
 class live_values
 {
@@ -75,6 +94,7 @@ class live_values
         bool slow = false;
         bool ever_read = false;
         std::optional<std::string> word; /* of the newest read that ended */
+        live_fault fault;                /* ... or what was wrong with it */
         clock::time_point word_time;
         bool unseen = false; /* nobody was given the word yet */
     };

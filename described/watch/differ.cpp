@@ -46,6 +46,26 @@ difference compare(const component &before, const component &after)
     return same_live_values(before, after) ? difference::none : difference::live;
 }
 
+change_count count_changes(const description *before, const description &after)
+{
+    change_count result;
+    if (before == nullptr) {
+        result.came = after.components.size();
+        return result;
+    }
+    size_t stayed = 0;
+    for (const component &now : after.components) {
+        if (const component *old = find_component(*before, now.name); old != nullptr) {
+            ++stayed;
+            result.changed += compare(*old, now) == difference::none ? 0U : 1U;
+        }
+    }
+    result.came = after.components.size() - stayed;
+    result.went = before->components.size() - stayed;
+    result.identity = before->product != after.product || before->chassis != after.chassis;
+    return result;
+}
+
 std::vector<event> differences(const description *before, const description &after)
 {
     std::vector<event> result;

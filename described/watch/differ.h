@@ -23,6 +23,16 @@ enum class difference {
 };
 difference compare(const component &before, const component &after);
 
+struct change_count {
+    size_t came = 0;
+    size_t went = 0;
+    size_t changed = 0;    /* in anything at all */
+    bool identity = false; /* of product or chassis */
+    bool operator==(const change_count &) const = default;
+};
+/* Before null: everything came. */
+change_count count_changes(const description *before, const description &after);
+
 /*
  * First the removed components, then the inserted, then the sensors to refresh,
  * then the update of the server's identity; each in the order of the inventory.

@@ -151,14 +151,14 @@ bool file_watch::still_in_place() const
            inode_ == static_cast<uint64_t>(status.st_ino);
 }
 
-file_news file_watch::take_news()
+bool file_watch::take_news()
 {
-    file_news news;
+    bool changed = false;
     alignas(inotify_event) char buffer[16384];
     for (;;) {
         const ssize_t got = ::read(inotify_, buffer, sizeof buffer);
         if (got <= 0) {
-            return news;
+            return changed;
         }
         for (ssize_t at = 0; at < got;) {
             inotify_event one;
@@ -166,7 +166,7 @@ file_news file_watch::take_news()
             const char *name = buffer + at + sizeof one;
             at += static_cast<ssize_t>(sizeof one + one.len);
             if ((one.mask & IN_Q_OVERFLOW) != 0) {
-                news.changed = news.finished = true;
+                changed = true;
                 continue;
             }
             const auto known = names_.find(one.wd);
@@ -174,19 +174,17 @@ file_news file_watch::take_news()
                 continue; /* of a watch that was given up since */
             }
             if ((one.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED)) != 0) {
-                news.directory_gone = news.directory_gone || one.wd == primary_;
                 if ((one.mask & IN_IGNORED) != 0) {
                     names_.erase(known);
+                    inode_ = one.wd == primary_ ? 0 : inode_; /* as good as not in place */
                 }
-                news.changed = true;
+                changed = true;
                 continue;
             }
             if (one.len == 0 || !known->second.contains(name)) {
                 continue;
             }
-            news.changed = true;
-            news.finished =
-                news.finished || (one.mask & (IN_CLOSE_WRITE | IN_MOVED_TO | IN_ATTRIB)) != 0;
+            changed = true;
             if ((one.mask & (IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO)) != 0) {
                 /* At once, so that the end of a directory that a link led to
                  * until now is not taken for the end of ours. */

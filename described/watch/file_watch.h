@@ -18,12 +18,6 @@
 namespace described_platform
 {
 
-struct file_news {
-    bool changed = false;  /* the file may have changed */
-    bool finished = false; /* ... and whoever changed it is done with it */
-    bool directory_gone = false;
-};
-
 class file_watch
 {
   public:
@@ -35,8 +29,8 @@ class file_watch
     /* Watches what there is now; false when the path's directory is not there. */
     bool establish();
 
-    /* Takes in what happened, without waiting. */
-    file_news take_news();
+    /* Takes in what happened, without waiting: whether the file may have changed. */
+    bool take_news();
 
     /* Whether the path's directory is still the one that is watched; for file
      * systems and renames that tell nobody. */

@@ -132,7 +132,8 @@ TEST_F(capi, a_bad_file_at_start_is_logged_once_and_gives_no_inventory_until_it_
     EXPECT_EQ(strings{}, names("/", CAPI_INVENTORY_ROOT));
     const strings log = log_lines();
     ASSERT_EQ(2U, log.size());
-    EXPECT_TRUE(log[0].starts_with("3:" + path.string() + ":2: /components/1/type (/SYS/A): expected "))
+    EXPECT_TRUE(
+        log[0].starts_with("3:" + path.string() + ":2: /components/1/type (/SYS/A): expected "))
         << log[0];
     EXPECT_EQ("3:" + path.string() + ": refused; there is no inventory until it is good\n", log[1]);
     replace_file(path, described(""));

@@ -4,6 +4,7 @@
 #include "platform/capi.h"
 #include "platform/event_mgr.h"
 
+#include <algorithm>
 #include <csignal>
 #include <dirent.h>
 #include <fstream>
@@ -21,7 +22,6 @@ std::string plain(const std::string &name)
 }
 
 const std::string empty = described("");
-const delivered disconnected{-1, -1, "(null)"};
 
 delivered removed(const std::string &name)
 {
@@ -110,7 +110,7 @@ TEST_F(event_manager, a_half_written_file_is_not_complained_of)
     file << text.substr(text.size() / 2) << std::flush;
     file.close();
     EXPECT_EQ(events{inserted("/SYS/A")}, told.wait_for(1));
-    EXPECT_EQ(std::vector<std::string>{}, log_lines());
+    EXPECT_EQ(std::vector<std::string>{}, errors_logged());
 }
 
 TEST_F(event_manager, a_swapped_symbolic_link_to_the_file_is_noticed)
@@ -141,7 +141,7 @@ TEST_F(event_manager, a_swapped_symbolic_link_on_the_way_is_noticed)
     std::filesystem::create_directory_symlink("v2", directory / "next");
     std::filesystem::rename(directory / "next", directory / "data");
     std::filesystem::remove_all(directory / "v1");
-    EXPECT_EQ(events{inserted("/SYS/A")}, told.wait_for(1)) << "and no DISCONNECT";
+    EXPECT_EQ(events{inserted("/SYS/A")}, told.wait_for(1)) << "and the directory is not gone";
 }
 
 TEST_F(event_manager, the_directory_itself_may_be_reached_through_a_link_that_is_swapped)
@@ -156,7 +156,7 @@ TEST_F(event_manager, the_directory_itself_may_be_reached_through_a_link_that_is
     std::filesystem::create_directory_symlink("v2", directory / "next");
     std::filesystem::rename(directory / "next", directory / "data");
     std::filesystem::remove_all(directory / "v1");
-    EXPECT_EQ(events{inserted("/SYS/A")}, told.wait_for(1)) << "and no DISCONNECT";
+    EXPECT_EQ(events{inserted("/SYS/A")}, told.wait_for(1)) << "and the directory is not gone";
 }
 
 TEST_F(event_manager, a_deleted_file_is_logged_and_changes_nothing_until_it_is_back)
@@ -360,17 +360,33 @@ TEST_F(event_manager, unknown_handles_and_null_arguments_are_refused)
     EXPECT_NE(0, event_mgr_get_handle(&handle, nullptr, &told));
 }
 
-TEST_F(event_manager, without_a_directory_there_is_no_handle_and_that_is_logged_once)
+/* Longer than whoever asks for a handle goes on asking. */
+constexpr std::chrono::hours long_time{1};
+
+TEST_F(event_manager, a_directory_that_comes_late_is_served)
 {
-    ::setenv("KAVPLAT_DESCRIPTION", (directory / "later" / "server.json").c_str(), 1);
-    event_mgr_handle handle = 0;
-    EXPECT_NE(0, event_mgr_get_handle(&handle, subscriber::callback, &told));
-    EXPECT_NE(0, event_mgr_get_handle(&handle, subscriber::callback, &told));
-    const auto log = log_lines();
-    ASSERT_EQ(1U, log.size());
-    EXPECT_NE(std::string::npos, log[0].find("later/: expected a directory"));
-    std::filesystem::create_directory(directory / "later");
-    EXPECT_EQ(0, event_mgr_get_handle(&handle, subscriber::callback, &told));
+    const auto later = directory / "later";
+    const auto file = later / "server.json";
+    ::setenv("KAVPLAT_DESCRIPTION", file.c_str(), 1);
+    const event_mgr_handle handle = open();
+    EXPECT_EQ(handle + 1, open()) << "as often as one asks";
+    EXPECT_TRUE(listed_below("/").empty());
+    EXPECT_EQ((std::vector<std::string>{
+                  "3:" + later.string() +
+                  "/: the directory of the description is not there; there is no inventory until "
+                  "it is back\n"}),
+              log_lines());
+    described_platform::the_machine().events.let_pass(long_time);
+    std::filesystem::create_directory(later);
+    ASSERT_TRUE(wait_for_log("the directory of the description is back"));
+    ASSERT_TRUE(wait_for_log(": refused; there is no inventory until it is good"));
+    described_platform::the_machine().events.let_pass(long_time);
+    write_file(file, empty);
+    ASSERT_TRUE(wait_for_log(": in force; components: 1 (1 came, 0 went, 0 changed)"));
+    EXPECT_EQ(std::vector<std::string>{"/SYS"}, listed_below("/"));
+    subscribe_all(handle);
+    write_file(file, described(plain("/SYS/A")));
+    EXPECT_EQ(events{inserted("/SYS/A")}, told.wait_for(1));
 }
 
 TEST_F(event_manager, with_a_bad_file_there_is_a_handle_and_the_inventory_comes_with_a_good_one)
@@ -389,79 +405,85 @@ TEST_F(event_manager, with_a_bad_file_there_is_a_handle_and_the_inventory_comes_
     EXPECT_EQ(events{inserted("/SYS/A")}, told.wait_for(1)) << "and not the root once more";
 }
 
-TEST_F(event_manager, a_removed_directory_disconnects_and_a_new_one_connects)
-{
-    const auto inner = directory / "inner";
-    std::filesystem::create_directory(inner);
-    const auto file = inner / "server.json";
-    ::setenv("KAVPLAT_DESCRIPTION", file.c_str(), 1);
-    write_file(file, described(plain("/SYS/A")));
-    const event_mgr_handle old = follow();
-    std::filesystem::remove_all(inner);
-    EXPECT_EQ(events{disconnected}, told.wait_for(1));
-    EXPECT_EQ((std::vector<std::string>{"/SYS", "/SYS/A"}), listed_below("/SYS"))
-        << "what was there stays";
-    EXPECT_NE(0, event_mgr_subscribe_event(old, 105, 2)) << "the handle is dead";
-    event_mgr_handle handle = 0;
-    EXPECT_NE(0, event_mgr_get_handle(&handle, subscriber::callback, &told));
-
-    std::filesystem::create_directory(inner);
-    write_file(file, described(plain("/SYS/A")));
-    ASSERT_EQ(0, event_mgr_get_handle(&handle, subscriber::callback, &told));
-    subscribe_all(handle);
-    write_file(file, described(plain("/SYS/A") + "," + plain("/SYS/B")));
-    EXPECT_EQ((events{disconnected, inserted("/SYS/B")}), told.wait_for(2));
-}
-
-TEST_F(event_manager, a_renamed_directory_disconnects)
-{
-    const auto inner = directory / "inner";
-    std::filesystem::create_directory(inner);
-    ::setenv("KAVPLAT_DESCRIPTION", (inner / "server.json").c_str(), 1);
-    write_file(inner / "server.json", empty);
-    follow();
-    std::filesystem::rename(inner, directory / "other");
-    EXPECT_EQ(events{disconnected}, told.wait_for(1));
-}
-
-TEST_F(event_manager, a_directory_renamed_far_above_disconnects)
+TEST_F(event_manager, a_directory_that_was_away_is_served_again_after_any_time)
 {
     const auto inner = directory / "a" / "b" / "c";
     std::filesystem::create_directories(inner);
-    ::setenv("KAVPLAT_DESCRIPTION", (inner / "server.json").c_str(), 1);
-    write_file(inner / "server.json", empty);
-    follow();
-    std::filesystem::rename(directory / "a", directory / "z");
-    EXPECT_EQ(events{disconnected}, told.wait_for(1));
-}
-
-TEST_F(event_manager, what_changed_while_disconnected_is_told_after_the_reconnection)
-{
-    const auto inner = directory / "inner";
-    std::filesystem::create_directory(inner);
     const auto file = inner / "server.json";
     ::setenv("KAVPLAT_DESCRIPTION", file.c_str(), 1);
     write_file(file, described(plain("/SYS/A")));
     follow();
-    std::filesystem::remove_all(inner);
-    told.wait_for(1);
-    std::filesystem::create_directory(inner);
-    write_file(file, described(plain("/SYS/B")));
-    subscribe_all(open());
-    EXPECT_EQ((events{disconnected, removed("/SYS/A"), inserted("/SYS/B")}), told.wait_for(3));
+    events expected;
+    const auto away = [&](const std::function<void()> &go, const std::function<void()> &come,
+                          const std::string &name) {
+        clear_log();
+        const std::string old = listed_below("/").back();
+        go();
+        /* Of a rename far above nobody is told. */
+        described_platform::the_machine().events.let_pass(std::chrono::seconds(2));
+        ASSERT_TRUE(wait_for_log("c/: the directory of the description is gone; its last content "
+                                 "stays in force until it is back"));
+        described_platform::the_machine().events.let_pass(long_time);
+        EXPECT_EQ((std::vector<std::string>{"/SYS", old}), listed_below("/SYS"));
+        come();
+        replace_file(file, described(plain(name)));
+        expected.push_back(removed(old));
+        expected.push_back(inserted(name));
+        EXPECT_EQ(expected, told.wait_for(expected.size()));
+        EXPECT_TRUE(wait_for_log("c/: the directory of the description is back"));
+        EXPECT_TRUE(wait_for_log(": in force; components: 2 (1 came, 1 went, 0 changed)"));
+        EXPECT_EQ(1U, errors_logged().size());
+    };
+    away([&] { std::filesystem::remove_all(inner); },
+         [&] { std::filesystem::create_directory(inner); }, "/SYS/B");
+    away([&] { std::filesystem::rename(inner, directory / "x"); },
+         [&] { std::filesystem::rename(directory / "x", inner); }, "/SYS/C");
+    away([&] { std::filesystem::rename(directory / "a", directory / "z"); },
+         [&] { std::filesystem::rename(directory / "z", directory / "a"); }, "/SYS/D");
 }
 
-TEST_F(event_manager, a_handle_lost_before_its_subscriptions_is_told_so_after_them)
+TEST_F(event_manager, what_comes_into_force_is_said_in_one_line)
 {
-    const auto inner = directory / "inner";
-    std::filesystem::create_directory(inner);
-    ::setenv("KAVPLAT_DESCRIPTION", (inner / "server.json").c_str(), 1);
-    write_file(inner / "server.json", empty);
-    const event_mgr_handle handle = open();
-    std::filesystem::remove_all(inner);
-    ASSERT_TRUE(wait_for_log("the directory of the description is gone"));
-    subscribe_all(handle);
-    EXPECT_EQ(events{disconnected}, told.wait_for(1));
+    const auto line = [&](const char *changes) {
+        return "6:" + path.string() + ": in force; components: " + changes + "\n";
+    };
+    write_file(path, described(plain("/SYS/A") + "," + plain("/SYS/B") + "," + plain("/SYS/C")));
+    follow();
+    write_file(path, described(plain("/SYS/A") + "," +
+                               R"({"name": "/SYS/B", "type": 9, "power": "on"},
+                                  {"name": "/SYS/C", "type": 10}, {"name": "/SYS/D", "type": 9},
+                                  {"name": "/SYS/E", "type": 9})"));
+    told.wait_for(4);
+    replace_file(path, described(plain("/SYS/A"), R"(, "product": {})"));
+    told.wait_for(9);
+    write_file(path, "{");
+    ASSERT_TRUE(wait_for_log("refused"));
+    replace_file(path, described(plain("/SYS/A"), R"(, "product": {})"));
+    ASSERT_TRUE(wait_for_log("(0 came, 0 went, 0 changed)"));
+    std::vector<std::string> lines = log_lines();
+    std::erase_if(lines, [](const std::string &each) { return each.starts_with("3:"); });
+    EXPECT_EQ((std::vector<std::string>{
+                  line("4 (4 came, 0 went, 0 changed)"), line("6 (2 came, 0 went, 2 changed)"),
+                  line("2 (0 came, 4 went, 0 changed); the identity of product or chassis changed"),
+                  line("2 (0 came, 0 went, 0 changed)")}),
+              lines);
+}
+
+TEST_F(event_manager, fifty_errors_of_a_file_are_enough)
+{
+    std::string components;
+    for (int i = 0; i < 60; ++i) {
+        components += (i == 0 ? "" : ",") + (R"({"name": "/SYS/)" + std::to_string(i)) +
+                      R"(", "type": "none"})";
+    }
+    write_file(path, described(components));
+    open();
+    ASSERT_TRUE(wait_for_log(": refused"));
+    const std::vector<std::string> lines = log_lines();
+    ASSERT_EQ(52U, lines.size());
+    EXPECT_NE(std::string::npos, lines[49].find("/components/50/type"));
+    EXPECT_EQ("3:" + path.string() + ": and 10 more errors; kavplat-check tells them all\n",
+              lines[50]);
 }
 
 TEST_F(event_manager, a_callback_may_ask_for_a_handle)

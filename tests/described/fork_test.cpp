@@ -1,4 +1,5 @@
 /* A daemon forks after it has loaded its modules: the child has no thread. */
+#include "described/live/log.h"
 #include "described/live/threads.h"
 #include "described/platform.h"
 #include "described/support.h"
@@ -153,6 +154,24 @@ TEST_F(forked, a_thread_that_never_rests_is_waited_for_once)
         go_on.notify_all();
     }
     described_platform::longest_wait_before_fork = usual;
+}
+
+TEST_F(forked, the_child_may_log_though_others_were_logging)
+{
+    std::atomic<bool> stop = false;
+    std::thread other([&] { /* calls the platform, which knows nothing of it */
+                            while (!stop) {
+                                described_platform::log_info("busy");
+                            }
+    });
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(0, in_child([] {
+                      described_platform::log_info("child");
+                      return 0;
+                  }));
+    }
+    stop = true;
+    other.join();
 }
 
 TEST_F(forked, the_child_gets_events_with_a_handle_of_its_own)

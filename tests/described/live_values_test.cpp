@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <fcntl.h>
+#include <functional>
 #include <limits>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -315,6 +316,117 @@ TEST_F(live, readers_on_many_threads_all_get_their_values)
         each.join();
     }
     EXPECT_EQ(0, wrong);
+}
+
+std::string line_of(const char *priority, const std::string &rest)
+{
+    return std::string(priority) + ":/SYS/T: sensor.reading: " + rest + "\n";
+}
+
+TEST_F(live, each_fault_of_a_bound_file_is_told_once_with_the_file_and_the_reason)
+{
+    const std::filesystem::path file = directory / "t";
+    const auto holds = [&](const std::string &text) { return [=] { write_file(file, text); }; };
+    const auto links_to = [&](const char *target) {
+        return [=] { std::filesystem::create_symlink(target, file); };
+    };
+    const std::string unreadable = "a file that can not be read: ";
+    const std::vector<std::pair<std::function<void()>, std::string>> faults = {
+        {[] {}, unreadable + "No such file or directory"},
+        {links_to("nowhere"), unreadable + "No such file or directory"},
+        {links_to("t"), unreadable + "Too many levels of symbolic links"},
+        {links_to("server.json/t"), unreadable + "Not a directory"},
+        {[&] { std::filesystem::create_directory(file); }, unreadable + "Is a directory"},
+        {[&] {
+             write_file(file, "1");
+             std::filesystem::permissions(file, std::filesystem::perms::none);
+         },
+         ::geteuid() == 0 ? "" : unreadable + "Permission denied"},
+        {[&] { ASSERT_EQ(0, ::mkfifo(file.c_str(), 0600)); }, "no answer in time"},
+        {holds(""), "an empty file"},
+        {holds(" \n\t"), "an empty file"},
+        {holds("hot\n"), "\"hot\""},
+        {holds("12C"), "\"12C\""},
+        {holds("h\x01\xfft"), "\"h??t\""},
+        {holds("nan"), "\"nan\", which is out of range"},
+        {holds("-1e39"), "\"-1e39\", which is out of range"},
+        {holds("1e999"), "\"1e999\", which is out of range"},
+        {holds(std::string(65, '1')), "a word that is too long for either"},
+    };
+    for (const auto &[make, found] : faults) {
+        described_platform_stop();
+        write_file(file, "1");
+        describe_reading(R"({"file": "t"})");
+        EXPECT_EQ(1.0F, reading());
+        clear_log();
+        std::filesystem::remove(file);
+        make();
+        std::vector<std::string> expected;
+        if (!found.empty()) {
+            EXPECT_TRUE(std::isnan(reading()));
+            EXPECT_TRUE(std::isnan(reading()));
+            expected = {line_of("3", file.string() +
+                                         ": expected a number in the range of single precision, "
+                                         "found " +
+                                         found),
+                        line_of("6", file.string() + ": good again")};
+        }
+        EXPECT_EQ(expected.empty() ? 0U : 1U, log_lines().size()) << found;
+        std::filesystem::remove(file);
+        write_file(file, "2");
+        for (const auto deadline = clock_type::now() + patience;
+             reading() != 2.0F && clock_type::now() < deadline;) {
+        }
+        EXPECT_EQ(2.0F, reading());
+        EXPECT_EQ(expected, log_lines());
+    }
+}
+
+TEST_F(live, a_value_that_is_bad_in_another_way_is_told_again)
+{
+    write_file(path, described(R"({"name": "/SYS/A", "type": 9, "power": {"file": "power"}})"));
+    enumerate();
+    clear_log();
+    int32_t code = 0;
+    for (const char *text : {"hot", "cold", "", "on", "hot"}) {
+        write_file(directory / "power", text);
+        capi_get_power_state(0, "/SYS/A", &code);
+    }
+    const std::string place = "/SYS/A: power: " + (directory / "power").string() + ": ";
+    const std::string expected = place + "expected \"off\", \"on\", \"standby\", "
+                                         "\"shutting-down\", a number -2147483648 to 2147483647, "
+                                         "found ";
+    EXPECT_EQ((std::vector<std::string>{
+                  "3:" + expected + "\"hot\"\n", "3:" + expected + "an empty file\n",
+                  "6:" + place + "good again\n", "3:" + expected + "\"hot\"\n"}),
+              log_lines());
+}
+
+TEST_F(live, a_value_stays_known_as_bad_while_it_is_bound_and_no_longer)
+{
+    const std::string bound = R"({"name": "/SYS/A", "type": 9, "power": {"file": "power"}})";
+    const auto bad_lines = [&](const std::string &components) {
+        replace_file(path, described(components));
+        enumerate();
+        int32_t code = 0;
+        capi_get_power_state(0, "/SYS/A", &code);
+        return errors_logged().size();
+    };
+    EXPECT_EQ(1U, bad_lines(bound));
+    EXPECT_EQ(1U, bad_lines(bound + R"(, {"name": "/SYS/B", "type": 9})"));
+    EXPECT_EQ(1U, bad_lines(""));
+    EXPECT_EQ(2U, bad_lines(bound));
+}
+
+TEST_F(live, what_an_invalid_sensor_reads_is_not_complained_of)
+{
+    describe_sensor(R"("class": 1, "type": 1, "reading": {"file": "t"}, "valid": {"file": "v"})");
+    write_file(directory / "v", "false");
+    EXPECT_EQ(0.0F, reading());
+    EXPECT_EQ(std::vector<std::string>{}, errors_logged());
+    write_file(directory / "v", "maybe");
+    EXPECT_TRUE(std::isnan(reading()));
+    EXPECT_EQ(2U, errors_logged().size()) << "of both";
 }
 
 } // namespace

@@ -79,6 +79,13 @@ std::vector<std::string> log_lines()
     return log_text;
 }
 
+std::vector<std::string> errors_logged()
+{
+    std::vector<std::string> lines = log_lines();
+    std::erase_if(lines, [](const std::string &line) { return !line.starts_with("3:"); });
+    return lines;
+}
+
 void clear_log()
 {
     const std::lock_guard lock(log_mutex);

@@ -23,6 +23,7 @@ void replace_file(const std::filesystem::path &path, const std::string &text);
 
 /* All that went to the agent's log since the last clear_log(). */
 std::vector<std::string> log_lines();
+std::vector<std::string> errors_logged(); /* of these */
 void clear_log();
 /* False when no such line comes. */
 bool wait_for_log(const std::string &part);
