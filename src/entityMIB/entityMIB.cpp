@@ -45,11 +45,6 @@ void look_for_fork_once_running()
 
 } // namespace
 
-bool entity_module_is_loaded()
-{
-    return loaded.entityMIB;
-}
-
 } // namespace kavplat
 
 void init_entityMIB(void)

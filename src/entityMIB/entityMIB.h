@@ -67,14 +67,4 @@ void setStringMaybeNull(netsnmp_variable_list *var, const char *text);
 }
 #endif
 
-#ifdef __cplusplus
-namespace kavplat
-{
-
-// Whether init_entityMIB was called: without it there is no cache to look at.
-bool entity_module_is_loaded();
-
-} // namespace kavplat
-#endif
-
 #endif

@@ -1,7 +1,7 @@
 #include "entitySensorMIB/entitySensorMIB.h"
 
-#include "entityMIB/entityMIB.h"
 #include "entitySensorMIB/entPhySensorTable.h"
+#include "kavdata/cache.h"
 #include "trace/trace.h"
 
 #include <net-snmp/agent/agent_callbacks.h>
@@ -17,8 +17,6 @@ oid module_oid[] = {1, 3, 6, 1, 2, 1, 99};
 constexpr char description[] =
     "ENTITY-SENSOR-MIB: readings of the sensors in entPhysicalTable, read-only.";
 
-bool is_serving = false;
-
 } // namespace
 
 } // namespace kavplat
@@ -28,17 +26,18 @@ void init_entitySensorMIB(void)
     using namespace kavplat;
 
     KAV_TRACE("entitySensorMIB", "%s\n", "init_entitySensorMIB");
-    if (!entity_module_is_loaded()) {
+    if (!loaded.entityMIB) {
         snmp_log(LOG_ERR, "entitySensorMIB: nothing is served without entityMIB: "
                           "put a dlmod line for entityMIB before this module's\n");
         return;
     }
-    if (is_serving) {
-        snmp_log(LOG_INFO, "entitySensorMIB: is loaded already, which is enough\n");
+    if (loaded.entitySensorMIB) {
+        snmp_log(LOG_WARNING, "entitySensorMIB: loaded again, which changes nothing: the table of "
+                              "the first time goes on\n");
         return;
     }
     if (register_table(entPhySensorTable) == MIB_REGISTERED_OK) {
-        is_serving = true;
+        loaded.entitySensorMIB = true;
         REGISTER_SYSOR_ENTRY(module_oid, description);
     }
 }

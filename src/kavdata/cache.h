@@ -88,6 +88,7 @@ int prepare_cache_lock();
 struct loaded_modules {
     bool entityMIB;
     bool kavPlatMIB;
+    bool entitySensorMIB;
 };
 extern loaded_modules loaded;
 

@@ -18,7 +18,7 @@ below() {
     table | monitor) echo kavdata ;;
     entityMIB) echo table monitor kavdata ;;
     kavPlatMIB) echo table kavdata ;;
-    entitySensorMIB) echo entityMIB table kavdata ;;
+    entitySensorMIB) echo table kavdata ;;
     *) return 1 ;;
     esac
 }
