@@ -246,8 +246,16 @@ TEST_F(check, reads_each_bound_value_and_says_why_one_cannot_be_had)
     ASSERT_EQ(4U, lines.size()) << out.str();
     EXPECT_TRUE(lines.contains(file + "/SYS/L indicator/state: 4 (fast-blink)" + from + "/led"));
     EXPECT_TRUE(lines.contains(file + "/SYS/T sensor/reading: 24.5" + from + "/t"));
-    EXPECT_TRUE(lines.contains(file + "/SYS/T sensor/raw_reading: cannot be had" + from + "/bad"));
-    EXPECT_TRUE(lines.contains(file + "/SYS/T sensor/valid: cannot be had" + from + "/none"));
+    EXPECT_TRUE(lines.contains(file +
+                               "/SYS/T sensor/raw_reading: cannot be had (expected a number 0 to "
+                               "255, found \"lukewarm\")" +
+                               from + "/bad"));
+    EXPECT_TRUE(lines.contains(
+        file +
+        "/SYS/T sensor/valid: cannot be had (expected \"true\", \"false\", a number in the "
+        "range of single precision, found a file that can not be read: No such file or "
+        "directory)" +
+        from + "/none"));
 }
 
 TEST_F(check, waits_in_vain_for_each_file_that_hangs_and_blames_no_other)

@@ -3,7 +3,7 @@
 #include "described/format/component_types.h"
 #include "described/format/json_text.h"
 #include "described/format/loader.h"
-#include "described/live/live_values.h"
+#include "described/live/health.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -69,7 +69,8 @@ void print_readings(std::ostream &out, const std::string &file, const descriptio
                     out << " (" << name->name << ')';
                 }
             } else {
-                out << "cannot be had";
+                out << "cannot be had (expected " << expectation_of(*one.value) << ", found "
+                    << to_text(reading.fault) << ')';
             }
             out << ", from " << one.value->file << '\n';
         }
