@@ -14,7 +14,9 @@
  *    be released.
  *  - Records are native structures in the byte order of the host. The caller
  *    owns the memory of the records that it passes in.
- *  - Texts are NUL-terminated within their field.
+ *  - Texts are NUL-terminated within their field. Of serial numbers, aliases and
+ *    vantor identifiers the first 31 bytes are served, of the description of a type
+ *    255, both in whole characters, and of all other texts all.
  *  - A NAC name is a component's slash-separated path such as "/SYS/MB/P0".
  *    Its parent is what stands before the last '/'.
  *  - Calls arrive from several threads at once: the agent's thread (while a
@@ -175,7 +177,9 @@ struct capi_inventory_record {
 
 /* A sensor's reading and what is known of the sensor: 128 bytes. */
 struct capi_sensor_record {
-    char name[64];        /* the sensor's own name, bounded, NUL-terminated */
+    char name[64];        /* the sensor's own name, bounded, NUL-terminated. A discrete
+                             sensor that has "/SYS/IOX" and "SWITCH" in it is a switch:
+                             on or standby, where nothing else says what it is. */
     int32_t sensor_class; /* enum capi_sensor_class */
     int32_t sensor_type;  /* enum capi_sensor_type */
     int32_t units;        /* enum capi_sensor_units, 0 when none fits */
