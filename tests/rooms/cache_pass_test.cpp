@@ -347,6 +347,78 @@ TEST_F(cache_pass, a_sensor_that_is_removed_during_its_refresh)
     EXPECT_TRUE(freed.has(entry));
 }
 
+// Before it is found and while it is, as well as later.
+TEST_F(cache_pass, a_sensor_that_is_removed_while_its_refresh_looks_it_up)
+{
+    build({"/SYS", "/SYS/T0"});
+    freed_blocks freed;
+    const phys_entry *entry = row("/SYS/T0");
+    const auto self = std::this_thread::get_id();
+    bool removed = false;
+    fake_system::on_pthread_mutex_unlock.set([&](pthread_mutex_t *mutex) {
+        const int result = pthread_mutex_unlock(mutex);
+        if (std::this_thread::get_id() == self && !removed) { // its name was looked at
+            removed = true;
+            std::thread([] { remove("/SYS/T0"); }).join();
+            EXPECT_FALSE(freed.has(entry));
+        }
+        return result;
+    });
+    reload_thresholds("/SYS/T0");
+    fake_system::on_pthread_mutex_unlock.clear();
+    EXPECT_TRUE(removed);
+    EXPECT_EQ(get_entry(2), nullptr);
+    EXPECT_EQ(platform.calls("capi_get_sensor_info"), 0U);
+    end_pass();
+    EXPECT_TRUE(freed.has(entry));
+}
+
+// Whatever takes rows and arrays out of service: first it does, then it frees them.
+TEST_F(cache_pass, nothing_is_freed_that_is_still_to_be_found)
+{
+    build_server(20);
+    std::set<const void *> names;
+    for (uint32_t i = 1; i <= maxPhysicalIndex; i++) {
+        names.insert(get_entry(i)->entPhysicalName);
+    }
+    size_t freed_names = 0;
+    size_t found = 0;
+    fake_system::on_free.set([&](void *block) {
+        if (physicalTable && block) {
+            found += block == block_of(physicalTable) ? 1U : 0U;
+            for (uint32_t i = 0; i <= 20; i++) {
+                found += physicalTable[i] == block ? 1U : 0U;
+            }
+        }
+        if (names.erase(block) != 0) {
+            freed_names++;
+            for (uint32_t b = 0; htab && b < htab->bucket_count; b++) {
+                for (const hash_entry *e = htab->buckets[b]; e; e = e->next) {
+                    found += *static_cast<const void *const *>(e->key) == block ? 1U : 0U;
+                }
+            }
+        }
+        free(block);
+    });
+    remove("/SYS/C3");
+    EXPECT_EQ(freed_names, 1U);
+    grow();
+    unplug("/SYS/C5");
+    update("/SYS");
+    EXPECT_EQ(freed_names, 2U);
+    plug({"/SYS/N"});
+    localCacheSize = maxPhysicalIndex;
+    fake_system::fail_allocation(1);
+    insert("/SYS/N"); // drops the cache
+    EXPECT_EQ(freed_names, 20U);
+    fake_system::on_free.clear();
+    EXPECT_EQ(found, 0U);
+    EXPECT_EQ(maxPhysicalIndex, 0U);
+    EXPECT_EQ(physicalTable, nullptr);
+    EXPECT_EQ(localCacheSize, 0U);
+    EXPECT_EQ(htab, nullptr);
+}
+
 TEST_F(cache_pass, memory_stays_flat_while_rows_come_and_go)
 {
     build({"/SYS", "/SYS/A"});

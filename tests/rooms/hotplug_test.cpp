@@ -646,16 +646,24 @@ TEST_F(hotplug, an_update_only_rebuilds_a_dropped_cache)
     expect_consistent();
 }
 
-TEST_F(hotplug, a_missing_name_index_alone_rebuilds_too)
+TEST_F(hotplug, a_missing_name_index_or_the_flag_alone_rebuilds_too)
 {
-    for (void (*event)(const char *) : {&hotplug::insert, &hotplug::remove, &hotplug::update}) {
-        build({"/SYS", "/SYS/A"});
-        kavplat::destroy_name_index(true);
-        ASSERT_EQ(cache_valid, 1);
-        event("/SYS/A");
-        ASSERT_NE(htab, nullptr);
-        EXPECT_NE(kavplat::find_name("/SYS"), 0U);
-        expect_consistent();
+    for (const bool flag : {false, true}) {
+        for (void (*event)(const char *) : {&hotplug::insert, &hotplug::remove, &hotplug::update}) {
+            build({"/SYS", "/SYS/A"});
+            if (flag) {
+                cache_valid = 0;
+            } else {
+                kavplat::destroy_name_index(true);
+            }
+            platform.forget_calls();
+            event("/SYS/A");
+            EXPECT_EQ(platform.calls("capi_get_inventory", "/SYS"), 1U);
+            EXPECT_EQ(cache_valid, 1);
+            ASSERT_NE(htab, nullptr);
+            EXPECT_NE(kavplat::find_name("/SYS"), 0U);
+            expect_consistent();
+        }
     }
 }
 

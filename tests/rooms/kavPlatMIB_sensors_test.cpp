@@ -76,23 +76,6 @@ TEST_F(sensor_tables, each_lists_its_kind)
     EXPECT_EQ(indexes_of(table_named("kavPlatDiscreteSensorTable")), indexes{5});
 }
 
-TEST_F(sensor_tables, a_walk_of_discrete_sensors_skips_a_start_of_0)
-{
-    build_rows(2);
-    kavplat::entry_at(1)->entPhysicalClass = PHYSICAL_CLASS_SENSOR;
-    kavplat::entry_at(1)->sensorKind = SENSOR_KIND_DISCRETE;
-    // Not even an entry in the slot that never holds one is found there.
-    physicalTable[0] = kavplat::entry_at(1);
-    table_steps steps(kavPlatDiscreteSensorTable_get_first_data_point,
-                      kavPlatDiscreteSensorTable_get_next_data_point);
-    steps.set_index(0);
-    EXPECT_TRUE(steps.first());
-    EXPECT_EQ(steps.index(), 1U);
-    EXPECT_FALSE(steps.next());
-    physicalTable[0] = nullptr;
-    end_pass();
-}
-
 // ---- The read before a column is served ----
 
 struct sensor_table {

@@ -89,6 +89,7 @@ TEST_F(monitor, an_event_manager_that_is_never_available)
         nonzero_at_sleep += emHandle != 0 ? 1 : 0;
         return 0U;
     });
+    platform->handle_failure_rc = 1; // any but 0
     const agent_log log({"monitor", "trace"});
     EXPECT_EQ(evtmgr_register(), -1);
     EXPECT_EQ(platform.calls("event_mgr_get_handle"), 10U);
@@ -140,22 +141,24 @@ TEST_F(monitor, a_failed_subscription_ends_the_registration)
 {
     struct failure {
         unsigned number;
+        int rc;
         const char *text;
     };
     for (const failure &f :
-         {failure{1, "evtmgr_register:unabled to subscribe event class\n"},
-          {2, "evtmgr_register:subscribe hot insert failed, rc=-31\n"},
-          {3, "evtmgr_register:subscribe hot remove failed. rc=-31\n"},
-          {4, "evtmgr_register:subscribe chassis update inventory failed, rc=-31\n"},
-          {5, "evtmgr_register:subscribe internal sensor refresh failed, rc=-31\n"}}) {
+         {failure{1, 31, "evtmgr_register:unabled to subscribe event class\n"},
+          {1, -31, "evtmgr_register:unabled to subscribe event class\n"},
+          {2, -31, "evtmgr_register:subscribe hot insert failed, rc=-31\n"},
+          {3, 31, "evtmgr_register:subscribe hot remove failed. rc=31\n"},
+          {4, -31, "evtmgr_register:subscribe chassis update inventory failed, rc=-31\n"},
+          {5, 31, "evtmgr_register:subscribe internal sensor refresh failed, rc=31\n"}}) {
         SCOPED_TRACE(f.number);
-        platform->subscription_failures = {{f.number, -31}};
+        platform->subscription_failures = {{f.number, f.rc}};
         const size_t before = platform.subscriptions().size();
         const agent_log log({"monitor", "trace"});
         EXPECT_EQ(evtmgr_register(), -1);
         std::vector<fake_subscription> expected = all_subscriptions(platform.handle());
         expected.resize(f.number);
-        expected.back().rc = -31;
+        expected.back().rc = f.rc;
         std::vector<fake_subscription> made = platform.subscriptions();
         made.erase(made.begin(), made.begin() + static_cast<std::ptrdiff_t>(before));
         EXPECT_EQ(made, expected);

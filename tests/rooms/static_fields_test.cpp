@@ -246,8 +246,9 @@ TEST_F(static_fields, an_indicator_type_is_other_and_an_indicator)
     build_one(12); // else a fan
     EXPECT_EQ(entry()->entPhysicalClass, 1);
     EXPECT_EQ(entry()->platPhysicalClass, 2);
-    // Who cannot say is no indicator, whatever was left in the flag.
+    // Who cannot say is no indicator, even if the flag says so.
     platform->fail["capi_is_indicator_type"] = -1;
+    platform->answer_on_failure = true;
     build_one(12);
     EXPECT_EQ(entry()->entPhysicalClass, 7);
     EXPECT_EQ(entry()->platPhysicalClass, 1);
@@ -262,6 +263,7 @@ TEST_F(static_fields, a_sensor_type_goes_before_an_indicator_type)
     EXPECT_EQ(entry()->entPhysicalClass, 8);
     EXPECT_EQ(entry()->platPhysicalClass, 1);
     platform->fail["capi_is_sensor_type"] = 1;
+    platform->answer_on_failure = true;
     build_one(sensor_type);
     EXPECT_EQ(entry()->entPhysicalClass, 1);
     EXPECT_EQ(entry()->platPhysicalClass, 2);
