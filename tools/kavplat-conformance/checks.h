@@ -85,55 +85,13 @@ struct check {
     void (*run)(session &, findings &);
 };
 
-/* In the order in which they are run. */
-std::span<const check> all_checks();
-
-/* ---- Checks, in the file of their part ---- */
-
-void check_symbols(session &, findings &);
-
-void check_root_query(session &, findings &);
-void check_inventory_names(session &, findings &);
-void check_inventory_order(session &, findings &);
-void check_inventory_below_root(session &, findings &);
-void check_inventory_subtrees(session &, findings &);
-void check_list_lifetime(session &, findings &);
-void check_list_release(session &, findings &);
-void check_empty_release(session &, findings &);
-void check_unknown_names(session &, findings &);
-void check_descriptions(session &, findings &);
-void check_descriptions_stay(session &, findings &);
-void check_type_flags(session &, findings &);
-
-void check_sensor_info(session &, findings &);
-void check_sensor_reading(session &, findings &);
-void check_ok_semantics(session &, findings &);
-void check_indicators(session &, findings &);
-void check_power_states(session &, findings &);
-void check_ready_to_remove(session &, findings &);
-void check_enable_states(session &, findings &);
-void check_product_record(session &, findings &);
-void check_chassis_record(session &, findings &);
-void check_fru_records(session &, findings &);
-void check_vantor_ids(session &, findings &);
-
-void check_concurrent_reads(session &, findings &);
-
-void check_event_handle(session &, findings &);
-void check_event_bad_handle(session &, findings &);
-void check_event_subscriptions(session &, findings &);
-void check_event_delivery(session &, findings &);
-void check_event_thread(session &, findings &);
-void check_event_one_at_a_time(session &, findings &);
-void check_event_known(session &, findings &);
-void check_event_subscribed(session &, findings &);
-void check_event_payload(session &, findings &);
-void check_event_context(session &, findings &);
-void check_event_state(session &, findings &);
-void check_event_order(session &, findings &);
-void check_event_calls(session &, findings &);
-
-void check_call_duration(session &, findings &);
+/* The checks of each part, in the file of that name; the last ones are those of
+ * threads, too. */
+std::span<const check> inventory_checks();
+std::span<const check> reading_checks();
+std::span<const check> thread_checks();
+std::span<const check> event_checks();
+std::span<const check> last_checks();
 
 /* ---- Shared ---- */
 

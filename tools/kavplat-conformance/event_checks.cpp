@@ -506,8 +506,6 @@ bool is_explained_later(const std::vector<seen_event> &events, const seen_event 
     return false;
 }
 
-} // namespace
-
 void check_event_handle(session &s, findings &f)
 {
     const event_session &es = events_of(s);
@@ -659,4 +657,31 @@ void check_event_calls(session &s, findings &f)
     } else if (es.calls_during_event != probe::done) {
         f.skipped = "no event was delivered as it should";
     }
+}
+
+constexpr check checks[] = {
+    {"event_handle", "there is a handle, and it is not 0", check_event_handle},
+    {"event_bad_handle", "subscriptions of a handle that is none are refused",
+     check_event_bad_handle},
+    {"event_subscriptions", "what the library subscribes can be subscribed",
+     check_event_subscriptions},
+    {"event_delivery", "a change is told", check_event_delivery},
+    {"event_thread", "events come on a thread of the event manager, never from inside a call",
+     check_event_thread},
+    {"event_one_at_a_time", "events of one handle come one after the other",
+     check_event_one_at_a_time},
+    {"event_known", "only the contract's events come", check_event_known},
+    {"event_subscribed", "only what is subscribed comes", check_event_subscribed},
+    {"event_payload", "the payload is a name, or null for a disconnect", check_event_payload},
+    {"event_context", "the context comes back as it was given", check_event_context},
+    {"event_state", "an event is true when it is told", check_event_state},
+    {"event_order", "who follows the events knows what is there", check_event_order},
+    {"event_calls", "calls are answered while an event is delivered", check_event_calls},
+};
+
+} // namespace
+
+std::span<const check> event_checks()
+{
+    return checks;
 }

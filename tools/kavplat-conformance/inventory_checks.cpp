@@ -114,8 +114,6 @@ std::set<uint32_t> types_of(session &s)
     return types;
 }
 
-} // namespace
-
 void check_symbols(session &s, findings &f)
 {
     for (const std::string &name : s.missing) {
@@ -384,4 +382,29 @@ void check_type_flags(session &s, findings &f)
             f.broken.push_back(text_of("type %u is a sensor and an indicator", type));
         }
     }
+}
+
+constexpr check checks[] = {
+    {"symbols", "every call of the contract is exported", check_symbols},
+    {"root_query", "mode 5 of \"/\" gives \"/\" and the root component", check_root_query},
+    {"inventory_names", "names are unique, and as long as they say", check_inventory_names},
+    {"inventory_order", "a container stands before what it holds", check_inventory_order},
+    {"inventory_below_root", "all components are below the root", check_inventory_below_root},
+    {"inventory_subtrees", "a component's own list agrees with the root's",
+     check_inventory_subtrees},
+    {"list_lifetime", "a list stays as it is until it is released", check_list_lifetime},
+    {"list_release", "a released list leaves no memory behind", check_list_release},
+    {"empty_release", "a null list of none can be released", check_empty_release},
+    {"unknown_names", "a name that is not known is refused", check_unknown_names},
+    {"descriptions", "the description of a component type is a text", check_descriptions},
+    {"descriptions_stay", "a description stays valid for the life of the process",
+     check_descriptions_stay},
+    {"type_flags", "a type is a sensor, an indicator or neither", check_type_flags},
+};
+
+} // namespace
+
+std::span<const check> inventory_checks()
+{
+    return checks;
 }

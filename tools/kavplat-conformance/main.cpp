@@ -20,60 +20,18 @@ namespace
 
 enum { all_kept = 0, some_broken = 1, misused = 2 };
 
-constexpr check checks[] = {
-    {"symbols", "every call of the contract is exported", check_symbols},
-    {"root_query", "mode 5 of \"/\" gives \"/\" and the root component", check_root_query},
-    {"inventory_names", "names are unique, and as long as they say", check_inventory_names},
-    {"inventory_order", "a container stands before what it holds", check_inventory_order},
-    {"inventory_below_root", "all components are below the root", check_inventory_below_root},
-    {"inventory_subtrees", "a component's own list agrees with the root's",
-     check_inventory_subtrees},
-    {"list_lifetime", "a list stays as it is until it is released", check_list_lifetime},
-    {"list_release", "a released list leaves no memory behind", check_list_release},
-    {"empty_release", "a null list of none can be released", check_empty_release},
-    {"unknown_names", "a name that is not known is refused", check_unknown_names},
-    {"descriptions", "the description of a component type is a text", check_descriptions},
-    {"descriptions_stay", "a description stays valid for the life of the process",
-     check_descriptions_stay},
-    {"type_flags", "a type is a sensor, an indicator or neither", check_type_flags},
-    {"sensor_info", "what is known of a sensor is in range and within its record",
-     check_sensor_info},
-    {"sensor_reading", "a reading is finite, of the sensor's class and within its record",
-     check_sensor_reading},
-    {"ok_semantics",
-     "a sensor's name and its record have one answer, 0 or 1, and no more than "
-     "the text is read",
-     check_ok_semantics},
-    {"indicators", "an indicator's answer stays within its record", check_indicators},
-    {"power_states", "power states can be read where capabilities say so", check_power_states},
-    {"ready_to_remove", "ready to remove is 0 or 1", check_ready_to_remove},
-    {"enable_states", "enable states are 1 or 2, and the reason fits", check_enable_states},
-    {"product_record", "the product's texts end within their fields", check_product_record},
-    {"chassis_record", "the chassis's texts end within their fields", check_chassis_record},
-    {"fru_records", "identities are there where capabilities say so, and their texts end",
-     check_fru_records},
-    {"vantor_ids", "an identifier fits the buffer that it is given", check_vantor_ids},
-    {"concurrent_reads", "four threads at once get the answers that one gets",
-     check_concurrent_reads},
-    {"event_handle", "there is a handle, and it is not 0", check_event_handle},
-    {"event_bad_handle", "subscriptions of a handle that is none are refused",
-     check_event_bad_handle},
-    {"event_subscriptions", "what the library subscribes can be subscribed",
-     check_event_subscriptions},
-    {"event_delivery", "a change is told", check_event_delivery},
-    {"event_thread", "events come on a thread of the event manager, never from inside a call",
-     check_event_thread},
-    {"event_one_at_a_time", "events of one handle come one after the other",
-     check_event_one_at_a_time},
-    {"event_known", "only the contract's events come", check_event_known},
-    {"event_subscribed", "only what is subscribed comes", check_event_subscribed},
-    {"event_payload", "the payload is a name, or null for a disconnect", check_event_payload},
-    {"event_context", "the context comes back as it was given", check_event_context},
-    {"event_state", "an event is true when it is told", check_event_state},
-    {"event_order", "who follows the events knows what is there", check_event_order},
-    {"event_calls", "calls are answered while an event is delivered", check_event_calls},
-    {"call_duration", "a call returns in time", check_call_duration},
-};
+// In the order in which they are run.
+std::vector<const check *> all_checks()
+{
+    std::vector<const check *> all;
+    for (const auto part :
+         {inventory_checks, reading_checks, thread_checks, event_checks, last_checks}) {
+        for (const check &each : part()) {
+            all.push_back(&each);
+        }
+    }
+    return all;
+}
 
 constexpr char usage_text[] =
     "usage: kavplat-conformance [OPTIONS] LIBRARY\n"
@@ -235,11 +193,6 @@ int misuse(const char *what, const char *value)
 
 } // namespace
 
-std::span<const check> all_checks()
-{
-    return checks;
-}
-
 int main(int count, char **arguments)
 {
     enum { list = 'l', only = 'o', seconds = 's', provoke = 'p', wait = 'w', help = 'h' };
@@ -254,23 +207,23 @@ int main(int count, char **arguments)
     };
     // Never destroyed: events may come until the process ends.
     static auto &s = *new session;
+    const std::vector<const check *> all = all_checks();
     std::vector<const check *> wanted;
     int given = 0;
     while ((given = getopt_long(count, arguments, "h", known, nullptr)) != -1) {
         switch (given) {
         case list:
-            for (const check &c : checks) {
-                printf("%-21s %s\n", c.name, c.promise);
+            for (const check *c : all) {
+                printf("%-21s %s\n", c->name, c->promise);
             }
             return all_kept;
         case only: {
-            const auto *found =
-                std::find_if(std::begin(checks), std::end(checks),
-                             [](const check &c) { return strcmp(c.name, optarg) == 0; });
-            if (found == std::end(checks)) {
+            const auto found = std::ranges::find_if(
+                all, [](const check *c) { return strcmp(c->name, optarg) == 0; });
+            if (found == all.end()) {
                 return misuse("there is no check ", optarg);
             }
-            wanted.push_back(found);
+            wanted.push_back(*found);
             break;
         }
         case seconds:
@@ -298,9 +251,7 @@ int main(int count, char **arguments)
         return misuse("one library is to be named", "");
     }
     if (wanted.empty()) {
-        for (const check &c : checks) {
-            wanted.push_back(&c);
-        }
+        wanted = all;
     }
     catch_crashes();
     std::string why;

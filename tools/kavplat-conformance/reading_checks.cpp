@@ -219,8 +219,6 @@ void look_at_vantor_id(findings &f, const Call &call, size_t length, size_t &ans
     }
 }
 
-} // namespace
-
 void check_sensor_info(session &s, findings &f)
 {
     const std::vector<std::string> names = sensors_of(s);
@@ -452,4 +450,31 @@ void check_vantor_ids(session &s, findings &f)
     if (answered == 0 && f.broken.empty()) {
         f.skipped = "the platform knows no such identifier";
     }
+}
+
+constexpr check checks[] = {
+    {"sensor_info", "what is known of a sensor is in range and within its record",
+     check_sensor_info},
+    {"sensor_reading", "a reading is finite, of the sensor's class and within its record",
+     check_sensor_reading},
+    {"ok_semantics",
+     "a sensor's name and its record have one answer, 0 or 1, and no more than "
+     "the text is read",
+     check_ok_semantics},
+    {"indicators", "an indicator's answer stays within its record", check_indicators},
+    {"power_states", "power states can be read where capabilities say so", check_power_states},
+    {"ready_to_remove", "ready to remove is 0 or 1", check_ready_to_remove},
+    {"enable_states", "enable states are 1 or 2, and the reason fits", check_enable_states},
+    {"product_record", "the product's texts end within their fields", check_product_record},
+    {"chassis_record", "the chassis's texts end within their fields", check_chassis_record},
+    {"fru_records", "identities are there where capabilities say so, and their texts end",
+     check_fru_records},
+    {"vantor_ids", "an identifier fits the buffer that it is given", check_vantor_ids},
+};
+
+} // namespace
+
+std::span<const check> reading_checks()
+{
+    return checks;
 }

@@ -127,8 +127,6 @@ std::vector<std::string> answers_to(const std::vector<question> &questions)
     return all;
 }
 
-} // namespace
-
 void check_concurrent_reads(session &s, findings &f)
 {
     constexpr size_t threads = 4;
@@ -226,4 +224,26 @@ void check_call_duration(session &s, findings &f)
     }
     f.notes.push_back(text_of("the slowest call was %s with %lld ms", worst.what.c_str(),
                               static_cast<long long>(worst.took.count())));
+}
+
+constexpr check checks[] = {
+    {"concurrent_reads", "four threads at once get the answers that one gets",
+     check_concurrent_reads},
+};
+
+// What was slow is known when all has been asked.
+constexpr check last[] = {
+    {"call_duration", "a call returns in time", check_call_duration},
+};
+
+} // namespace
+
+std::span<const check> thread_checks()
+{
+    return checks;
+}
+
+std::span<const check> last_checks()
+{
+    return last;
 }
