@@ -1,2 +1,0 @@
-/* Moved. */
-#include "harness/client.h"
