@@ -17,7 +17,8 @@ endif()
 # Headers include each other as "kavdata/phys_entry.h", so include/kavplat is the
 # directory that a compiler is given.
 set(KAVPLAT_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}/kavplat")
-install(FILES platform/capi.h platform/event_mgr.h DESTINATION "${KAVPLAT_INCLUDEDIR}/platform")
+install(FILES platform/capi.h platform/component_class.h platform/event_mgr.h
+  DESTINATION "${KAVPLAT_INCLUDEDIR}/platform")
 set(KAVPLAT_PUBLIC_HEADERS
   hashtable/hashtable.h
   kavdata/cache_lock.h

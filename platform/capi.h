@@ -55,8 +55,8 @@ enum { CAPI_SENSOR_INFO_ALL = -9 };
 
 /*
  * Component types to which the library gives a meaning of their own. Every
- * other type only selects the ENTITY-MIB class of the component's row; types
- * of 177 and more are class other(1).
+ * other type only selects the ENTITY-MIB class of the component's row, see
+ * component_class.h.
  */
 enum capi_component_type {
     CAPI_TYPE_CHASSIS = 2,            /* chassis(3): takes the product texts */

@@ -10,10 +10,9 @@ namespace
 using enum component_kind;
 
 /*
- * One line a type. The number decides the entPhysicalClass that libPlatformMIB
- * gives to a component, so a new type takes a number from the group that it is
- * listed in; the numbers of a group are fixed, all that no group claims are
- * class other.
+ * One line a type. The number decides the entPhysicalClass of a component
+ * (platform/component_class.h), so a new type takes a number of the class that it is
+ * listed under.
  */
 // clang-format off
 constexpr component_type catalogue[] = {
@@ -146,6 +145,19 @@ component_kind component_kind_of(uint32_t number)
 {
     const component_type *type = find_component_type(number);
     return type == nullptr ? plain : type->kind;
+}
+
+physical_class class_of(const component_type &type)
+{
+    switch (type.kind) {
+    case sensor:
+        return PHYSICAL_CLASS_SENSOR;
+    case indicator:
+        return PHYSICAL_CLASS_OTHER;
+    case plain:
+        break;
+    }
+    return physical_class_of_type(type.number);
 }
 
 } // namespace described_platform

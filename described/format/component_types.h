@@ -6,6 +6,8 @@
 #ifndef KAVPLAT_DESCRIBED_COMPONENT_TYPES_H
 #define KAVPLAT_DESCRIBED_COMPONENT_TYPES_H
 
+#include "platform/component_class.h"
+
 #include <cstdint>
 #include <span>
 #include <string_view>
@@ -34,6 +36,9 @@ const char *unlisted_component_text();
 
 /* A number that the catalogue does not list is a plain component. */
 component_kind component_kind_of(uint32_t number);
+
+/* What entPhysicalClass a component of the type is served with. */
+physical_class class_of(const component_type &type);
 
 } // namespace described_platform
 

@@ -15,27 +15,14 @@
 
 #include <net-snmp/net-snmp-config.h>
 
+#include "platform/component_class.h"
+
 #include <net-snmp/types.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
 extern "C" {
 #endif
-
-/* ENTITY-MIB PhysicalClass (RFC 2737). */
-enum physical_class {
-    PHYSICAL_CLASS_OTHER = 1,
-    PHYSICAL_CLASS_UNKNOWN = 2,
-    PHYSICAL_CLASS_CHASSIS = 3,
-    PHYSICAL_CLASS_BACKPLANE = 4,
-    PHYSICAL_CLASS_CONTAINER = 5,
-    PHYSICAL_CLASS_POWER_SUPPLY = 6,
-    PHYSICAL_CLASS_FAN = 7,
-    PHYSICAL_CLASS_SENSOR = 8,
-    PHYSICAL_CLASS_MODULE = 9,
-    PHYSICAL_CLASS_PORT = 10,
-    PHYSICAL_CLASS_STACK = 11
-};
 
 /* phys_entry.sensorKind */
 enum sensor_kind {

@@ -151,8 +151,7 @@ void read_sensor_nature(phys_entry *entry, uint32_t component_type)
 
 void read_class(phys_entry *entry, uint32_t type)
 {
-    entry->entPhysicalClass =
-        type < class_of_type.size() ? class_of_type[type] : int32_t{PHYSICAL_CLASS_OTHER};
+    entry->entPhysicalClass = physical_class_of_type(type);
     switch (entry->entPhysicalClass) {
     case PHYSICAL_CLASS_CONTAINER:
         if (entry->holderCol2) {

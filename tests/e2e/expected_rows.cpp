@@ -1,8 +1,9 @@
 #include "e2e/expected_rows.h"
 
+#include "platform/component_class.h"
+
 #include <fstream>
 #include <map>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -50,27 +51,6 @@ std::map<std::string, component_kind> documented_catalogue()
         throw std::runtime_error("docs/description.md has no catalogue");
     }
     return all;
-}
-
-long class_of_number(unsigned long type)
-{
-    static const std::map<long, std::set<unsigned long>> classes = {
-        {2, {0, 92, 99}},
-        {3, {2, 3}},
-        {4, {48, 158, 164}},
-        {5, {6,   7,   8,   14,  33,  34,  35,  41,  55,  56,  82,  104, 105,
-             138, 139, 152, 153, 154, 155, 156, 157, 159, 160, 163, 176}},
-        {6, {4, 44, 45, 94}},
-        {7, {12, 13, 42, 43, 106, 107, 108}},
-        {9, {9,  10, 15,  29,  40,  47,  52,  83,  88,  89, 90,
-             95, 98, 103, 115, 149, 161, 162, 165, 173, 174}},
-    };
-    for (const auto &[physical_class, types] : classes) {
-        if (types.contains(type)) {
-            return physical_class;
-        }
-    }
-    return 1;
 }
 
 // Serial numbers and aliases keep 31 octets, the others 254.
@@ -161,9 +141,10 @@ std::vector<expected_row> expected_rows(const std::filesystem::path &description
         row.component_type = kind.number;
         row.kind = kind.kind;
         row.description = kind.text;
-        row.physical_class = kind.kind == "sensor"      ? 8
-                             : kind.kind == "indicator" ? 1
-                                                        : class_of_number(kind.number);
+        row.physical_class = kind.kind == "sensor" ? 8
+                             : kind.kind == "indicator"
+                                 ? 1
+                                 : long{physical_class_of_type(static_cast<uint32_t>(kind.number))};
         const auto container = indexes.find(container_name(row.name));
         if (container != indexes.end()) {
             row.contained_in = static_cast<long>(container->second);
