@@ -1,5 +1,7 @@
 #include "entitySensorMIB/measure.h"
 
+#include "kavdata/codes.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -35,26 +37,24 @@ struct unit_row {
 };
 
 using enum sensor_data_type;
+namespace units = kavPlatNumericSensorBaseUnits;
 
 constexpr unit_row by_base_units[] = {
-    {3, {celsius, 1, "degrees C"}, as_it_is},
-    {4, {celsius, 1, "degrees C"}, from_fahrenheit},
-    {5, {celsius, 1, "degrees C"}, from_kelvin},
-    {6, {voltsDC, 3, "volts"}, as_it_is},
-    {7, {amperes, 3, "amperes"}, as_it_is},
-    {8, {watts, 1, "watts"}, as_it_is},
-    {20, {rpm, 0, "RPM"}, as_it_is},
-    {21, {hertz, 2, "hertz"}, as_it_is}, // of the mains,
-    {24, {other, 0, "hours"}, as_it_is},
-    {66, {other, 1, "%"}, as_it_is},
+    {units::degreesC, {celsius, 1, "degrees C"}, as_it_is},
+    {units::degreesF, {celsius, 1, "degrees C"}, from_fahrenheit},
+    {units::kelvin, {celsius, 1, "degrees C"}, from_kelvin},
+    {units::volts, {voltsDC, 3, "volts"}, as_it_is},
+    {units::amps, {amperes, 3, "amperes"}, as_it_is},
+    {units::watts, {watts, 1, "watts"}, as_it_is},
+    {units::rpm, {rpm, 0, "RPM"}, as_it_is},
+    {units::hertz, {hertz, 2, "hertz"}, as_it_is}, // of the mains,
+    {units::hours, {other, 0, "hours"}, as_it_is},
+    {units::percent, {other, 1, "%"}, as_it_is},
 };
 
-constexpr unit_row humidity = {66, {percentRH, 1, "%"}, as_it_is};
-constexpr unit_row without_unit = {1, {other, 0, ""}, as_it_is};
+constexpr unit_row humidity = {units::percent, {percentRH, 1, "%"}, as_it_is};
+constexpr unit_row without_unit = {units::other, {other, 0, ""}, as_it_is};
 constexpr measure yes_or_no = {truthvalue, 0, ""};
-
-// A sensor type of the platform tables.
-constexpr int32_t humidity_type = 10;
 
 const unit_row &unit_of(const phys_entry &sensor)
 {
@@ -64,7 +64,7 @@ const unit_row &unit_of(const phys_entry &sensor)
         return without_unit;
     }
     const bool is_humidity =
-        row->base_units == humidity.base_units && sensor.sensorCol2 == humidity_type;
+        row->base_units == humidity.base_units && sensor.sensorCol2 == kavPlatSensorType::humidity;
     return is_humidity ? humidity : *row;
 }
 

@@ -9,7 +9,8 @@ namespace
 
 bool is_indicator(const phys_entry &entry)
 {
-    return entry.entPhysicalClass == PHYSICAL_CLASS_OTHER && entry.platPhysicalClass == 2;
+    return entry.entPhysicalClass == PHYSICAL_CLASS_OTHER &&
+           entry.platPhysicalClass == kavPlatPhysicalClass::alarm;
 }
 
 // An indicator that can not be read is served as it was.

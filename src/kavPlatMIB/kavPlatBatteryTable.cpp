@@ -9,7 +9,8 @@ namespace
 
 bool is_battery(const phys_entry &entry)
 {
-    return entry.entPhysicalClass == PHYSICAL_CLASS_POWER_SUPPLY && entry.powerSupplyValue == 3;
+    return entry.entPhysicalClass == PHYSICAL_CLASS_POWER_SUPPLY &&
+           entry.powerSupplyValue == kavPlatPowerSupplyKind::battery;
 }
 
 constexpr column columns[] = {

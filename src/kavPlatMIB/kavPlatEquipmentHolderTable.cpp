@@ -10,9 +10,6 @@ namespace kavplat
 namespace
 {
 
-// As the MIB numbers them.
-enum { POWER_OTHER = 1, POWER_UNKNOWN = 2, POWER_ON = 3, POWER_OFF = 4 };
-
 int32_t power_state(phys_entry &entry)
 {
     if (!(entry.capiCaps[CAPI_CAP_POWER_BYTE] &
@@ -26,17 +23,17 @@ int32_t power_state(phys_entry &entry)
     }
     switch (state) {
     case CAPI_POWER_OFF:
-        entry.holderCol4 = POWER_OFF;
+        entry.holderCol4 = kavPlatHolderPowerState::off;
         break;
     case CAPI_POWER_ON:
-        entry.holderCol4 = POWER_ON;
+        entry.holderCol4 = kavPlatHolderPowerState::on;
         break;
     case CAPI_POWER_STANDBY:
     case CAPI_POWER_SHUTTING_DOWN:
-        entry.holderCol4 = POWER_OTHER;
+        entry.holderCol4 = kavPlatHolderPowerState::other;
         break;
     default:
-        entry.holderCol4 = POWER_UNKNOWN;
+        entry.holderCol4 = kavPlatHolderPowerState::unknown;
         break;
     }
     return entry.holderCol4;

@@ -2,7 +2,10 @@
 #include "kavPlatMIB/platform_table.h"
 
 #include "kavdata/cache.h"
+#include "kavdata/thresholds.h"
 #include "trace/trace.h"
+
+#include <algorithm>
 
 namespace kavplat
 {
@@ -12,14 +15,10 @@ namespace
 
 constexpr char handler[] = "kavPlatEquipmentTable_handler";
 
-// X.731 administrative states, as far as they are served.
-enum { LOCKED = 1, UNLOCKED = 2, SHUTTING_DOWN = 3 };
-
-// X.731 operational states.
-enum { DISABLED = 1, ENABLED = 2 };
-
-// X.733 perceived severities, as far as they are served.
-enum { CRITICAL = 1, MAJOR = 2, INDETERMINATE = 4, WARNING = 5, CLEARED = 7 };
+// X.731 states and X.733 severities, as far as they are served.
+namespace admin = kavPlatEquipmentAdminState;
+namespace oper = kavPlatEquipmentOperState;
+namespace severities = kavPlatEquipmentSeverity;
 
 // Other, and chassis to module: not unknown, port or stack.
 bool is_row(const phys_entry &entry)
@@ -34,13 +33,14 @@ int32_t admin_state(phys_entry &entry)
     if (entry.capiCaps[CAPI_CAP_FIELD_REPLACEABLE_BYTE] & CAPI_CAP_FIELD_REPLACEABLE) {
         int32_t value = 0;
         if (capi_get_rdy2rm_status(0, entry.entPhysicalName, &value) == 0) {
-            entry.equipmentCol1 = value == CAPI_NOT_READY_TO_REMOVE ? UNLOCKED : LOCKED;
+            entry.equipmentCol1 =
+                value == CAPI_NOT_READY_TO_REMOVE ? admin::unlocked : admin::locked;
         } else if (!has_failed(handler, polled_call::power_state, entry,
                                capi_get_power_state(0, entry.entPhysicalName, &value))) {
             // That one of the two is not known is no failure.
-            entry.equipmentCol1 = value == CAPI_POWER_ON              ? UNLOCKED
-                                  : value == CAPI_POWER_SHUTTING_DOWN ? SHUTTING_DOWN
-                                                                      : LOCKED;
+            entry.equipmentCol1 = value == CAPI_POWER_ON              ? admin::unlocked
+                                  : value == CAPI_POWER_SHUTTING_DOWN ? admin::shuttingDown
+                                                                      : admin::locked;
         }
     }
     return entry.equipmentCol1;
@@ -53,7 +53,7 @@ int32_t oper_state(phys_entry &entry)
     const bool supplies = entry.entPhysicalClass == PHYSICAL_CLASS_POWER_SUPPLY ||
                           entry.entPhysicalClass == PHYSICAL_CLASS_FAN;
     if (supplies && entry.sensorKind == SENSOR_KIND_DISCRETE) {
-        entry.equipmentCol2 = entry.discreteSensorValue == 2 ? DISABLED : ENABLED;
+        entry.equipmentCol2 = entry.discreteSensorValue == 2 ? oper::disabled : oper::enabled;
     }
     if (entry.capiCaps[CAPI_CAP_ENABLE_STATE_BYTE] & CAPI_CAP_ENABLE_STATE) {
         const uint32_t now = agent_uptime();
@@ -64,33 +64,26 @@ int32_t oper_state(phys_entry &entry)
                         capi_get_enable_disable_state(entry.entPhysicalName, &state, reason,
                                                       sizeof reason))) {
             entry.lastReadTime = now;
-            entry.equipmentCol2 = state == CAPI_DISABLED ? DISABLED : ENABLED;
+            entry.equipmentCol2 = state == CAPI_DISABLED ? oper::disabled : oper::enabled;
         }
     }
     return entry.equipmentCol2;
 }
 
-// A later match overrides an earlier one; a crossed lower fatal threshold ends it.
+// The gravest of the thresholds that the reading crossed, if any; the lower the
+// number, the graver.
 int32_t numeric_severity(const phys_entry &entry)
 {
     const int32_t reading = entry.numericSensorCol4;
     const uint8_t mask = relaxed_load(entry.thresholdMask);
-    const auto at_most = [&](unsigned bit, const int32_t &threshold) {
-        return (mask & bit) && reading <= relaxed_load(threshold);
-    };
-    const auto at_least = [&](unsigned bit, const int32_t &threshold) {
-        return (mask & bit) && reading >= relaxed_load(threshold);
-    };
-    if (at_most(0x08, entry.numericSensorCol10) || at_least(0x04, entry.numericSensorCol13)) {
-        return CRITICAL;
+    int32_t gravest = severities::cleared;
+    for (const threshold &t : thresholds) {
+        const int32_t limit = relaxed_load(entry.*t.field);
+        if ((mask & t.mask_bit()) && (t.is_upper ? reading >= limit : reading <= limit)) {
+            gravest = std::min(gravest, t.severity);
+        }
     }
-    if (at_most(0x20, entry.numericSensorCol9) || at_least(0x10, entry.numericSensorCol12)) {
-        return MAJOR;
-    }
-    if (at_most(0x80, entry.numericSensorCol8) || at_least(0x40, entry.numericSensorCol11)) {
-        return WARNING;
-    }
-    return CLEARED;
+    return gravest;
 }
 
 int32_t discrete_severity(const phys_entry &entry)
@@ -100,33 +93,33 @@ int32_t discrete_severity(const phys_entry &entry)
         const int32_t value = entry.discreteSensorValue;
         if ((value == 2 && capi_is_sensor_with_OK_semantics(entry.entPhysicalName) == 0) ||
             (value == 1 && capi_is_sensor_with_OK_semantics(entry.entPhysicalName) == 1)) {
-            return MAJOR;
+            return severities::major;
         }
     } else if (entry.capiComponentType == CAPI_TYPE_PREDICTIVE_SENSOR &&
                entry.discreteSensorValue == 1) {
-        return WARNING;
+        return severities::warning;
     }
-    return CLEARED;
+    return severities::cleared;
 }
 
 int32_t binary_severity(const phys_entry &entry)
 {
     if (entry.binarySensorValue1 != entry.binarySensorValue2) {
         if (entry.capiComponentType == CAPI_TYPE_FAULT_SENSOR) {
-            return MAJOR;
+            return severities::major;
         }
         if (entry.capiComponentType == CAPI_TYPE_PREDICTIVE_SENSOR) {
-            return WARNING;
+            return severities::warning;
         }
     }
-    return CLEARED;
+    return severities::cleared;
 }
 
 int32_t compute_severity(phys_entry &entry)
 {
-    if (entry.entPhysicalClass != PHYSICAL_CLASS_SENSOR || entry.sensorCol2 == 2 ||
-        snmp_read_sensor(&entry) != 0) {
-        return INDETERMINATE;
+    if (entry.entPhysicalClass != PHYSICAL_CLASS_SENSOR ||
+        entry.sensorCol2 == kavPlatSensorType::unknown || snmp_read_sensor(&entry) != 0) {
+        return severities::indeterminate;
     }
     switch (entry.sensorKind) {
     case SENSOR_KIND_NUMERIC:
@@ -136,7 +129,7 @@ int32_t compute_severity(phys_entry &entry)
     case SENSOR_KIND_BINARY:
         return binary_severity(entry);
     default:
-        return CLEARED;
+        return severities::cleared;
     }
 }
 

@@ -11,7 +11,8 @@ namespace
 
 bool is_watchdog(const phys_entry &entry)
 {
-    return entry.entPhysicalClass == PHYSICAL_CLASS_OTHER && entry.platPhysicalClass == 3;
+    return entry.entPhysicalClass == PHYSICAL_CLASS_OTHER &&
+           entry.platPhysicalClass == kavPlatPhysicalClass::watchdog;
 }
 
 // One word serves both as a text and as a number: meant. The text is that of the

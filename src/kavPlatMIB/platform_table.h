@@ -2,6 +2,7 @@
 #ifndef KAVPLAT_KAVPLATMIB_PLATFORM_TABLE_H
 #define KAVPLAT_KAVPLATMIB_PLATFORM_TABLE_H
 
+#include "kavdata/codes.h"
 #include "kavPlatMIB/kavPlatMIB.h"
 #include "table/table.h"
 

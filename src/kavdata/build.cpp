@@ -1,6 +1,7 @@
 // Construction of the cache from the inventory, and containment.
 #include "kavdata/cache_internal.h"
 #include "kavdata/strlcpy.h"
+#include "kavdata/thresholds.h"
 #include "trace/trace.h"
 
 #include <algorithm>
@@ -69,29 +70,29 @@ void set_entity_defaults(phys_entry *entry, const capi_inventory_record &record)
 
 void set_platform_defaults(phys_entry *entry)
 {
-    entry->equipmentCol1 = 2;
-    entry->equipmentCol2 = 2;
-    entry->equipmentCol3 = 7;
-    entry->equipmentCol4 = 2;
-    entry->holderCol1 = 4;
+    entry->equipmentCol1 = kavPlatEquipmentAdminState::unlocked;
+    entry->equipmentCol2 = kavPlatEquipmentOperState::enabled;
+    entry->equipmentCol3 = kavPlatEquipmentSeverity::cleared;
+    entry->equipmentCol4 = TRUTH_FALSE;
+    entry->holderCol1 = kavPlatHolderType::slot;
     entry->holderCol2 = allocate_text(HOLDER_TEXT_SIZE);
-    entry->holderCol3 = 4;
-    entry->holderCol4 = 2;
+    entry->holderCol3 = kavPlatHolderOccupancy::unknownType;
+    entry->holderCol4 = kavPlatHolderPowerState::unknown;
     entry->circuitPackDescr = entry->entPhysicalDescr;
     entry->circuitPackFlag = 0;
-    entry->circuitPackValue1 = 2;
-    entry->circuitPackValue2 = 2;
-    entry->platPhysicalClass = 1;
+    entry->circuitPackValue1 = TRUTH_FALSE;
+    entry->circuitPackValue2 = TRUTH_FALSE;
+    entry->platPhysicalClass = kavPlatPhysicalClass::other;
     entry->sensorKind = SENSOR_KIND_NONE;
-    entry->sensorCol2 = 2;
+    entry->sensorCol2 = kavPlatSensorType::unknown;
     entry->sensorCol3 = 0;
     entry->binarySensorValue1 = TRUTH_FALSE;
     entry->binarySensorValue2 = TRUTH_TRUE;
     entry->binarySensorText1 = allocate_text(SENSOR_TEXT_SIZE);
     entry->binarySensorText2 = allocate_text(SENSOR_TEXT_SIZE);
-    entry->numericSensorCol1 = 1;
+    entry->numericSensorCol1 = kavPlatNumericSensorBaseUnits::other;
     entry->numericSensorCol2 = 0;
-    entry->numericSensorCol3 = 1;
+    entry->numericSensorCol3 = kavPlatNumericSensorRateUnits::none;
     entry->numericSensorCol4 = 0;
     entry->numericSensorCol5 = 0;
     entry->numericSensorCol6 = 255;
@@ -103,15 +104,15 @@ void set_platform_defaults(phys_entry *entry)
     entry->numericSensorCol12 = 0;
     entry->numericSensorCol13 = 0;
     entry->numericSensorCol14 = 0;
-    entry->thresholdMask = 0xFC;
+    entry->thresholdMask = all_thresholds;
     entry->discreteStateCount = -1;
     entry->discreteSensorValue = 0;
     entry->discreteSensorCol2 = 2;
-    entry->powerSupplyValue = 2;
-    entry->powerSupplyCol2 = 2;
-    entry->alarmCol1 = 3;
-    entry->alarmCol2 = 2;
-    entry->alarmCol3 = 4;
+    entry->powerSupplyValue = kavPlatPowerSupplyKind::notBattery;
+    entry->powerSupplyCol2 = kavPlatBatteryKind::unknown;
+    entry->alarmCol1 = kavPlatAlarmKind::visible;
+    entry->alarmCol2 = kavPlatAlarmState::off;
+    entry->alarmCol3 = kavPlatAlarmUrgency::usual;
     entry->watchdogCol1 = 0;
     entry->watchdogCol2 = 1;
     entry->watchdogCol3 = 1;
@@ -295,9 +296,9 @@ void build_phys_entry(phys_entry *entry, const capi_inventory_record *record)
               entry->entPhysicalParentRelPos);
     // Whatever the static data said of these is overridden: meant.
     entry->circuitPackDescr = entry->entPhysicalDescr;
-    entry->circuitPackValue2 = 2;
+    entry->circuitPackValue2 = TRUTH_FALSE;
     entry->circuitPackFlag = 0;
-    entry->circuitPackValue1 = 2;
+    entry->circuitPackValue1 = TRUTH_FALSE;
 }
 
 void get_containedIn(const phys_entry *entry, int32_t *result)

@@ -1,5 +1,6 @@
 // Live indicator (LED) states.
 #include "kavdata/cache_internal.h"
+#include "kavdata/codes.h"
 #include "trace/trace.h"
 
 int snmp_read_led(phys_entry *entry)
@@ -30,20 +31,20 @@ int snmp_read_led(phys_entry *entry)
     entry->lastReadTime = now;
     switch (record.state) {
     case CAPI_INDICATOR_OFF:
-        entry->alarmCol2 = 2;
+        entry->alarmCol2 = kavPlatAlarmState::off;
         break;
     case CAPI_INDICATOR_ON:
-        entry->alarmCol2 = 3;
+        entry->alarmCol2 = kavPlatAlarmState::steady;
         break;
     case CAPI_INDICATOR_SLOW_BLINK:
     case CAPI_INDICATOR_FAST_BLINK:
     case CAPI_INDICATOR_STANDBY_BLINK:
-        entry->alarmCol2 = 4;
+        entry->alarmCol2 = kavPlatAlarmState::alternating;
         break;
     default:
-        entry->alarmCol2 = 1;
-        entry->alarmCol1 = 1;
-        entry->alarmCol3 = 3;
+        entry->alarmCol2 = kavPlatAlarmState::unknown;
+        entry->alarmCol1 = kavPlatAlarmKind::other;
+        entry->alarmCol3 = kavPlatAlarmUrgency::notKnown;
         break;
     }
     return 0;

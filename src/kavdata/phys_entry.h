@@ -129,8 +129,7 @@ typedef struct phys_entry {
     int32_t numericSensorCol12; /* column 11: upper critical threshold */
     int32_t numericSensorCol13; /* column 13: upper fatal threshold */
     uint32_t numericSensorCol14;
-    uint8_t thresholdMask; /* BITS: 0x80 lower nc, 0x40 upper nc, 0x20 lower critical,
-                              0x10 upper critical, 0x08 lower fatal, 0x04 upper fatal */
+    uint8_t thresholdMask; /* kavPlatNumericSensorThresholds: bit 0 is 0x80 */
 
     /* kavPlatDiscreteSensorTable and kavPlatDiscreteSensorStatesTable */
     int32_t discreteStateCount; /* number of the state set, -1: none */

@@ -3,7 +3,7 @@
 #ifndef KAVPLAT_KAVDATA_SENSOR_TYPES_H
 #define KAVPLAT_KAVDATA_SENSOR_TYPES_H
 
-#include "kavdata/phys_entry.h"
+#include "kavdata/codes.h"
 #include "platform/capi.h"
 
 #include <cstdint>
@@ -18,10 +18,16 @@ struct units_row {
 };
 
 inline constexpr units_row units_rows[] = {
-    {CAPI_UNITS_DEGREES_C, 3, 3}, {CAPI_UNITS_DEGREES_F, 3, 4}, {CAPI_UNITS_KELVIN, 3, 5},
-    {CAPI_UNITS_VOLTS, 4, 6},     {CAPI_UNITS_AMPS, 5, 7},      {CAPI_UNITS_WATTS, 0, 8},
-    {CAPI_UNITS_RPM, 6, 20},      {CAPI_UNITS_HERTZ, 0, 21},    {CAPI_UNITS_PERCENT, 0, 66},
-    {CAPI_UNITS_HOURS, 1, 24},
+    {CAPI_UNITS_DEGREES_C, kavPlatSensorType::temperature, kavPlatNumericSensorBaseUnits::degreesC},
+    {CAPI_UNITS_DEGREES_F, kavPlatSensorType::temperature, kavPlatNumericSensorBaseUnits::degreesF},
+    {CAPI_UNITS_KELVIN, kavPlatSensorType::temperature, kavPlatNumericSensorBaseUnits::kelvin},
+    {CAPI_UNITS_VOLTS, kavPlatSensorType::voltage, kavPlatNumericSensorBaseUnits::volts},
+    {CAPI_UNITS_AMPS, kavPlatSensorType::electricCurrent, kavPlatNumericSensorBaseUnits::amps},
+    {CAPI_UNITS_WATTS, 0, kavPlatNumericSensorBaseUnits::watts},
+    {CAPI_UNITS_RPM, kavPlatSensorType::tachometer, kavPlatNumericSensorBaseUnits::rpm},
+    {CAPI_UNITS_HERTZ, 0, kavPlatNumericSensorBaseUnits::hertz},
+    {CAPI_UNITS_PERCENT, 0, kavPlatNumericSensorBaseUnits::percent},
+    {CAPI_UNITS_HOURS, kavPlatSensorType::other, kavPlatNumericSensorBaseUnits::hours},
 };
 
 struct binary_type_row {
@@ -31,9 +37,11 @@ struct binary_type_row {
 };
 
 inline constexpr binary_type_row binary_type_rows[] = {
-    {CAPI_SENSOR_PRESENCE, "%s:PRESENCE\n", 12},      {CAPI_SENSOR_VOLTAGE, "%s:VOLTAGE\n", 4},
-    {CAPI_SENSOR_TEMPERATURE, "%s:TEMPERATURE\n", 3}, {CAPI_SENSOR_CURRENT, "%s:CURRENT\n", 5},
-    {CAPI_SENSOR_TACHOMETER, "%s:TACHOMETER\n", 6},
+    {CAPI_SENSOR_PRESENCE, "%s:PRESENCE\n", kavPlatSensorType::presence},
+    {CAPI_SENSOR_VOLTAGE, "%s:VOLTAGE\n", kavPlatSensorType::voltage},
+    {CAPI_SENSOR_TEMPERATURE, "%s:TEMPERATURE\n", kavPlatSensorType::temperature},
+    {CAPI_SENSOR_CURRENT, "%s:CURRENT\n", kavPlatSensorType::electricCurrent},
+    {CAPI_SENSOR_TACHOMETER, "%s:TACHOMETER\n", kavPlatSensorType::tachometer},
 };
 
 } // namespace kavplat

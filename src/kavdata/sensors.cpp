@@ -1,5 +1,6 @@
 // Live sensor readings and thresholds.
 #include "kavdata/cache_internal.h"
+#include "kavdata/thresholds.h"
 #include "trace/trace.h"
 
 #include <cmath>
@@ -12,30 +13,8 @@ namespace kavplat
 namespace
 {
 
-// The field of each threshold, and the bit that the mask has for it. Exponent,
-// mask and thresholds are written here without the lock by a refresh, so all of
-// them are accessed atomically.
-struct threshold {
-    float capi_sensor_record::*source;
-    int32_t phys_entry::*field;
-    unsigned valid_flag;
-    unsigned mask_bit;
-};
-
-constexpr threshold thresholds[] = {
-    {&capi_sensor_record::upper_fatal, &phys_entry::numericSensorCol13, CAPI_UPPER_FATAL_VALID,
-     0x04},
-    {&capi_sensor_record::upper_critical, &phys_entry::numericSensorCol12,
-     CAPI_UPPER_CRITICAL_VALID, 0x10},
-    {&capi_sensor_record::upper_non_critical, &phys_entry::numericSensorCol11,
-     CAPI_UPPER_NON_CRITICAL_VALID, 0x40},
-    {&capi_sensor_record::lower_fatal, &phys_entry::numericSensorCol10, CAPI_LOWER_FATAL_VALID,
-     0x08},
-    {&capi_sensor_record::lower_critical, &phys_entry::numericSensorCol9, CAPI_LOWER_CRITICAL_VALID,
-     0x20},
-    {&capi_sensor_record::lower_non_critical, &phys_entry::numericSensorCol8,
-     CAPI_LOWER_NON_CRITICAL_VALID, 0x80},
-};
+// Exponent, mask and thresholds are written here without the lock by a refresh, so all
+// of them are accessed atomically.
 
 // Truncated toward zero; what does not fit saturates, no number is the lowest.
 int32_t truncate(double value)
@@ -78,7 +57,8 @@ void read_numeric(phys_entry *entry, const capi_sensor_record &record)
     entry->numericSensorCol4 = current;
     // Decided anew at each read and never undone here, though exponent and
     // thresholds may be those of a scaled read: meant.
-    if (record.reading == static_cast<float>(record.raw_reading) || entry->sensorCol2 == 6) {
+    if (record.reading == static_cast<float>(record.raw_reading) ||
+        entry->sensorCol2 == kavPlatSensorType::tachometer) {
         return;
     }
     KAV_TRACE_AS("snmp_read_sensor", KAVPLAT_ROOM, "kavdata::sensor", "%s:threshold adjust\n",
@@ -102,7 +82,7 @@ void read_discrete(phys_entry *entry, const capi_sensor_record &record)
             entry->binarySensorValue2 = TRUTH_TRUE;
         }
     } else if (record.sensor_type == CAPI_SENSOR_PRESENCE) {
-        entry->sensorCol2 = 12;
+        entry->sensorCol2 = kavPlatSensorType::presence;
         set_binary_texts(entry, "Present", "Absent");
         entry->binarySensorValue2 = TRUTH_TRUE;
     } else if (capi_is_sensor_with_OK_semantics(&record) != 0) {
@@ -133,17 +113,17 @@ int read_anew(phys_entry *entry, uint32_t now)
         KAV_TRACE_AS("snmp_read_sensor", KAVPLAT_ROOM, "kavdata::sensor",
                      "%s:SENSOR_READING_INVALID\n", "snmp_read_sensor");
         entry->look.outcome = LOOK_INVALID;
-        entry->equipmentCol4 = 1;
-        entry->equipmentCol3 = 4;
-        entry->equipmentCol2 = 1;
+        entry->equipmentCol4 = TRUTH_TRUE;
+        entry->equipmentCol3 = kavPlatEquipmentSeverity::indeterminate;
+        entry->equipmentCol2 = kavPlatEquipmentOperState::disabled;
         return -1;
     }
     entry->look.outcome = LOOK_READ;
     entry->look.reading = record.reading;
-    entry->equipmentCol4 = 2;
+    entry->equipmentCol4 = TRUTH_FALSE;
     entry->lastReadTime = now;
-    entry->equipmentCol2 = 2;
-    entry->equipmentCol3 = 7;
+    entry->equipmentCol2 = kavPlatEquipmentOperState::enabled;
+    entry->equipmentCol3 = kavPlatEquipmentSeverity::cleared;
     if (entry->capiComponentType == CAPI_TYPE_SLOT_IDENTITY) {
         entry->numericSensorCol4 = truncate(record.reading);
         KAV_TRACE_AS("snmp_read_sensor", KAVPLAT_ROOM, "kavdata::sensor", "%s:SLOTID current=%d\n",
@@ -201,12 +181,12 @@ void set_sensor_thresholds(phys_entry *entry, const struct capi_sensor_record *r
 {
     using namespace kavplat;
 
-    unsigned mask = 0xFC;
+    unsigned mask = all_thresholds;
     relaxed_store(entry->numericSensorCol2, 0);
     for (const threshold &t : thresholds) {
         relaxed_store(entry->*t.field, truncate(record->*t.source));
         if (!(record->flags & t.valid_flag)) {
-            mask &= ~t.mask_bit;
+            mask &= ~t.mask_bit();
         }
     }
     relaxed_store(entry->thresholdMask, static_cast<uint8_t>(mask));

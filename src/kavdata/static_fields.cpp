@@ -103,7 +103,7 @@ void read_binary_sensor(phys_entry *entry, const capi_sensor_record &info)
     const bool known = row != std::end(binary_type_rows);
     KAV_TRACE_AS("read_static_data", KAVPLAT_ROOM, "kavdata::sensor",
                  known ? row->trace : "%s:OTHER\n", "read_static_data");
-    entry->sensorCol2 = known ? row->type : 1;
+    entry->sensorCol2 = known ? row->type : kavPlatSensorType::other;
 }
 
 void read_numeric_sensor(phys_entry *entry, const capi_sensor_record &info)
@@ -111,7 +111,7 @@ void read_numeric_sensor(phys_entry *entry, const capi_sensor_record &info)
     KAV_TRACE_AS("read_static_data", KAVPLAT_ROOM, "kavdata::sensor", "%s:NUMERIC\n",
                  "read_static_data");
     entry->sensorKind = SENSOR_KIND_NUMERIC;
-    entry->numericSensorCol1 = 1;
+    entry->numericSensorCol1 = kavPlatNumericSensorBaseUnits::other;
     for (const units_row &row : units_rows) {
         if (row.units == info.units) {
             entry->numericSensorCol1 = row.base_unit;
@@ -119,14 +119,14 @@ void read_numeric_sensor(phys_entry *entry, const capi_sensor_record &info)
         }
     }
     if (info.sensor_type == CAPI_SENSOR_HUMIDITY) {
-        entry->sensorCol2 = 10;
+        entry->sensorCol2 = kavPlatSensorType::humidity;
     }
     set_sensor_thresholds(entry, &info);
 }
 
 void read_sensor_nature(phys_entry *entry, uint32_t component_type)
 {
-    entry->sensorCol2 = 1;
+    entry->sensorCol2 = kavPlatSensorType::other;
     entry->entPhysicalClass = PHYSICAL_CLASS_SENSOR;
     if (!entry->entPhysicalName) {
         return;
@@ -168,7 +168,7 @@ void read_class(phys_entry *entry, uint32_t type)
         read_vantor_id(entry, vantor_id::product);
         break;
     case PHYSICAL_CLASS_UNKNOWN:
-        entry->equipmentCol4 = 1;
+        entry->equipmentCol4 = TRUTH_TRUE;
         break;
     default:
         if (type == CAPI_TYPE_MIDPLANE) {
@@ -244,7 +244,7 @@ void read_static_data(phys_entry *entry, uint32_t component_type)
         read_sensor_nature(entry, component_type);
     } else if (is_type(capi_is_indicator_type, "capi_is_indicator_type", *entry, component_type)) {
         entry->entPhysicalClass = PHYSICAL_CLASS_OTHER;
-        entry->platPhysicalClass = 2;
+        entry->platPhysicalClass = kavPlatPhysicalClass::alarm;
     } else {
         read_class(entry, component_type);
     }
@@ -267,24 +267,27 @@ void get_static_fields(phys_entry *entry)
         if (has_fru_info && !is_chassis_or_midplane(type)) {
             snmp_read_fru(entry);
         }
-        entry->circuitPackValue1 = 1;
+        entry->circuitPackValue1 = TRUTH_TRUE;
     }
     if (has(*entry, CAPI_CAP_STATEFUL_BYTE, CAPI_CAP_STATEFUL) ||
         has(*entry, CAPI_CAP_POWER_BYTE,
             CAPI_CAP_POWER_READABLE | CAPI_CAP_POWER_CONTROLLABLE | CAPI_CAP_POWER_STANDBY)) {
-        entry->equipmentCol2 = 2;
+        entry->equipmentCol2 = kavPlatEquipmentOperState::enabled;
     }
     if (has(*entry, CAPI_CAP_HOLDER_BYTE, CAPI_CAP_HOLDER)) {
-        entry->holderCol1 = type == CAPI_TYPE_CHASSIS || type == CAPI_TYPE_SYSTEM ? 5 : 4;
-        entry->holderCol3 = is_empty_drive_bay(*entry) ? 1 : 2;
+        const bool is_rack = type == CAPI_TYPE_CHASSIS || type == CAPI_TYPE_SYSTEM;
+        entry->holderCol1 = is_rack ? kavPlatHolderType::rack : kavPlatHolderType::slot;
+        entry->holderCol3 = is_empty_drive_bay(*entry)
+                                ? kavPlatHolderOccupancy::holderEmpty
+                                : kavPlatHolderOccupancy::inTheAcceptableList;
     }
     if (has(*entry, CAPI_CAP_FIELD_REPLACEABLE_BYTE, CAPI_CAP_FIELD_REPLACEABLE)) {
-        entry->circuitPackValue1 = 1;
+        entry->circuitPackValue1 = TRUTH_TRUE;
     }
     if (has(*entry, CAPI_CAP_POWER_BYTE, CAPI_CAP_POWER_READABLE | CAPI_CAP_POWER_CONTROLLABLE) ||
         has(*entry, CAPI_CAP_RESETTABLE_BYTE, CAPI_CAP_RESETTABLE)) {
-        entry->circuitPackValue2 = 1;
-        entry->circuitPackValue1 = 1;
+        entry->circuitPackValue2 = TRUTH_TRUE;
+        entry->circuitPackValue1 = TRUTH_TRUE;
     }
 }
 

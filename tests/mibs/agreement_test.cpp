@@ -8,6 +8,7 @@
 #include "entityMIB/entPhysicalTable.h"
 #include "entitySensorMIB/entPhySensorTable.h"
 #include "entitySensorMIB/measure.h"
+#include "kavdata/codes.h"
 #include "kavdata/sensor_types.h"
 #include "kavPlatMIB/platform_table.h"
 #include "rooms/cache_fixture.h"
@@ -280,6 +281,38 @@ TEST(Agreement, EveryReadableObjectOfTheModulesIsServed)
         }
     }
     EXPECT_EQ(served, readable);
+}
+
+// ---- Codes ----
+
+// The code has a word for each number of an object, and the module the same.
+TEST(Agreement, TheWordsOfTheCodeAreTheLabelsOfTheModules)
+{
+    struct words_of_object {
+        const char *object;
+        const char *words; // "word = number, ..." as the code has them
+    };
+#define WORDS_OF(object, ...) {#object, #__VA_ARGS__},
+    constexpr words_of_object all[] = {KAV_CODES(WORDS_OF)};
+#undef WORDS_OF
+    for (const auto &[object, words] : all) {
+        const tree *node = node_named(object);
+        ASSERT_NE(node, nullptr) << object;
+        std::map<int, std::string> of_code;
+        std::istringstream rest(words);
+        for (std::string word; std::getline(rest, word, ',');) {
+            std::istringstream fields(word);
+            std::string name;
+            std::string equals;
+            int number = 0;
+            ASSERT_TRUE(fields >> name >> equals >> number) << object << ": " << word;
+            if (name == "switch_") {
+                name = "switch"; // a word of the language, too
+            }
+            of_code[number] = name;
+        }
+        EXPECT_EQ(of_code, labels_of(node)) << object;
+    }
 }
 
 // ---- Mapping tables ----
