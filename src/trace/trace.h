@@ -13,7 +13,10 @@
 #include <net-snmp/library/snmp_debug.h>
 #include <net-snmp/library/snmp_logging.h>
 
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 
 #define KAV_TRACE(token, ...) KAV_TRACE_AS(__func__, KAVPLAT_ROOM, token, __VA_ARGS__)
 
@@ -21,9 +24,8 @@
 #define KAV_TRACE_AS(function, source, token, ...)                                                 \
     do {                                                                                           \
         if (kavplat::debugging()) {                                                                \
-            KAV_TRACE_LINE_AS(function, source);                                                   \
-            debugmsgtoken(token, __VA_ARGS__);                                                     \
-            debugmsg(token, __VA_ARGS__);                                                          \
+            kavplat::trace_line(function, source, __LINE__);                                       \
+            kavplat::trace(token, __VA_ARGS__);                                                    \
         }                                                                                          \
     } while (0)
 
@@ -31,8 +33,7 @@
 #define KAV_TRACE_LINE_AS(function, source)                                                        \
     do {                                                                                           \
         if (kavplat::debugging()) {                                                                \
-            debugmsgtoken("trace", "%s(): %s, %d:\n", function, source, __LINE__);                 \
-            debugmsg("trace", "%s(): %s, %d:\n", function, source, __LINE__);                      \
+            kavplat::trace_line(function, source, __LINE__);                                       \
         }                                                                                          \
     } while (0)
 
@@ -51,6 +52,28 @@ inline bool debugging()
     return snmp_get_do_debugging() != 0;
 }
 #endif
+
+// What a trace does while debugging is on, out of the way of what runs while it is off.
+[[gnu::cold, gnu::noinline, gnu::format(printf, 2, 3)]] inline void trace(const char *token,
+                                                                          const char *format, ...)
+{
+    char *text = nullptr;
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vasprintf(&text, format, arguments);
+    va_end(arguments);
+    if (length >= 0) {
+        debugmsgtoken(token, "%s", text);
+        debugmsg(token, "%s", text);
+        free(text);
+    }
+}
+
+[[gnu::cold, gnu::noinline]] inline void trace_line(const char *function, const char *source,
+                                                    int line)
+{
+    trace("trace", "%s(): %s, %d:\n", function, source, line);
+}
 
 // Texts that may be absent print as "NULL".
 inline const char *printable(const char *text)
