@@ -684,7 +684,7 @@ TEST_F(monitor, a_fork_finds_nobody_inside_the_platform)
             monitor_fru_devices(nullptr);
         }
     });
-    for (int i = 0; i < 50; i++) {
+    for (int i = 0; i < 20; i++) {
         const pid_t child = fork();
         if (child == 0) {
             _exit(inside);
