@@ -28,18 +28,7 @@ constexpr column columns[] = {
 
 } // namespace
 
-constinit const table kavPlatAlarmTable = {
-    .name = "kavPlatAlarmTable",
-    .source = KAVPLAT_ROOM,
-    .root = platform_oid<12>,
-    .columns = columns,
-    .rows = rows_where<is_indicator>,
-    .trace = walk_trace::dump_steps,
-    .get_first = kavPlatAlarmTable_get_first_data_point,
-    .get_next = kavPlatAlarmTable_get_next_data_point,
-    .handler = kavPlatAlarmTable_handler,
-};
-
 } // namespace kavplat
 
-KAV_PLAT_DEFINE_TABLE(kavPlatAlarmTable)
+KAV_PLAT_TABLE(kavPlatAlarmTable, 12, .columns = columns, .rows = rows_where<is_indicator>,
+               .trace = walk_trace::dump_steps)

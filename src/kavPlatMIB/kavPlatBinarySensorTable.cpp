@@ -1,5 +1,5 @@
 // Sensors with two states.
-#include "kavPlatMIB/platform_table.h"
+#include "kavPlatMIB/sensor_table.h"
 
 namespace kavplat
 {
@@ -16,19 +16,9 @@ constexpr column columns[] = {
 
 } // namespace
 
-constinit const table kavPlatBinarySensorTable = {
-    .name = "kavPlatBinarySensorTable",
-    .source = KAVPLAT_ROOM,
-    .root = platform_oid<7>,
-    .columns = columns,
-    .rows = rows_where<is_sensor_of_kind<SENSOR_KIND_BINARY>>,
-    .trace = walk_trace::dump_next_row,
-    .before_serving = read_sensor_first<failed_read::minus_1>,
-    .get_first = kavPlatBinarySensorTable_get_first_data_point,
-    .get_next = kavPlatBinarySensorTable_get_next_data_point,
-    .handler = kavPlatBinarySensorTable_handler,
-};
-
 } // namespace kavplat
 
-KAV_PLAT_DEFINE_TABLE(kavPlatBinarySensorTable)
+KAV_PLAT_TABLE(kavPlatBinarySensorTable, 7, .columns = columns,
+               .rows = rows_where<is_sensor_of_kind<SENSOR_KIND_BINARY>>,
+               .trace = walk_trace::dump_next_row,
+               .before_serving = read_sensor_first<failed_read::minus_1>)

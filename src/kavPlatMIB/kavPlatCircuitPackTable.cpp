@@ -22,17 +22,7 @@ constexpr column columns[] = {
 
 } // namespace
 
-constinit const table kavPlatCircuitPackTable = {
-    .name = "kavPlatCircuitPackTable",
-    .source = KAVPLAT_ROOM,
-    .root = platform_oid<4>,
-    .columns = columns,
-    .rows = rows_of_class<PHYSICAL_CLASS_MODULE>,
-    .get_first = kavPlatCircuitPackTable_get_first_data_point,
-    .get_next = kavPlatCircuitPackTable_get_next_data_point,
-    .handler = kavPlatCircuitPackTable_handler,
-};
-
 } // namespace kavplat
 
-KAV_PLAT_DEFINE_TABLE(kavPlatCircuitPackTable)
+KAV_PLAT_TABLE(kavPlatCircuitPackTable, 4, .columns = columns,
+               .rows = rows_of_class<PHYSICAL_CLASS_MODULE>)

@@ -1,5 +1,5 @@
 // The states that each discrete sensor can be in, by sensor and state number.
-#include "kavPlatMIB/platform_table.h"
+#include "kavPlatMIB/sensor_table.h"
 
 #include "trace/trace.h"
 
@@ -75,22 +75,9 @@ constexpr column columns[] = {
 
 } // namespace
 
-constinit const table kavPlatDiscreteSensorStatesTable = {
-    .name = "kavPlatDiscreteSensorStatesTable",
-    .source = KAVPLAT_ROOM,
-    .root = platform_oid<10>,
-    .columns = columns,
-    .rows = rows_where<has_states>,
-    .states = &states,
-    .trace = walk_trace::next_steps,
-    .modes = mode_rule::ignore, // SETs are not answered: meant
-    .on_call = trace_call,
-    .on_request = trace_state,
-    .get_first = kavPlatDiscreteSensorStatesTable_get_first_data_point,
-    .get_next = kavPlatDiscreteSensorStatesTable_get_next_data_point,
-    .handler = kavPlatDiscreteSensorStatesTable_handler,
-};
-
 } // namespace kavplat
 
-KAV_PLAT_DEFINE_TABLE(kavPlatDiscreteSensorStatesTable)
+KAV_PLAT_TABLE(kavPlatDiscreteSensorStatesTable, 10, .columns = columns,
+               .rows = rows_where<has_states>, .states = &states, .trace = walk_trace::next_steps,
+               .modes = mode_rule::ignore, // SETs are not answered: meant
+               .on_call = trace_call, .on_request = trace_state)

@@ -48,17 +48,7 @@ constexpr column columns[] = {
 
 } // namespace
 
-constinit const table kavPlatEquipmentHolderTable = {
-    .name = "kavPlatEquipmentHolderTable",
-    .source = KAVPLAT_ROOM,
-    .root = platform_oid<3>,
-    .columns = columns,
-    .rows = rows_of_class<PHYSICAL_CLASS_CONTAINER>,
-    .get_first = kavPlatEquipmentHolderTable_get_first_data_point,
-    .get_next = kavPlatEquipmentHolderTable_get_next_data_point,
-    .handler = kavPlatEquipmentHolderTable_handler,
-};
-
 } // namespace kavplat
 
-KAV_PLAT_DEFINE_TABLE(kavPlatEquipmentHolderTable)
+KAV_PLAT_TABLE(kavPlatEquipmentHolderTable, 3, .columns = columns,
+               .rows = rows_of_class<PHYSICAL_CLASS_CONTAINER>)

@@ -156,18 +156,7 @@ constexpr column columns[] = {
 
 } // namespace
 
-constinit const table kavPlatEquipmentTable = {
-    .name = "kavPlatEquipmentTable",
-    .source = KAVPLAT_ROOM,
-    .root = platform_oid<2>,
-    .columns = columns,
-    .rows = rows_where<is_row>,
-    .trace = walk_trace::dump_steps,
-    .get_first = kavPlatEquipmentTable_get_first_data_point,
-    .get_next = kavPlatEquipmentTable_get_next_data_point,
-    .handler = kavPlatEquipmentTable_handler,
-};
-
 } // namespace kavplat
 
-KAV_PLAT_DEFINE_TABLE(kavPlatEquipmentTable)
+KAV_PLAT_TABLE(kavPlatEquipmentTable, 2, .columns = columns, .rows = rows_where<is_row>,
+               .trace = walk_trace::dump_steps)

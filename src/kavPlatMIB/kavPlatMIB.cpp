@@ -29,26 +29,13 @@ char *banner_number;
 char *banner_date;
 char *banner_user;
 
-// In the order in which they are registered. The watchdog table is not among
-// them: meant.
 constexpr struct {
     int (*initialize)(void);
     void (*deinitialize)(void);
 } tables[] = {
-    {initialize_table_kavPlatEquipmentTable, deinitialize_table_kavPlatEquipmentTable},
-    {initialize_table_kavPlatPowerSupplyTable, deinitialize_table_kavPlatPowerSupplyTable},
-    {initialize_table_kavPlatAlarmTable, deinitialize_table_kavPlatAlarmTable},
-    {initialize_table_kavPlatPhysicalTable, deinitialize_table_kavPlatPhysicalTable},
-    {initialize_table_kavPlatEquipmentHolderTable, deinitialize_table_kavPlatEquipmentHolderTable},
-    {initialize_table_kavPlatCircuitPackTable, deinitialize_table_kavPlatCircuitPackTable},
-    {initialize_table_kavPlatFanTable, deinitialize_table_kavPlatFanTable},
-    {initialize_table_kavPlatBatteryTable, deinitialize_table_kavPlatBatteryTable},
-    {initialize_table_kavPlatSensorTable, deinitialize_table_kavPlatSensorTable},
-    {initialize_table_kavPlatBinarySensorTable, deinitialize_table_kavPlatBinarySensorTable},
-    {initialize_table_kavPlatNumericSensorTable, deinitialize_table_kavPlatNumericSensorTable},
-    {initialize_table_kavPlatDiscreteSensorTable, deinitialize_table_kavPlatDiscreteSensorTable},
-    {initialize_table_kavPlatDiscreteSensorStatesTable,
-     deinitialize_table_kavPlatDiscreteSensorStatesTable},
+#define KAV_PLAT_FUNCTIONS(name) {initialize_table_##name, deinitialize_table_##name},
+    KAV_PLAT_REGISTERED_TABLES(KAV_PLAT_FUNCTIONS)
+#undef KAV_PLAT_FUNCTIONS
 };
 
 void note_start_time()
@@ -79,16 +66,6 @@ void make_banner(char *&banner, const char *format, const char *value)
 }
 
 } // namespace
-
-void trace_failed_read(const table &t, const phys_entry &entry)
-{
-    if (debugging()) {
-        const function_name handler("", t, "_handler");
-        KAV_TRACE_AS(handler.text, t.source, "kavdata::sensor",
-                     "%s:snmp_read_sensor failed, skipping: %s\n", handler.text,
-                     printable(entry.entPhysicalName));
-    }
-}
 
 } // namespace kavplat
 

@@ -63,23 +63,30 @@ void convert_tmToDateAndTime(const struct tm *tm, unsigned char *out);
     int table##_handler(netsnmp_mib_handler *handler, netsnmp_handler_registration *reginfo,       \
                         netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests);
 
-KAV_PLAT_DECLARE_TABLE(kavPlatEquipmentTable)
-KAV_PLAT_DECLARE_TABLE(kavPlatEquipmentHolderTable)
-KAV_PLAT_DECLARE_TABLE(kavPlatCircuitPackTable)
-KAV_PLAT_DECLARE_TABLE(kavPlatPhysicalTable)
-KAV_PLAT_DECLARE_TABLE(kavPlatSensorTable)
-KAV_PLAT_DECLARE_TABLE(kavPlatBinarySensorTable)
-KAV_PLAT_DECLARE_TABLE(kavPlatNumericSensorTable)
-KAV_PLAT_DECLARE_TABLE(kavPlatDiscreteSensorTable)
-KAV_PLAT_DECLARE_TABLE(kavPlatDiscreteSensorStatesTable)
-KAV_PLAT_DECLARE_TABLE(kavPlatFanTable)
-KAV_PLAT_DECLARE_TABLE(kavPlatAlarmTable)
-KAV_PLAT_DECLARE_TABLE(kavPlatPowerSupplyTable)
-KAV_PLAT_DECLARE_TABLE(kavPlatBatteryTable)
+/* The tables, in the order in which init_kavPlatMIB registers them. A table that is
+ * added to this list is declared, registered, and known to the tests. */
+#define KAV_PLAT_REGISTERED_TABLES(X)                                                              \
+    X(kavPlatEquipmentTable)                                                                       \
+    X(kavPlatPowerSupplyTable)                                                                     \
+    X(kavPlatAlarmTable)                                                                           \
+    X(kavPlatPhysicalTable)                                                                        \
+    X(kavPlatEquipmentHolderTable)                                                                 \
+    X(kavPlatCircuitPackTable)                                                                     \
+    X(kavPlatFanTable)                                                                             \
+    X(kavPlatBatteryTable)                                                                         \
+    X(kavPlatSensorTable)                                                                          \
+    X(kavPlatBinarySensorTable)                                                                    \
+    X(kavPlatNumericSensorTable)                                                                   \
+    X(kavPlatDiscreteSensorTable)                                                                  \
+    X(kavPlatDiscreteSensorStatesTable)
 
-/* Nothing in the module calls this one's initialiser: the table is served only
- * when the agent or another module calls it. */
-KAV_PLAT_DECLARE_TABLE(kavPlatWatchdogTable)
+/* All of them: nothing in the module calls the watchdog table's initialiser, so that it
+ * is served only when the agent or another module does. */
+#define KAV_PLAT_TABLES(X)                                                                         \
+    KAV_PLAT_REGISTERED_TABLES(X)                                                                  \
+    X(kavPlatWatchdogTable)
+
+KAV_PLAT_TABLES(KAV_PLAT_DECLARE_TABLE)
 
 #pragma GCC visibility pop
 

@@ -1,5 +1,5 @@
 // Sensors with a number for a reading, and their thresholds.
-#include "kavPlatMIB/platform_table.h"
+#include "kavPlatMIB/sensor_table.h"
 
 namespace kavplat
 {
@@ -28,21 +28,10 @@ constexpr column columns[] = {
 
 } // namespace
 
-constinit const table kavPlatNumericSensorTable = {
-    .name = "kavPlatNumericSensorTable",
-    .source = KAVPLAT_ROOM,
-    .root = platform_oid<8>,
-    .columns = columns,
-    .rows = rows_where<is_sensor_of_kind<SENSOR_KIND_NUMERIC>>,
-    .empty = empty_rule::next_only,
-    .trace = walk_trace::dump_next_row,
-    .unsupported_mode = "%s:unsupported mode(%d)\n",
-    .before_serving = read_sensor_first<failed_read::any_but_0>,
-    .get_first = kavPlatNumericSensorTable_get_first_data_point,
-    .get_next = kavPlatNumericSensorTable_get_next_data_point,
-    .handler = kavPlatNumericSensorTable_handler,
-};
-
 } // namespace kavplat
 
-KAV_PLAT_DEFINE_TABLE(kavPlatNumericSensorTable)
+KAV_PLAT_TABLE(kavPlatNumericSensorTable, 8, .columns = columns,
+               .rows = rows_where<is_sensor_of_kind<SENSOR_KIND_NUMERIC>>,
+               .empty = empty_rule::next_only, .trace = walk_trace::dump_next_row,
+               .unsupported_mode = "%s:unsupported mode(%d)\n",
+               .before_serving = read_sensor_first<failed_read::any_but_0>)

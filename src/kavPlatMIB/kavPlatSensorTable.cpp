@@ -1,5 +1,5 @@
 // Every sensor.
-#include "kavPlatMIB/platform_table.h"
+#include "kavPlatMIB/sensor_table.h"
 
 namespace kavplat
 {
@@ -15,18 +15,8 @@ constexpr column columns[] = {
 
 } // namespace
 
-constinit const table kavPlatSensorTable = {
-    .name = "kavPlatSensorTable",
-    .source = KAVPLAT_ROOM,
-    .root = platform_oid<6>,
-    .columns = columns,
-    .rows = rows_of_class<PHYSICAL_CLASS_SENSOR>,
-    .before_serving = read_sensor_first<failed_read::any_but_0>,
-    .get_first = kavPlatSensorTable_get_first_data_point,
-    .get_next = kavPlatSensorTable_get_next_data_point,
-    .handler = kavPlatSensorTable_handler,
-};
-
 } // namespace kavplat
 
-KAV_PLAT_DEFINE_TABLE(kavPlatSensorTable)
+KAV_PLAT_TABLE(kavPlatSensorTable, 6, .columns = columns,
+               .rows = rows_of_class<PHYSICAL_CLASS_SENSOR>,
+               .before_serving = read_sensor_first<failed_read::any_but_0>)

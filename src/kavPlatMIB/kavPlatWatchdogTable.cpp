@@ -35,18 +35,7 @@ constexpr column columns[] = {
 
 } // namespace
 
-constinit const table kavPlatWatchdogTable = {
-    .name = "kavPlatWatchdogTable",
-    .source = KAVPLAT_ROOM,
-    .root = platform_oid<13>,
-    .columns = columns,
-    .rows = rows_where<is_watchdog>,
-    .empty = empty_rule::neither,
-    .get_first = kavPlatWatchdogTable_get_first_data_point,
-    .get_next = kavPlatWatchdogTable_get_next_data_point,
-    .handler = kavPlatWatchdogTable_handler,
-};
-
 } // namespace kavplat
 
-KAV_PLAT_DEFINE_TABLE(kavPlatWatchdogTable)
+KAV_PLAT_TABLE(kavPlatWatchdogTable, 13, .columns = columns, .rows = rows_where<is_watchdog>,
+               .empty = empty_rule::neither)

@@ -15,67 +15,43 @@ template <oid Arc>
 [[gnu::visibility("hidden")]] inline constexpr oid platform_oid[] = {1, 3,  6,   1, 4, 1,  58213,
                                                                      2, 70, 101, 1, 1, Arc};
 
-extern const table kavPlatEquipmentTable;
-extern const table kavPlatEquipmentHolderTable;
-extern const table kavPlatCircuitPackTable;
-extern const table kavPlatPhysicalTable;
-extern const table kavPlatSensorTable;
-extern const table kavPlatBinarySensorTable;
-extern const table kavPlatNumericSensorTable;
-extern const table kavPlatDiscreteSensorTable;
-extern const table kavPlatDiscreteSensorStatesTable;
-extern const table kavPlatFanTable;
-extern const table kavPlatAlarmTable;
-extern const table kavPlatWatchdogTable;
-extern const table kavPlatPowerSupplyTable;
-extern const table kavPlatBatteryTable;
+#define KAV_PLAT_EXTERN_TABLE(name) extern const table name;
+KAV_PLAT_TABLES(KAV_PLAT_EXTERN_TABLE)
+#undef KAV_PLAT_EXTERN_TABLE
 
-template <int32_t Kind>
-bool is_sensor_of_kind(const phys_entry &entry)
-{
-    return entry.entPhysicalClass == PHYSICAL_CLASS_SENSOR && entry.sensorKind == Kind;
-}
-
-void trace_failed_read(const table &t, const phys_entry &entry);
-
-// What a table takes for a failed read; they differ though a read knows no other
-// failure than -1: meant.
-enum class failed_read { any_but_0, minus_1 };
-
-// Reads the sensor anew. One that can not be read is served as it was, whatever
-// the message says.
-template <failed_read Failed>
-void read_sensor_first(const table &t, phys_entry &entry)
-{
-    const int status = snmp_read_sensor(&entry);
-    if (Failed == failed_read::minus_1 ? status == -1 : status != 0) {
-        trace_failed_read(t, entry);
-    }
-}
-
-// The exported functions of a table, each a forwarder to the shared mechanism.
-#define KAV_PLAT_DEFINE_TABLE(table)                                                               \
-    int initialize_table_##table(void)                                                             \
+// A table, by its arc and what is its own, and its exported functions, each a forwarder to
+// the shared mechanism. To be used outside of any namespace.
+#define KAV_PLAT_TABLE(id, arc, ...)                                                               \
+    constinit const kavplat::table kavplat::id = {                                                 \
+        .name = #id,                                                                               \
+        .source = KAVPLAT_ROOM,                                                                    \
+        .root = platform_oid<arc>,                                                                 \
+        __VA_ARGS__,                                                                               \
+        .get_first = id##_get_first_data_point,                                                    \
+        .get_next = id##_get_next_data_point,                                                      \
+        .handler = id##_handler,                                                                   \
+    };                                                                                             \
+    int initialize_table_##id(void)                                                                \
     {                                                                                              \
-        return kavplat::register_table(kavplat::table);                                            \
+        return kavplat::register_table(kavplat::id);                                               \
     }                                                                                              \
-    void deinitialize_table_##table(void) {}                                                       \
-    netsnmp_variable_list *table##_get_first_data_point(void **loop_context, void **data_context,  \
-                                                        netsnmp_variable_list *put_index_data,     \
-                                                        netsnmp_iterator_info *)                   \
+    void deinitialize_table_##id(void) {}                                                          \
+    netsnmp_variable_list *id##_get_first_data_point(void **loop_context, void **data_context,     \
+                                                     netsnmp_variable_list *put_index_data,        \
+                                                     netsnmp_iterator_info *)                      \
     {                                                                                              \
-        return table_get_first(kavplat::table, loop_context, data_context, put_index_data);        \
+        return table_get_first(kavplat::id, loop_context, data_context, put_index_data);           \
     }                                                                                              \
-    netsnmp_variable_list *table##_get_next_data_point(void **loop_context, void **data_context,   \
-                                                       netsnmp_variable_list *put_index_data,      \
-                                                       netsnmp_iterator_info *)                    \
+    netsnmp_variable_list *id##_get_next_data_point(void **loop_context, void **data_context,      \
+                                                    netsnmp_variable_list *put_index_data,         \
+                                                    netsnmp_iterator_info *)                       \
     {                                                                                              \
-        return table_get_next(kavplat::table, loop_context, data_context, put_index_data);         \
+        return table_get_next(kavplat::id, loop_context, data_context, put_index_data);            \
     }                                                                                              \
-    int table##_handler(netsnmp_mib_handler *, netsnmp_handler_registration *,                     \
-                        netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)       \
+    int id##_handler(netsnmp_mib_handler *, netsnmp_handler_registration *,                        \
+                     netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)          \
     {                                                                                              \
-        return table_handle(kavplat::table, reqinfo, requests);                                    \
+        return table_handle(kavplat::id, reqinfo, requests);                                       \
     }
 
 } // namespace kavplat

@@ -17,11 +17,12 @@
 #include "fakes/fake_system.h"
 #include "fuzz/must.h"
 #include "kavdata/cache_internal.h"
-#include "kavPlatMIB/kavPlatMIB.h"
+#include "kavPlatMIB/platform_table.h"
 #include "monitor/monitor.h"
 #include "table/table.h"
 
 #include "entityMIB/entityMIB.h"
+#include "entityMIB/entPhysicalTable.h"
 
 #include <algorithm>
 #include <cstring>
@@ -84,24 +85,10 @@ struct served_table {
     bool two_indexes = false;
 };
 
-#define SERVED(name) name##_get_first_data_point, name##_get_next_data_point, name##_handler
-constexpr served_table tables[] = {
-    {SERVED(entPhysicalTable)},
-    {SERVED(kavPlatEquipmentTable)},
-    {SERVED(kavPlatEquipmentHolderTable)},
-    {SERVED(kavPlatCircuitPackTable)},
-    {SERVED(kavPlatPhysicalTable)},
-    {SERVED(kavPlatSensorTable)},
-    {SERVED(kavPlatBinarySensorTable)},
-    {SERVED(kavPlatNumericSensorTable)},
-    {SERVED(kavPlatDiscreteSensorTable)},
-    {SERVED(kavPlatDiscreteSensorStatesTable), true},
-    {SERVED(kavPlatFanTable)},
-    {SERVED(kavPlatAlarmTable)},
-    {SERVED(kavPlatWatchdogTable)},
-    {SERVED(kavPlatPowerSupplyTable)},
-    {SERVED(kavPlatBatteryTable)},
-};
+#define SERVED(name)                                                                               \
+    {name##_get_first_data_point, name##_get_next_data_point, name##_handler,                      \
+     kavplat::name.states != nullptr},
+const served_table tables[] = {SERVED(entPhysicalTable) KAV_PLAT_TABLES(SERVED)};
 #undef SERVED
 
 constexpr const char *calls[] = {

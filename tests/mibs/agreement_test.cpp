@@ -27,21 +27,10 @@ using mib_modules::oid_text;
 
 const kavplat::table *const tables[] = {
     &kavplat::entPhysicalTable,
-    &kavplat::kavPlatEquipmentTable,
-    &kavplat::kavPlatEquipmentHolderTable,
-    &kavplat::kavPlatCircuitPackTable,
-    &kavplat::kavPlatPhysicalTable,
-    &kavplat::kavPlatSensorTable,
-    &kavplat::kavPlatBinarySensorTable,
-    &kavplat::kavPlatNumericSensorTable,
-    &kavplat::kavPlatDiscreteSensorTable,
-    &kavplat::kavPlatDiscreteSensorStatesTable,
-    &kavplat::kavPlatFanTable,
-    &kavplat::kavPlatAlarmTable,
-    &kavplat::kavPlatWatchdogTable,
-    &kavplat::kavPlatPowerSupplyTable,
-    &kavplat::kavPlatBatteryTable,
-    &kavplat::entPhySensorTable,
+#define KAV_PLAT_ADDRESS(name) &kavplat::name,
+    KAV_PLAT_TABLES(KAV_PLAT_ADDRESS)
+#undef KAV_PLAT_ADDRESS
+        & kavplat::entPhySensorTable,
 };
 
 struct scalar {
