@@ -3,19 +3,12 @@
 #include "table/turns.h"
 #include "trace/trace.h"
 
-#include <cstdio>
-
 // The assertions below hold in every build type.
 #undef NDEBUG
 #include <cassert>
 
 namespace kavplat
 {
-
-function_name::function_name(const char *prefix, const table &t, const char *suffix)
-{
-    snprintf(text, sizeof text, "%s%s%s", prefix, t.name, suffix);
-}
 
 int register_scalar(const char *name, std::span<const oid> root, Netsnmp_Node_Handler *handler)
 {

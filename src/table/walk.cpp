@@ -2,8 +2,15 @@
 #include "table/table.h"
 #include "trace/trace.h"
 
+#include <cstdio>
+
 namespace kavplat
 {
+
+function_name::function_name(const char *prefix, const table &t, const char *suffix)
+{
+    snprintf(text, sizeof text, "%s%s%s", prefix, t.name, suffix);
+}
 
 namespace
 {
