@@ -105,7 +105,7 @@ void mutate(const json &document, const json::json_pointer &here,
     if (value.is_object()) {
         changed("with a key more", [](json &place) { place["colour"] = 1; });
         for (const auto &[key, below] : value.items()) {
-            changed(("without " + key).c_str(), [&](json &place) { place.erase(key); });
+            changed(("without " + key).c_str(), [&name = key](json &place) { place.erase(name); });
             mutate(document, here / key, visit);
         }
     } else if (value.is_array()) {
