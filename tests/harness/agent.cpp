@@ -151,7 +151,7 @@ std::vector<std::string> agent::command() const
     words.insert(words.end(),
                  {"env", "MIBS=", "SNMP_PERSISTENT_DIR=" + directory + "/state",
                   "KAVPLAT_DESCRIPTION=" + description_.string(), "KAVPLAT_TEST_REDIRECT=" + paths,
-                  "ASAN_OPTIONS=detect_leaks=0:" + reports,
+                  "ASAN_OPTIONS=detect_leaks=0:quarantine_size_mb=16:" + reports,
                   "UBSAN_OPTIONS=print_stacktrace=1:" + reports,
                   "TSAN_OPTIONS=die_after_fork=0:" + reports});
     for (const auto &[name, value] : options_.environment) {

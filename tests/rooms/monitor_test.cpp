@@ -657,10 +657,14 @@ TEST_F(monitor, a_fork_does_not_wait_for_pauses)
 }
 
 // The monitor's registration and events on another thread, each call of the
-// platform a while under way.
+// platform a while under way. After a disconnect, so that the cache that events
+// change is not built beside them.
 TEST_F(monitor, a_fork_finds_nobody_inside_the_platform)
 {
     register_now();
+    fake_system::on_pthread_create.set(
+        [](pthread_t *, const pthread_attr_t *, fake_system::thread_body, void *) { return 0; });
+    platform.deliver(EVENT_MGR_CLASS_CONNECTION, EVENT_MGR_DISCONNECT, nullptr);
     const agent_log log; // keeps the messages off the terminal
     std::atomic<int> inside{0};
     platform->record_calls = false;
