@@ -12,7 +12,7 @@ std::chrono::milliseconds longest_wait_before_fork{5000};
 namespace
 {
 
-/* Not of the C++ library: a child makes them anew in their place. */
+/* Not of the C++ library: a child makes the condition anew in its place. */
 pthread_mutex_t work_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t work_changed = PTHREAD_COND_INITIALIZER;
 /* Guarded by work_mutex. */
@@ -71,10 +71,10 @@ void resume_work_in_parent()
 
 void forget_work_in_child()
 {
-    work_mutex = PTHREAD_MUTEX_INITIALIZER;
-    work_changed = PTHREAD_COND_INITIALIZER;
+    work_changed = PTHREAD_COND_INITIALIZER; /* who waited for it is not in this process */
     working = counted ? 1 : 0;
     forking = waited_in_vain = false;
+    pthread_mutex_unlock(&work_mutex); /* this thread has held it since before the fork */
 }
 
 at_rest::at_rest()

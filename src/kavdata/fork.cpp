@@ -72,11 +72,11 @@ void after_fork_in_parent()
 
 void after_fork_in_child()
 {
-    mutex = PTHREAD_MUTEX_INITIALIZER;
-    changed = PTHREAD_COND_INITIALIZER;
+    changed = PTHREAD_COND_INITIALIZER; // who waited for it is not in this process
     threads_at_work = depth != 0 ? 1 : 0;
     forking = false;
     waited_in_vain = false;
+    pthread_mutex_unlock(&mutex); // this thread has held it since before the fork
     renew_cache_lock();
     renew_names_lock();
     left_behind = true;
