@@ -76,7 +76,7 @@ void event_thread::wake() const
     [[maybe_unused]] const ssize_t unused = ::write(wake_, &one, sizeof one);
 }
 
-void event_thread::let_pass(std::chrono::milliseconds time)
+void event_thread::let_pass(std::chrono::seconds time)
 {
     passed_ = passed_.load() + time;
     wake();

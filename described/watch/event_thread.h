@@ -48,7 +48,7 @@ class event_thread
     void close_descriptors_in_child() noexcept;
 
     /* For tests: so much time passes at once. */
-    void let_pass(std::chrono::milliseconds time);
+    void let_pass(std::chrono::seconds time);
 
   private:
     using clock = std::chrono::steady_clock;
@@ -70,7 +70,8 @@ class event_thread
     std::thread::id id_;
     std::atomic<int> wake_ = -1;    /* both atomic for close_descriptors_in_child, */
     std::atomic<int> inotify_ = -1; /* which takes no lock */
-    std::atomic<std::chrono::milliseconds> passed_{};
+    /* 32 bits: of more, some processors have no atomic. */
+    std::atomic<std::chrono::duration<int32_t>> passed_{};
     bool stop_ = false;
     bool looked_ = false; /* at the file, for the first time */
     audience audience_;
