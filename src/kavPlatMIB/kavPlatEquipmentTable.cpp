@@ -1,7 +1,7 @@
 // Operational state of most physical entities.
 #include "kavPlatMIB/platform_table.h"
 
-#include "kavdata/cache.h"
+#include "kavdata/live.h"
 #include "kavdata/thresholds.h"
 #include "trace/trace.h"
 
@@ -16,7 +16,6 @@ namespace
 constexpr char handler[] = "kavPlatEquipmentTable_handler";
 
 // X.731 states and X.733 severities, as far as they are served.
-namespace admin = kavPlatEquipmentAdminState;
 namespace oper = kavPlatEquipmentOperState;
 namespace severities = kavPlatEquipmentSeverity;
 
@@ -30,18 +29,8 @@ bool is_row(const phys_entry &entry)
 
 int32_t admin_state(phys_entry &entry)
 {
-    if (entry.capiCaps[CAPI_CAP_FIELD_REPLACEABLE_BYTE] & CAPI_CAP_FIELD_REPLACEABLE) {
-        int32_t value = 0;
-        if (capi_get_rdy2rm_status(0, entry.entPhysicalName, &value) == 0) {
-            entry.equipmentCol1 =
-                value == CAPI_NOT_READY_TO_REMOVE ? admin::unlocked : admin::locked;
-        } else if (!has_failed(handler, polled_call::power_state, entry,
-                               capi_get_power_state(0, entry.entPhysicalName, &value))) {
-            // That one of the two is not known is no failure.
-            entry.equipmentCol1 = value == CAPI_POWER_ON              ? admin::unlocked
-                                  : value == CAPI_POWER_SHUTTING_DOWN ? admin::shuttingDown
-                                                                      : admin::locked;
-        }
+    if (has_admin_state(entry)) {
+        apply_admin_state(handler, entry, ask_admin_state(entry.entPhysicalName));
     }
     return entry.equipmentCol1;
 }
@@ -55,16 +44,10 @@ int32_t oper_state(phys_entry &entry)
     if (supplies && entry.sensorKind == SENSOR_KIND_DISCRETE) {
         entry.equipmentCol2 = entry.discreteSensorValue == 2 ? oper::disabled : oper::enabled;
     }
-    if (entry.capiCaps[CAPI_CAP_ENABLE_STATE_BYTE] & CAPI_CAP_ENABLE_STATE) {
+    if (has_enable_state(entry)) {
         const uint32_t now = agent_uptime();
-        int32_t state = 0;
-        char reason[20];
-        if (!is_fresh(entry.lastReadTime, now) &&
-            !has_failed(handler, polled_call::enable_state, entry,
-                        capi_get_enable_disable_state(entry.entPhysicalName, &state, reason,
-                                                      sizeof reason))) {
-            entry.lastReadTime = now;
-            entry.equipmentCol2 = state == CAPI_DISABLED ? oper::disabled : oper::enabled;
+        if (!is_fresh(entry.lastReadTime, now)) {
+            apply_enable_state(handler, entry, ask_enable_state(entry.entPhysicalName), now);
         }
     }
     return entry.equipmentCol2;

@@ -49,7 +49,7 @@ enum look_outcome {
     LOOK_FAILED = 3   /* the platform gave no answer */
 };
 
-/* What the platform last said of a sensor, whatever came of it: for tables that
+/* What the platform last said of a sensor or an indicator, whatever came of it: for tables that
  * tell a reading from the want of one. The live fields of the entry keep what a
  * failed read left in them. */
 typedef struct sensor_look {
@@ -162,7 +162,7 @@ typedef struct phys_entry {
      * (kavdata/cache.h); accessed atomically. */
     int32_t polledStatus[3];
 
-    /* The last look at a sensor, a good one or not. */
+    /* The last look at a sensor or an indicator, a good one or not. */
     sensor_look look;
 
     /* Links the rows that are unlinked and wait to be freed. */

@@ -1,5 +1,6 @@
 // Live sensor readings and thresholds.
 #include "kavdata/cache_internal.h"
+#include "kavdata/live.h"
 #include "kavdata/thresholds.h"
 #include "trace/trace.h"
 
@@ -70,8 +71,17 @@ void read_numeric(phys_entry *entry, const capi_sensor_record &record)
     }
 }
 
-void read_discrete(phys_entry *entry, const capi_sensor_record &record)
+// Whether only the platform can say what such a sensor's states mean.
+bool needs_semantics(const capi_sensor_record &record, uint32_t component_type)
 {
+    return component_type != CAPI_TYPE_SLOT_IDENTITY &&
+           record.sensor_class == CAPI_SENSOR_DISCRETE && !(record.flags & CAPI_STATE_SEMANTICS) &&
+           record.sensor_type != CAPI_SENSOR_PRESENCE;
+}
+
+void read_discrete(phys_entry *entry, const sensor_answer &answer)
+{
+    const capi_sensor_record &record = answer.record;
     entry->binarySensorValue1 = record.reading == 2.0F ? TRUTH_TRUE : TRUTH_FALSE;
     if (record.flags & CAPI_STATE_SEMANTICS) {
         if (record.state == 1.0F) {
@@ -85,7 +95,7 @@ void read_discrete(phys_entry *entry, const capi_sensor_record &record)
         entry->sensorCol2 = kavPlatSensorType::presence;
         set_binary_texts(entry, "Present", "Absent");
         entry->binarySensorValue2 = TRUTH_TRUE;
-    } else if (capi_is_sensor_with_OK_semantics(&record) != 0) {
+    } else if (answer.has_ok_semantics) {
         // The expected value stays as it was: meant.
         set_binary_texts(entry, "ok", "fail");
     } else if (strstr(record.name, "/SYS/IOX") && strstr(record.name, "SWITCH")) {
@@ -100,15 +110,45 @@ void read_discrete(phys_entry *entry, const capi_sensor_record &record)
 // Asks the platform, whatever is known already: 0, or -1 without a valid reading.
 int read_anew(phys_entry *entry, uint32_t now)
 {
+    const sensor_answer answer = ask_sensor(entry->entPhysicalName, entry->capiComponentType);
+    if (answer.status != 0) {
+        log_failed_sensor(entry->entPhysicalName, answer.status);
+    }
+    return apply_sensor(*entry, answer, now);
+}
+
+} // namespace
+
+sensor_answer ask_sensor(const char *name, uint32_t component_type)
+{
+    sensor_answer answer = {};
+    answer.status = capi_get_sensor(0, name, &answer.record);
+    if (answer.status != 0) {
+        return answer;
+    }
+    terminate(answer.record.name);
+    if (answer.record.reading_status != CAPI_READING_INVALID &&
+        needs_semantics(answer.record, component_type)) {
+        answer.has_ok_semantics = capi_is_sensor_with_OK_semantics(&answer.record) != 0;
+    }
+    return answer;
+}
+
+void log_failed_sensor(const char *name, int status)
+{
+    snmp_log(LOG_ERR, "%s:FAILED:%s %s, status=%d\n", "snmp_read_sensor", "capi_get_sensor", name,
+             status);
+}
+
+int apply_sensor(phys_entry &row, const sensor_answer &answer, uint32_t now)
+{
+    phys_entry *entry = &row;
+    const capi_sensor_record &record = answer.record;
     entry->look.time = now;
-    entry->look.outcome = LOOK_FAILED;
-    capi_sensor_record record = {};
-    if (const int status = capi_get_sensor(0, entry->entPhysicalName, &record); status != 0) {
-        snmp_log(LOG_ERR, "%s:FAILED:%s %s, status=%d\n", "snmp_read_sensor", "capi_get_sensor",
-                 entry->entPhysicalName, status);
+    if (answer.status != 0) {
+        entry->look.outcome = LOOK_FAILED;
         return -1;
     }
-    terminate(record.name);
     if (record.reading_status == CAPI_READING_INVALID) {
         KAV_TRACE_AS("snmp_read_sensor", KAVPLAT_ROOM, "kavdata::sensor",
                      "%s:SENSOR_READING_INVALID\n", "snmp_read_sensor");
@@ -131,12 +171,10 @@ int read_anew(phys_entry *entry, uint32_t now)
     } else if (record.sensor_class == CAPI_SENSOR_THRESHOLD) {
         read_numeric(entry, record);
     } else if (record.sensor_class == CAPI_SENSOR_DISCRETE) {
-        read_discrete(entry, record);
+        read_discrete(entry, answer);
     }
     return 0;
 }
-
-} // namespace
 
 void look_at_sensor(phys_entry &entry)
 {
@@ -146,17 +184,14 @@ void look_at_sensor(phys_entry &entry)
     if (!is_fresh(entry.look.time, now)) {
         read_anew(&entry, now);
     }
-    if (!(entry.capiCaps[CAPI_CAP_ENABLE_STATE_BYTE] & CAPI_CAP_ENABLE_STATE) ||
-        is_fresh(entry.look.state_time, now)) {
+    if (!has_enable_state(entry) || is_fresh(entry.look.state_time, now)) {
         return;
     }
-    int32_t state = CAPI_ENABLED;
-    char reason[20];
-    const bool is_known = !has_failed(
-        "look_at_sensor", polled_call::enable_state, entry,
-        capi_get_enable_disable_state(entry.entPhysicalName, &state, reason, sizeof reason));
+    const call_answer answer = ask_enable_state(entry.entPhysicalName);
+    const bool is_known =
+        !has_failed("look_at_sensor", polled_call::enable_state, entry, answer.status);
     entry.look.state_time = now;
-    entry.look.disabled = is_known && state == CAPI_DISABLED;
+    entry.look.disabled = is_known && answer.value == CAPI_DISABLED;
 }
 
 } // namespace kavplat

@@ -1,0 +1,51 @@
+// Live states of equipment: whether it may be removed, and whether it is enabled.
+#include "kavdata/codes.h"
+#include "kavdata/live.h"
+
+namespace kavplat
+{
+
+namespace admin = kavPlatEquipmentAdminState;
+namespace oper = kavPlatEquipmentOperState;
+
+call_answer ask_enable_state(const char *name)
+{
+    call_answer answer = {0, CAPI_ENABLED};
+    char reason[20];
+    answer.status = capi_get_enable_disable_state(name, &answer.value, reason, sizeof reason);
+    return answer;
+}
+
+admin_answer ask_admin_state(const char *name)
+{
+    admin_answer answer = {};
+    answer.ready.status = capi_get_rdy2rm_status(0, name, &answer.ready.value);
+    if (answer.ready.status != 0) {
+        answer.power.status = capi_get_power_state(0, name, &answer.power.value);
+    }
+    return answer;
+}
+
+void apply_admin_state(const char *caller, phys_entry &row, const admin_answer &answer)
+{
+    if (answer.ready.status == 0) {
+        row.equipmentCol1 =
+            answer.ready.value == CAPI_NOT_READY_TO_REMOVE ? admin::unlocked : admin::locked;
+    } else if (!has_failed(caller, polled_call::power_state, row, answer.power.status)) {
+        // That one of the two is not known is no failure.
+        row.equipmentCol1 = answer.power.value == CAPI_POWER_ON              ? admin::unlocked
+                            : answer.power.value == CAPI_POWER_SHUTTING_DOWN ? admin::shuttingDown
+                                                                             : admin::locked;
+    }
+}
+
+void apply_enable_state(const char *caller, phys_entry &row, const call_answer &answer,
+                        uint32_t now)
+{
+    if (!has_failed(caller, polled_call::enable_state, row, answer.status)) {
+        row.lastReadTime = now;
+        row.equipmentCol2 = answer.value == CAPI_DISABLED ? oper::disabled : oper::enabled;
+    }
+}
+
+} // namespace kavplat

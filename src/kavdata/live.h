@@ -1,0 +1,68 @@
+// Live values, read in two halves: what asks the platform knows the row by a copy of
+// what identifies it and needs no lock; what applies an answer to the row runs under
+// the cache lock and asks nobody. A request does both under the lock, one after the
+// other; who watches asks without it.
+#ifndef KAVPLAT_KAVDATA_LIVE_H
+#define KAVPLAT_KAVDATA_LIVE_H
+
+#include "kavdata/cache.h"
+
+namespace kavplat
+{
+
+// What a call that tells one number gave; the value of a failed call says nothing.
+struct call_answer {
+    int status;
+    int32_t value;
+};
+
+struct sensor_answer {
+    int status;
+    bool has_ok_semantics; // asked only of sensors whose record does not say it
+    capi_sensor_record record;
+};
+
+// Whether an entity is ready to be removed and, where that is not known, its power.
+struct admin_answer {
+    call_answer ready;
+    call_answer power;
+};
+
+// ---- Ask: any thread ----
+
+sensor_answer ask_sensor(const char *name, uint32_t component_type);
+call_answer ask_indicator(const char *name);
+call_answer ask_enable_state(const char *name);
+admin_answer ask_admin_state(const char *name);
+
+// ---- Apply: cache lock held; now is the agent's up-time of the question ----
+
+// As snmp_read_sensor and snmp_read_led give: 0 with a good reading, else -1.
+int apply_sensor(phys_entry &row, const sensor_answer &answer, uint32_t now);
+int apply_indicator(phys_entry &row, const call_answer &answer, uint32_t now);
+
+// Into equipmentCol1 and equipmentCol2; caller is whom a failure is told of.
+void apply_admin_state(const char *caller, phys_entry &row, const admin_answer &answer);
+void apply_enable_state(const char *caller, phys_entry &row, const call_answer &answer,
+                        uint32_t now);
+
+// ---- What a failure is told as ----
+
+void log_failed_sensor(const char *name, int status);
+void log_failed_indicator(const char *name);
+
+// ---- Which of these an entity has ----
+
+inline bool has_admin_state(const phys_entry &entry)
+{
+    return entry.capiCaps[CAPI_CAP_FIELD_REPLACEABLE_BYTE] & CAPI_CAP_FIELD_REPLACEABLE;
+}
+
+inline bool has_enable_state(const phys_entry &entry)
+{
+    return entry.capiCaps[CAPI_CAP_ENABLE_STATE_BYTE] & CAPI_CAP_ENABLE_STATE;
+}
+
+} // namespace kavplat
+
+#endif
