@@ -35,6 +35,10 @@ std::string to_text(const live_fault &fault)
         return "no answer in time";
     case fault_kind::unreadable:
         return std::string("a file that can not be read: ") + strerrordesc_np(fault.error);
+    case fault_kind::no_match:
+        return "no file that fits the pattern";
+    case fault_kind::two_matches:
+        return "more than one file that fits the pattern: " + word;
     case fault_kind::no_word:
         return "an empty file";
     case fault_kind::long_word:

@@ -109,7 +109,43 @@ live_fault read_word(const std::string &path, std::chrono::milliseconds bound, b
     }
 }
 
+/* Leads to the file that a pattern led to before, as long as that can be read. */
+live_fault read_match(const std::string &pattern, std::string &match,
+                      std::chrono::milliseconds bound, bool peek, std::string &word)
+{
+    if (!match.empty()) {
+        live_fault fault = read_word(match, bound, peek, word);
+        if (fault.kind != fault_kind::unreadable && !(peek && fault.kind != fault_kind::none)) {
+            return fault;
+        }
+    }
+    pattern_match found = find_match(pattern, std::chrono::steady_clock::now() + bound);
+    if (live_fault fault = fault_of(found); fault.kind != fault_kind::none) {
+        match.clear();
+        return fault;
+    }
+    match = std::move(found.path);
+    return read_word(match, bound, peek, word);
+}
+
 } // namespace
+
+live_fault fault_of(const pattern_match &match)
+{
+    switch (match.outcome) {
+    case match_outcome::one:
+        break;
+    case match_outcome::none:
+        return {fault_kind::no_match};
+    case match_outcome::several:
+        return {fault_kind::two_matches, 0, match.path + " and " + match.second};
+    case match_outcome::failed:
+        return {fault_kind::unreadable, match.error};
+    case match_outcome::no_time:
+        return {fault_kind::no_answer};
+    }
+    return {};
+}
 
 void word_to_value(std::string_view word, live_reading &reading)
 {
@@ -264,13 +300,15 @@ void live_values::work()
         file->started = file->wanted;
         in_background_ += background ? 1 : 0;
         const std::string path = file->path;
+        std::string match = file->match;
         lock.unlock();
 
         const auto begin = clock::now();
         std::string word;
         live_fault fault = [&] {
             const at_rest rest; /* a dead file system may hold it for ever */
-            return read_word(path, bound_, peek, word);
+            return is_pattern(path) ? read_match(path, match, bound_, peek, word)
+                                    : read_word(path, bound_, peek, word);
         }();
         const auto now = clock::now();
 
@@ -278,6 +316,7 @@ void live_values::work()
         in_background_ -= background ? 1 : 0;
         file->running = false;
         file->done = file->started;
+        file->match = std::move(match);
         const bool timed_out = fault.kind == fault_kind::no_answer;
         if (!peek || timed_out || fault.kind == fault_kind::none) {
             file->slow = timed_out || now - begin >= bound_;

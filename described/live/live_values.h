@@ -14,6 +14,7 @@
 #define KAVPLAT_DESCRIBED_LIVE_VALUES_H
 
 #include "described/format/description.h"
+#include "described/live/pattern.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -35,6 +36,8 @@ enum class fault_kind {
     not_read_yet, /* nobody could afford to wait for it */
     no_answer,    /* within the bound */
     unreadable,
+    no_match, /* of the pattern in the path */
+    two_matches,
     no_word,
     long_word,
     no_value,
@@ -45,7 +48,7 @@ enum class fault_kind {
 struct live_fault {
     fault_kind kind = fault_kind::none;
     int error = 0;      /* errno, of what is unreadable */
-    std::string word{}; /* that stands for no value */
+    std::string word{}; /* that stands for no value; the two paths that fit */
 };
 
 struct live_reading {
@@ -53,6 +56,9 @@ struct live_reading {
     std::optional<double> result{}; /* empty: the value could not be had */
     live_fault fault{};
 };
+
+/* What is wrong with a pattern that did not lead to one file. */
+live_fault fault_of(const pattern_match &match);
 
 /* Gives a reading the value that a file's first word stands for, or the fault. */
 void word_to_value(std::string_view word, live_reading &reading);
@@ -84,6 +90,7 @@ class live_values
 
     struct file_state {
         std::string path;
+        std::string match;    /* file that the pattern in the path led to; empty: look for it */
         uint64_t wanted = 0;  /* number of the newest read that somebody asked for */
         uint64_t started = 0; /* number of the newest read that a worker began */
         uint64_t done = 0;

@@ -161,6 +161,34 @@ TEST_F(check, warns_of_a_bound_file_that_is_absent_or_none)
     EXPECT_EQ((std::multiset<std::string>{}), warned(bound("led")));
 }
 
+TEST_F(check, warns_of_a_pattern_that_does_not_lead_to_one_file_and_reads_the_one)
+{
+    const auto ends = [&](const std::string &words) {
+        const auto found = warned(bound("led*/state"));
+        EXPECT_EQ(1U, found.size());
+        return found.size() == 1 && found.begin()->ends_with("led*/state: " + words);
+    };
+    EXPECT_TRUE(ends("no file that fits the pattern"));
+    const std::filesystem::path first = directory / "led1/state";
+    const std::filesystem::path second = directory / "led2/state";
+    std::filesystem::create_directories(first.parent_path());
+    std::filesystem::create_directories(second.parent_path());
+    write_file(first, "on");
+    asked.read = true;
+    EXPECT_EQ((std::multiset<std::string>{}), warned(bound("led*/state")));
+    EXPECT_NE(std::string::npos, out.str().find("led*/state (" + first.string() + ")\n"))
+        << out.str();
+    write_file(second, "on");
+    EXPECT_TRUE(ends("more than one file that fits the pattern: " + first.string() + " and " +
+                     second.string()));
+    std::filesystem::remove_all(second);
+    std::filesystem::create_directories(second);
+    std::filesystem::remove(first);
+    const auto found = warned(bound("led*/state"));
+    ASSERT_EQ(1U, found.size());
+    EXPECT_TRUE(found.begin()->ends_with("led2/state is a directory")) << *found.begin();
+}
+
 /* Somebody who is neither root nor the owner: any other user there is. */
 std::string some_other_user()
 {

@@ -382,6 +382,140 @@ TEST_F(live, each_fault_of_a_bound_file_is_told_once_with_the_file_and_the_reaso
     }
 }
 
+TEST_F(live, a_star_finds_the_file_again_when_the_kernel_counts_anew)
+{
+    const std::filesystem::path device = directory / "device/hwmon";
+    std::filesystem::create_directories(device / "hwmon0");
+    write_file(device / "hwmon0/temp1_input", "1");
+    describe_reading(R"({"file": "device/hwmon/hwmon*/temp1_input"})");
+    EXPECT_EQ(1.0F, reading());
+    clear_log();
+    for (int number = 1; number < 20; ++number) {
+        const std::string name = "hwmon" + std::to_string(number);
+        std::filesystem::rename(device / ("hwmon" + std::to_string(number - 1)), device / name);
+        write_file(device / name / "temp1_input", std::to_string(number));
+        EXPECT_EQ(static_cast<float>(number), reading());
+    }
+    EXPECT_EQ(std::vector<std::string>{}, log_lines());
+}
+
+TEST_F(live, a_star_that_fits_none_or_two_is_told_once_and_when_it_is_good_again)
+{
+    const std::filesystem::path hwmon = directory / "hwmon";
+    const auto make = [&](const char *name) {
+        std::filesystem::create_directories(hwmon / name);
+        write_file(hwmon / name / "t", "1");
+    };
+    const auto told = [&](const std::string &fault) {
+        return line_of(
+            fault == "good again" ? "6" : "3",
+            (hwmon / "h*/t").string() + ": " +
+                (fault == "good again"
+                     ? fault
+                     : "expected a number in the range of single precision, found " + fault));
+    };
+    make("h1");
+    describe_reading(R"({"file": "hwmon/h*/t"})");
+    EXPECT_EQ(1.0F, reading());
+    clear_log();
+    const auto twice_bad = [&] {
+        EXPECT_TRUE(std::isnan(reading()));
+        EXPECT_TRUE(std::isnan(reading()));
+    };
+    make("h2");
+    std::filesystem::create_directories(hwmon / "h0");
+    EXPECT_EQ(1.0F, reading()) << "it is read as long as it is there";
+    std::filesystem::remove(hwmon / "h1/t");
+    EXPECT_EQ(1.0F, reading()) << "another one is the only one now";
+    make("h1");
+    std::filesystem::remove_all(hwmon / "h2");
+    make("h3");
+    twice_bad();
+    std::filesystem::remove_all(hwmon / "h1");
+    EXPECT_EQ(1.0F, reading());
+    std::filesystem::remove_all(hwmon);
+    twice_bad();
+    make(".h1");
+    twice_bad();
+    write_file(hwmon / "h1", "is no directory");
+    twice_bad();
+    make("h2");
+    EXPECT_EQ(1.0F, reading());
+    EXPECT_EQ((std::vector<std::string>{
+                  told("more than one file that fits the pattern: " + (hwmon / "h1/t").string() +
+                       " and " + (hwmon / "h3/t").string()),
+                  told("good again"), told("no file that fits the pattern"), told("good again")}),
+              log_lines());
+}
+
+TEST(pattern, a_star_fits_any_characters_but_a_dot_at_the_beginning)
+{
+    const struct {
+        const char *pattern;
+        const char *name;
+        bool fits;
+    } cases[] = {
+        {"hwmon*", "hwmon", true}, {"hwmon*", "hwmon12", true},
+        {"hwmon*", "hwmo", false}, {"*", "x", true},
+        {"*", ".x", false},        {".*", ".x", true},
+        {"a*b*c", "abc", true},    {"a*b*c", "abbcbc", true},
+        {"a*b*c", "abcb", false},  {"*aab", "aaaab", true},
+        {"**", "x", true},         {"t?", "t1", false},
+        {"[ab]*", "a1", false},    {"[ab]*", "[ab]1", true},
+        {"a*", "b", false},        {"*_input", "t_input", true},
+        {"\\*", "*", false},
+    };
+    for (const auto &each : cases) {
+        EXPECT_EQ(each.fits, fits(each.name, each.pattern)) << each.pattern << ' ' << each.name;
+    }
+}
+
+class patterns : public platform_test
+{
+  protected:
+    pattern_match found(const char *pattern) const
+    {
+        return find_match((directory / pattern).string(), clock_type::now() + 10s);
+    }
+};
+
+TEST_F(patterns, what_is_there_literally_is_meant)
+{
+    std::filesystem::create_directories(directory / "a*");
+    std::filesystem::create_directories(directory / "ab");
+    write_file(directory / "a*/t*", "");
+    write_file(directory / "a*/t1", "");
+    write_file(directory / "ab/t", "");
+    EXPECT_EQ(match_outcome::one, found("a*/t*").outcome);
+    EXPECT_EQ((directory / "a*/t*").string(), found("a*/t*").path);
+    EXPECT_EQ(match_outcome::none, found("a*/x").outcome);
+    EXPECT_EQ((directory / "ab/t").string(), found("*b/*").path);
+}
+
+TEST_F(patterns, the_search_ends_in_a_hostile_tree)
+{
+    std::filesystem::create_directories(directory / "loops");
+    for (int i = 0; i < 30; ++i) {
+        std::filesystem::create_directory_symlink(".", directory / "loops" / std::to_string(i));
+    }
+    std::string all = (directory / "loops").string();
+    for (int i = 0; i < 30; ++i) {
+        all += "/*";
+    }
+    const auto begin = clock_type::now();
+    EXPECT_EQ(match_outcome::no_time, find_match(all + "/none", begin + 100ms).outcome);
+    EXPECT_LT(clock_type::now() - begin, slack);
+    EXPECT_EQ(match_outcome::several, find_match(all, clock_type::now() + slack).outcome);
+
+    std::filesystem::create_directories(directory / "many");
+    for (int i = 0; i < 4200; ++i) {
+        write_file(directory / "many" / std::to_string(i), "");
+    }
+    const pattern_match many = found("many/x*");
+    EXPECT_EQ(match_outcome::failed, many.outcome);
+    EXPECT_EQ(EFBIG, many.error);
+}
+
 TEST_F(live, a_value_that_is_bad_in_another_way_is_told_again)
 {
     write_file(path, described(R"({"name": "/SYS/A", "type": 9, "power": {"file": "power"}})"));

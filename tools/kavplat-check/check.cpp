@@ -72,7 +72,11 @@ void print_readings(std::ostream &out, const std::string &file, const descriptio
                 out << "cannot be had (expected " << expectation_of(*one.value) << ", found "
                     << to_text(reading.fault) << ')';
             }
-            out << ", from " << one.value->file << '\n';
+            out << ", from " << one.value->file;
+            if (is_pattern(one.value->file) && reading.result) {
+                out << " (" << match_of(one.value->file).path << ')';
+            }
+            out << '\n';
         }
     }
 }

@@ -6,6 +6,7 @@
 #define KAVPLAT_CHECK_H
 
 #include "described/format/document.h"
+#include "described/live/pattern.h"
 
 #include <iosfwd>
 
@@ -33,6 +34,9 @@ void print_types(std::ostream &out);
 std::vector<described_platform::load_error> warnings(const described_platform::description &all);
 std::vector<described_platform::load_error>
 file_warnings(const described_platform::description &all, const std::string &user);
+
+/* The file that a pattern leads to, looked for as long as an agent would. */
+described_platform::pattern_match match_of(const std::string &pattern);
 
 /* What keeps a user from reading a file that is there; empty: nothing, or nobody
  * was named. */

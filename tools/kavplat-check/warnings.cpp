@@ -1,5 +1,7 @@
 #include "check.h"
 
+#include "described/live/health.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -231,24 +233,38 @@ std::vector<load_error> warnings(const description &all)
     return found.all;
 }
 
+pattern_match match_of(const std::string &pattern)
+{
+    return find_match(pattern, std::chrono::steady_clock::now() + default_read_bound);
+}
+
 std::vector<load_error> file_warnings(const description &all, const std::string &user)
 {
     found_warnings found;
     for (const component &each : all.components) {
         found.here = &each;
         for (const named_value &one : values_of(each)) {
-            const std::string &file = one.value->file;
+            const std::string place = one.place + "/file";
+            std::string file = one.value->file;
             struct stat status {
             };
             if (file.empty()) {
                 continue;
             }
+            if (is_pattern(file)) {
+                pattern_match match = match_of(file);
+                if (const live_fault fault = fault_of(match); fault.kind != fault_kind::none) {
+                    found.add(place, file + ": " + to_text(fault));
+                    continue;
+                }
+                file = std::move(match.path);
+            }
             if (::stat(file.c_str(), &status) != 0) {
-                found.add(one.place + "/file", file + ": " + std::strerror(errno));
+                found.add(place, file + ": " + std::strerror(errno));
             } else if (S_ISDIR(status.st_mode)) {
-                found.add(one.place + "/file", file + " is a directory");
+                found.add(place, file + " is a directory");
             } else if (const std::string why = obstacle(user, file); !why.empty()) {
-                found.add(one.place + "/file", why);
+                found.add(place, why);
             }
         }
     }
