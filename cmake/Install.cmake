@@ -5,10 +5,9 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 set(KAVPLAT_DATADIR "${CMAKE_INSTALL_DATADIR}/kavplat")
 
 install(TARGETS PlatformMIB LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
-install(TARGETS kavplat-conformance RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+install(TARGETS kavplat RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 if(NOT KAVPLAT_PLATFORM_LIBRARIES)
   install(TARGETS kavplatform LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
-  install(TARGETS kavplat-check RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
   # Where the platform looks for the description, which is not ours to write.
   install(FILES servers/minimal.json DESTINATION "${CMAKE_INSTALL_FULL_SYSCONFDIR}/kavplat"
     RENAME server.json.example)

@@ -62,7 +62,7 @@ void source::complain(const std::vector<load_error> &errors)
     }
     if (logged < errors.size()) {
         log_error(path_ + ": and " + std::to_string(errors.size() - logged) +
-                  " more errors; kavplat-check tells them all");
+                  " more errors; kavplat check tells them all");
     }
     log_error(path_ + (current_description() != nullptr
                            ? ": refused; the last good description stays in force"

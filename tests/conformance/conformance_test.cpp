@@ -1,4 +1,4 @@
-// kavplat-conformance against platforms that keep every promise, and against ones
+// kavplat conformance against platforms that keep every promise, and against ones
 // that break exactly one: the check that is meant for it, and no other, says so.
 #include <algorithm>
 #include <filesystem>
@@ -51,7 +51,7 @@ void take_line(outcome &result, const std::string &line)
 outcome run(const std::string &arguments, const std::string &environment = "")
 {
     const command_result ended = run_command("exec env " + environment + " " +
-                                             quoted(KAVPLAT_CONFORMANCE) + " " + arguments);
+                                             quoted(KAVPLAT_COMMAND) + " conformance " + arguments);
     outcome result;
     result.status = ended.status;
     result.output = ended.output;
@@ -295,11 +295,11 @@ TEST(conformance, what_cannot_be_run_ends_with_2_and_says_why)
         std::string arguments;
         const char *said;
     } misuses[] = {
-        {"", "one library is to be named"},
-        {good + " " + good, "one library is to be named"},
+        {"", "LIBRARY or --list is required"},
+        {good + " " + good, "not expected"},
         {"--only no_such_check " + good, "there is no check no_such_check"},
-        {"--seconds 0 " + good, "--seconds takes a number above 0, not 0"},
-        {"--wait soon " + good, "--wait takes a number above 0, not soon"},
+        {"--seconds 0 " + good, "--seconds: takes a number above 0, not 0"},
+        {"--wait soon " + good, "--wait: takes a number above 0, not soon"},
         {"/no/such/library.so", "cannot load /no/such/library.so"},
         {"--only event_delivery --wait 0.2 --provoke 'exit 7' " + good,
          "--provoke: the command ended with 7"},

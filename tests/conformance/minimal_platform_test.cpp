@@ -58,7 +58,7 @@ void expect_good(const std::string &provocation, const fs::path &fan)
 {
     const command_result checked =
         run_command("MINIMAL_PLATFORM_FAN=" + quoted(fan) +
-                    " " KAVPLAT_CONFORMANCE " --seconds 0.5 --wait 10 --provoke " +
+                    " " KAVPLAT_COMMAND " conformance --seconds 0.5 --wait 10 --provoke " +
                     quoted(provocation + " " + quoted(fan)) + " " KAVPLAT_MINIMAL_PLATFORM);
     EXPECT_EQ(checked.status, 0) << checked.output;
 }

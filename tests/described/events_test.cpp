@@ -482,7 +482,7 @@ TEST_F(event_manager, fifty_errors_of_a_file_are_enough)
     const std::vector<std::string> lines = log_lines();
     ASSERT_EQ(52U, lines.size());
     EXPECT_NE(std::string::npos, lines[49].find("/components/50/type"));
-    EXPECT_EQ("3:" + path.string() + ": and 10 more errors; kavplat-check tells them all\n",
+    EXPECT_EQ("3:" + path.string() + ": and 10 more errors; kavplat check tells them all\n",
               lines[50]);
 }
 

@@ -24,7 +24,7 @@ root=$stage$prefix
         echo "$libdir/$name"
     done
     (cd -- "$build_dir/described" && find . -name 'libkavplatform.so.*.*' -printf "$libdir/%P\n")
-    printf 'bin/%s\n' kavplat-check kavplat-conformance
+    echo bin/kavplat
     printf "$includedir/kavplat/%s\n" "$@"
     echo "$datadir/kavplat/schema/server.schema.json"
     printf "$datadir/kavplat/examples/%s\n" snmpd.conf minimal-platform/minimal_platform.c
@@ -74,7 +74,7 @@ if [[ $platform != "$root/$libdir/libkavplatform.so.0" ]]; then
     echo "the installed library takes its platform from '$platform'"
     exit 1
 fi
-"$root/bin/kavplat-check" "$root/$datadir/kavplat/servers/rack-2u.json"
+"$root/bin/kavplat" check "$root/$datadir/kavplat/servers/rack-2u.json"
 
 # What the documents tell to type, with this installation in place of theirs.
 command_of() { # DOCUMENT PROGRAM: its first command that names an installed file
@@ -85,7 +85,7 @@ command_of() { # DOCUMENT PROGRAM: its first command that names an installed fil
 compile=$(command_of docs/bring-your-own-platform.md cc)
 [[ -n $compile ]] || { echo "docs/bring-your-own-platform.md does not tell how to compile"; exit 1; }
 (cd -- "$stage" && bash -c "${compile/#cc /$cc } -Wall -Wextra -Werror")
-"$root/bin/kavplat-conformance" --only symbols --only inventory_order "$stage/libminimal.so"
+"$root/bin/kavplat" conformance --only symbols --only inventory_order "$stage/libminimal.so"
 
 # The names resolve by these modules alone, and no tool finds them unasked.
 walk=$(command_of mibs/README.md snmpwalk)

@@ -1,6 +1,6 @@
 /*
  * What a program says of descriptions before an agent sees them: functions that
- * kavplat-check calls, and whatever else has the check among its commands.
+ * `kavplat check` calls, and whatever else has the check among its commands.
  */
 #ifndef KAVPLAT_CHECK_H
 #define KAVPLAT_CHECK_H

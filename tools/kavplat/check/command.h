@@ -1,4 +1,4 @@
-/* The command line of the check: of kavplat-check, or of a subcommand. */
+/* The command line of the check: of `kavplat check`, or of another command that has it. */
 #ifndef KAVPLAT_CHECK_COMMAND_H
 #define KAVPLAT_CHECK_COMMAND_H
 

@@ -1,24 +1,26 @@
 /*
- * kavplat-conformance LIBRARY: holds an implementation of the platform contract
+ * kavplat conformance LIBRARY: holds an implementation of the platform contract
  * to what libPlatformMIB relies on. The library is loaded as the agent loads it,
  * its calls are made, and each promise is reported as kept or broken.
  */
+#include "checks.h"
+#include "tools/kavplat/subcommand.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <getopt.h>
 #include <thread>
 #include <unistd.h>
-
-#include "checks.h"
 
 namespace
 {
 
-enum { all_kept = 0, some_broken = 1, misused = 2 };
+using kavplat::misused;
+enum { all_kept = 0, some_broken = 1 };
 
 // In the order in which they are run.
 std::vector<const check *> all_checks()
@@ -32,23 +34,6 @@ std::vector<const check *> all_checks()
     }
     return all;
 }
-
-constexpr char usage_text[] =
-    "usage: kavplat-conformance [OPTIONS] LIBRARY\n"
-    "Loads an implementation of the platform contract and says which promises it\n"
-    "keeps and which it breaks.\n"
-    "\n"
-    "  --list             print the checks and what each one checks\n"
-    "  --only NAME        run this check alone; may be given again\n"
-    "  --seconds N        how long four threads read at once (default 2)\n"
-    "  --provoke COMMAND  a shell command that makes a component come or go, so that\n"
-    "                     events can be checked\n"
-    "  --wait N           seconds for an event to come and for a call to return\n"
-    "                     (default 5)\n"
-    "  --help             print this\n"
-    "\n"
-    "Exits with 0 when no promise is broken, 1 when one is, 2 when the library\n"
-    "cannot be loaded or an option is wrong.\n";
 
 std::atomic<const check *> running = nullptr;
 
@@ -185,87 +170,106 @@ bool read_seconds(const char *text, std::chrono::milliseconds &value)
     return true;
 }
 
-int misuse(const char *what, const char *value)
+struct request {
+    run_options options;
+    std::string library;
+    std::vector<std::string> only;
+    bool list = false;
+};
+
+const check *named(const std::string &name)
 {
-    fprintf(stderr, "kavplat-conformance: %s%s\n%s", what, value, usage_text);
-    return misused;
+    const std::vector<const check *> all = all_checks();
+    const auto found =
+        std::ranges::find_if(all, [&name](const check *c) { return name == c->name; });
+    return found == all.end() ? nullptr : *found;
 }
 
-} // namespace
-
-int main(int count, char **arguments)
+int hold_to_the_contract(const request &asked)
 {
-    enum { list = 'l', only = 'o', seconds = 's', provoke = 'p', wait = 'w', help = 'h' };
-    static const option known[] = {
-        {"list", no_argument, nullptr, list},
-        {"only", required_argument, nullptr, only},
-        {"seconds", required_argument, nullptr, seconds},
-        {"provoke", required_argument, nullptr, provoke},
-        {"wait", required_argument, nullptr, wait},
-        {"help", no_argument, nullptr, help},
-        {nullptr, 0, nullptr, 0},
-    };
     // Never destroyed: events may come until the process ends.
     static auto &s = *new session;
-    const std::vector<const check *> all = all_checks();
-    std::vector<const check *> wanted;
-    int given = 0;
-    while ((given = getopt_long(count, arguments, "h", known, nullptr)) != -1) {
-        switch (given) {
-        case list:
-            for (const check *c : all) {
-                printf("%-21s %s\n", c->name, c->promise);
-            }
-            return all_kept;
-        case only: {
-            const auto found = std::ranges::find_if(
-                all, [](const check *c) { return strcmp(c->name, optarg) == 0; });
-            if (found == all.end()) {
-                return misuse("there is no check ", optarg);
-            }
-            wanted.push_back(*found);
-            break;
+    s.options = asked.options;
+    if (asked.list) {
+        for (const check *c : all_checks()) {
+            printf("%-21s %s\n", c->name, c->promise);
         }
-        case seconds:
-            if (!read_seconds(optarg, s.options.concurrent_for)) {
-                return misuse("--seconds takes a number above 0, not ", optarg);
-            }
-            break;
-        case wait:
-            if (!read_seconds(optarg, s.options.wait)) {
-                return misuse("--wait takes a number above 0, not ", optarg);
-            }
-            break;
-        case provoke:
-            s.options.provoke = optarg;
-            break;
-        case help:
-            fputs(usage_text, stdout);
-            return all_kept;
-        default:
-            fputs(usage_text, stderr);
-            return misused;
-        }
+        return all_kept;
     }
-    if (optind + 1 != count) {
-        return misuse("one library is to be named", "");
+    std::vector<const check *> wanted;
+    for (const std::string &name : asked.only) {
+        wanted.push_back(named(name));
     }
     if (wanted.empty()) {
-        wanted = all;
+        wanted = all_checks();
     }
     catch_crashes();
     std::string why;
-    if (load_platform(arguments[optind], s.calls, s.missing, why) != 0) {
-        fprintf(stderr, "kavplat-conformance: cannot load %s: %s\n", arguments[optind],
+    if (load_platform(asked.library.c_str(), s.calls, s.missing, why) != 0) {
+        fprintf(stderr, "kavplat conformance: cannot load %s: %s\n", asked.library.c_str(),
                 why.c_str());
         return misused;
     }
     watch_for_hangs(s.options.wait);
     int result = run(s, wanted);
     if (!s.provoke_fault.empty()) {
-        fprintf(stderr, "kavplat-conformance: --provoke: %s\n", s.provoke_fault.c_str());
+        fprintf(stderr, "kavplat conformance: --provoke: %s\n", s.provoke_fault.c_str());
         result = misused;
     }
     // The library's threads may be running: none of its destructors, then.
     _exit(result);
 }
+
+void add_seconds(CLI::App &command, const char *name, const char *purpose,
+                 std::chrono::milliseconds &into)
+{
+    command
+        .add_option_function<std::string>(
+            name,
+            [&into, name](const std::string &text) {
+                if (!read_seconds(text.c_str(), into)) {
+                    throw CLI::ValidationError(name, "takes a number above 0, not " + text);
+                }
+            },
+            purpose)
+        ->type_name("N")
+        ->default_str(std::to_string(into.count() / 1000));
+}
+
+std::function<int()> add_to(CLI::App &command)
+{
+    const auto asked = std::make_shared<request>();
+    CLI::Option *list = command.add_flag("--list", asked->list,
+                                         "Print the checks and what each one checks, no more");
+    const CLI::Option *library =
+        command.add_option("LIBRARY", asked->library, "What implements the platform contract");
+    command.add_option("--only", asked->only, "Run this check alone; may be given again")
+        ->type_name("NAME")
+        ->allow_extra_args(false)
+        ->check([](const std::string &name) {
+            return named(name) != nullptr ? std::string() : "there is no check " + name;
+        });
+    add_seconds(command, "--seconds", "How long four threads read at once",
+                asked->options.concurrent_for);
+    command
+        .add_option("--provoke", asked->options.provoke,
+                    "A shell command that makes a component come or go, so that events can be "
+                    "checked")
+        ->type_name("COMMAND");
+    add_seconds(command, "--wait", "Seconds for an event to come and for a call to return",
+                asked->options.wait);
+    command.callback([list, library] {
+        if (library->empty() && list->empty()) {
+            throw CLI::RequiredError("LIBRARY or --list");
+        }
+    });
+    command.footer("Exits with 0 when no promise is broken, 1 when one is, 2 when the library\n"
+                   "cannot be loaded, an option is wrong or the command failed.");
+    return [asked] { return hold_to_the_contract(*asked); };
+}
+
+} // namespace
+
+const kavplat::subcommand kavplat::conformance = {
+    "conformance", "Says which promises of the platform contract a library keeps and breaks",
+    add_to};

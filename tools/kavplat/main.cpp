@@ -1,0 +1,51 @@
+/* kavplat SUBCOMMAND: what is done about descriptions and platforms from a shell. */
+#include "subcommand.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+#include <map>
+
+namespace
+{
+
+const kavplat::subcommand *const subcommands[] = {
+    &kavplat::check,
+    &kavplat::conformance,
+};
+
+int run(int count, char **arguments)
+{
+    CLI::App app(
+        "Describes servers, and looks at descriptions and at the platforms that serve them.",
+        "kavplat");
+    app.set_version_flag("--version", "kavplat " KAVPLAT_VERSION);
+    app.require_subcommand(0, 1);
+    app.footer("kavplat SUBCOMMAND --help tells more.");
+    std::map<const CLI::App *, std::function<int()>> actions;
+    for (const kavplat::subcommand *each : subcommands) {
+        CLI::App *command = app.add_subcommand(each->name, each->purpose);
+        actions[command] = each->add(*command);
+    }
+    try {
+        app.parse(count, arguments);
+        if (app.get_subcommands().empty()) {
+            // Not by require_subcommand, which would say so of a name that is unknown too.
+            throw CLI::RequiredError::Subcommand(1);
+        }
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : kavplat::misused;
+    }
+    return actions.at(app.get_subcommands().front())();
+}
+
+} // namespace
+
+int main(int count, char **arguments)
+{
+    try {
+        return run(count, arguments);
+    } catch (const std::exception &error) {
+        std::cerr << "kavplat: " << error.what() << '\n';
+        return 1;
+    }
+}
