@@ -1,7 +1,7 @@
 #include "entitySensorMIB/entPhySensorTable.h"
 
-#include "entitySensorMIB/measure.h"
 #include "kavdata/cache.h"
+#include "kavdata/measure.h"
 
 namespace kavplat
 {

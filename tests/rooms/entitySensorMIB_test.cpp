@@ -4,7 +4,7 @@
 
 #include "entityMIB/entityMIB.h"
 #include "entitySensorMIB/entPhySensorTable.h"
-#include "entitySensorMIB/measure.h"
+#include "kavdata/measure.h"
 #include "kavPlatMIB/kavPlatMIB.h"
 #include "rooms/cache_fixture.h"
 #include "rooms/requests.h"

@@ -2,8 +2,8 @@
 // sensor is, never by what it reads. Managers take precision and scale once, when
 // they discover a sensor, and several ignore the scale; so both stay for the life of
 // a row, and the scale is units(9) everywhere.
-#ifndef KAVPLAT_ENTITYSENSORMIB_MEASURE_H
-#define KAVPLAT_ENTITYSENSORMIB_MEASURE_H
+#ifndef KAVPLAT_KAVDATA_MEASURE_H
+#define KAVPLAT_KAVDATA_MEASURE_H
 
 #include "kavdata/phys_entry.h"
 
@@ -49,6 +49,10 @@ sensor_status status_of(const phys_entry &sensor);
 // reading x 10^precision in the measure's unit, rounded half away from zero; 0
 // unless the status is ok.
 int32_t value_of(const phys_entry &sensor);
+
+// The same of any number in the platform's units, such as a limit of the sensor; 0 for
+// no number.
+int32_t scaled(const phys_entry &sensor, float number);
 
 } // namespace kavplat
 

@@ -1,4 +1,4 @@
-#include "entitySensorMIB/measure.h"
+#include "kavdata/measure.h"
 
 #include "kavdata/codes.h"
 
@@ -105,12 +105,20 @@ int32_t value_of(const phys_entry &sensor)
     if (sensor.sensorKind == SENSOR_KIND_BINARY) {
         return sensor.look.reading == 2.0F ? TRUTH_TRUE : TRUTH_FALSE;
     }
+    return scaled(sensor, sensor.look.reading);
+}
+
+int32_t scaled(const phys_entry &sensor, float number)
+{
+    if (std::isnan(number)) {
+        return 0;
+    }
     const unit_row &unit = unit_of(sensor);
-    const double scaled =
-        unit.convert(shortest_decimal(sensor.look.reading)) * std::pow(10.0, unit.served.precision);
+    const double exact =
+        unit.convert(shortest_decimal(number)) * std::pow(10.0, unit.served.precision);
     // A half that a conversion made a little less of is a half all the same.
     constexpr double conversion_error = 1e-9;
-    const double rounded = std::round(scaled + std::copysign(conversion_error, scaled));
+    const double rounded = std::round(exact + std::copysign(conversion_error, exact));
     return static_cast<int32_t>(std::clamp(rounded, -double{largest_value}, double{largest_value}));
 }
 
