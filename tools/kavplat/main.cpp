@@ -9,6 +9,7 @@ namespace
 {
 
 const kavplat::subcommand *const subcommands[] = {
+    &kavplat::describe,
     &kavplat::check,
     &kavplat::conformance,
 };

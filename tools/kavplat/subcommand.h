@@ -31,6 +31,7 @@ struct subcommand {
 
 extern const subcommand check;
 extern const subcommand conformance;
+extern const subcommand describe;
 
 } // namespace kavplat
 

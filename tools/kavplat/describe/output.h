@@ -1,0 +1,16 @@
+/* How a description gets to where an agent reads it. */
+#ifndef KAVPLAT_DESCRIBE_OUTPUT_H
+#define KAVPLAT_DESCRIBE_OUTPUT_H
+
+#include <string>
+
+namespace kavplat_describe
+{
+
+/* Afterwards the file holds the text: at once, never half, and left alone when it held
+ * it before. False with the reason when that cannot be; it is as it was then. */
+bool replace_file(const std::string &path, const std::string &text, std::string &why);
+
+} // namespace kavplat_describe
+
+#endif

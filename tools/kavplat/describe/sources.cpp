@@ -1,0 +1,31 @@
+#include "tools/kavplat/describe/sources.h"
+
+#include <exception>
+
+namespace kavplat_describe
+{
+
+std::span<const source> sources()
+{
+    static constexpr source all[] = {
+        {"SMBIOS", find_smbios},
+    };
+    return all;
+}
+
+void find_all(const tree &files, machine &into)
+{
+    for (const source &each : sources()) {
+        try {
+            each.find(files, into);
+        } catch (const std::exception &error) {
+            into.complain(std::string(each.name) + ": " + error.what() +
+                          "; what else it would have found is left out");
+        }
+    }
+    if (files.exhausted()) {
+        into.complain("there are too many files: the rest of them was left unread");
+    }
+}
+
+} // namespace kavplat_describe
