@@ -30,7 +30,7 @@ bool is_row(const phys_entry &entry)
 int32_t admin_state(phys_entry &entry)
 {
     if (has_admin_state(entry)) {
-        apply_admin_state(handler, entry, ask_admin_state(entry.entPhysicalName));
+        apply_admin_state(handler, entry, ask_admin_state(entry.entPhysicalName), agent_uptime());
     }
     return entry.equipmentCol1;
 }

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <unistd.h>
 
 char root_nac[256];
@@ -189,7 +190,9 @@ bool append_row(const char *caller, uint32_t index, const capi_inventory_record 
     }
     build_phys_entry(entry, &record);
     get_static_fields(entry);
+    entry->noted.since = time(nullptr);
     store_slot(index, entry);
+    link_into_container(entry);
     return true;
 }
 

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <optional>
 
 namespace kavplat
 {
@@ -46,6 +47,11 @@ phys_entry *entry_at(uint32_t index);
 
 bool table_is_empty();
 
+// The components that this one holds, one step down, in the order in which their rows
+// were made; null: no more. Lock held.
+phys_entry *first_held(const phys_entry &container);
+phys_entry *next_held(const phys_entry &held);
+
 // A pass of the agent's thread lasts from a get-first callback, which looks rows up
 // without the lock, to the end of the handler that takes the lock later. What an
 // event removes in between is not freed before the pass ends.
@@ -63,6 +69,41 @@ void end_agent_pass();
 // unless each was asked for within the last ten seconds, with whatever result:
 // entry.look is current afterwards. Lock held.
 void look_at_sensor(phys_entry &entry);
+
+// ---- States (ENTITY-STATE-MIB) ----
+//
+// Who wants an entity's states asks the platform for what they depend on, has them
+// computed from what the cache holds then, and notes them: three calls, so that the
+// asking can be done by somebody else or at another time. Lock held in all of them.
+
+// Asks the platform for what the entity's states depend on and was not asked for within
+// the last ten seconds, with whatever result: the administrative and the enable state
+// where there are such; of a sensor a look at it; of a component a look at each sensor
+// that it holds and at each indicator that has a meaning.
+void look_at_states(phys_entry &entry);
+
+// The states by what the cache holds now; asks nobody.
+entity_states states_of(const phys_entry &entry);
+
+// Whether all that the states depend on was asked for at least once. Until then they
+// may lack what nobody asked yet.
+bool are_states_known(const phys_entry &entry);
+
+// Two states, as one became the other.
+struct states_change {
+    entity_states before;
+    entity_states after;
+};
+
+// Remembers the states as they are now, and if they are others than those remembered
+// the time of day too (entry.noted), and tells what changed. The first that is known of
+// an entity is no change. Does nothing while the states are not known.
+std::optional<states_change> note_states(phys_entry &entry);
+
+// For one who tells of changes of the operational state: whether the state noted is
+// another than at the last call, whoever noted it in between; before has that of then
+// and else the same as after. The first state that was noted is no change.
+std::optional<states_change> take_oper_change(phys_entry &entry);
 
 // ---- Failures of the platform ----
 
@@ -89,6 +130,7 @@ struct loaded_modules {
     bool entityMIB;
     bool kavPlatMIB;
     bool entitySensorMIB;
+    bool entityStateMIB;
 };
 extern loaded_modules loaded;
 

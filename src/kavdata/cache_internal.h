@@ -135,6 +135,10 @@ enum class row_origin { first_build, event };
 bool append_row(const char *caller, uint32_t index, const capi_inventory_record &record,
                 row_origin origin);
 
+// Puts a complete row among what its container holds, takes it out again.
+void link_into_container(phys_entry *entry);
+void unlink_from_container(phys_entry *entry);
+
 // The name that a record gives its row: a component without one is "Unknown".
 const char *record_name(const capi_inventory_record &record);
 

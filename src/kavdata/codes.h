@@ -31,6 +31,15 @@
     OBJECT(kavPlatAlarmUrgency, notKnown = 3, usual = 4)                                           \
     OBJECT(kavPlatPowerSupplyKind, notBattery = 2, battery = 3)                                    \
     OBJECT(kavPlatBatteryKind, unknown = 2)
+
+// Of ENTITY-STATE-MIB (RFC 4268).
+#define ENT_STATE_CODES(OBJECT)                                                                    \
+    OBJECT(entStateAdmin, unknown = 1, locked = 2, shuttingDown = 3, unlocked = 4)                 \
+    OBJECT(entStateOper, unknown = 1, disabled = 2, enabled = 3, testing = 4)                      \
+    OBJECT(entStateUsage, unknown = 1, idle = 2, active = 3, busy = 4)                             \
+    OBJECT(entStateAlarm, unknown = 0, underRepair = 1, critical = 2, major = 3, minor = 4,        \
+           warning = 5, indeterminate = 6)                                                         \
+    OBJECT(entStateStandby, unknown = 1, hotStandby = 2, coldStandby = 3, providingService = 4)
 // clang-format on
 
 namespace kavplat
@@ -42,6 +51,7 @@ namespace kavplat
     enum : int32_t { __VA_ARGS__ };                                                                \
     }
 KAV_CODES(KAV_CODES_OF)
+ENT_STATE_CODES(KAV_CODES_OF)
 #undef KAV_CODES_OF
 
 } // namespace kavplat

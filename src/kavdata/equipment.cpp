@@ -26,8 +26,10 @@ admin_answer ask_admin_state(const char *name)
     return answer;
 }
 
-void apply_admin_state(const char *caller, phys_entry &row, const admin_answer &answer)
+void apply_admin_state(const char *caller, phys_entry &row, const admin_answer &answer,
+                       uint32_t now)
 {
+    row.adminTime = now;
     if (answer.ready.status == 0) {
         row.equipmentCol1 =
             answer.ready.value == CAPI_NOT_READY_TO_REMOVE ? admin::unlocked : admin::locked;
@@ -42,7 +44,10 @@ void apply_admin_state(const char *caller, phys_entry &row, const admin_answer &
 void apply_enable_state(const char *caller, phys_entry &row, const call_answer &answer,
                         uint32_t now)
 {
+    row.look.state_time = now;
+    row.look.disabled = 0;
     if (!has_failed(caller, polled_call::enable_state, row, answer.status)) {
+        row.look.disabled = answer.value == CAPI_DISABLED;
         row.lastReadTime = now;
         row.equipmentCol2 = answer.value == CAPI_DISABLED ? oper::disabled : oper::enabled;
     }

@@ -83,6 +83,7 @@ void free_local_cache_entry(uint32_t index)
     if (!remove_name(entry)) {
         snmp_log(LOG_ERR, "can not free hash item %s\n", printable(entry->entPhysicalName));
     }
+    unlink_from_container(entry);
     store_slot(index, nullptr);
     retire(entry);
 }

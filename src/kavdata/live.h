@@ -42,7 +42,8 @@ int apply_sensor(phys_entry &row, const sensor_answer &answer, uint32_t now);
 int apply_indicator(phys_entry &row, const call_answer &answer, uint32_t now);
 
 // Into equipmentCol1 and equipmentCol2; caller is whom a failure is told of.
-void apply_admin_state(const char *caller, phys_entry &row, const admin_answer &answer);
+void apply_admin_state(const char *caller, phys_entry &row, const admin_answer &answer,
+                       uint32_t now);
 void apply_enable_state(const char *caller, phys_entry &row, const call_answer &answer,
                         uint32_t now);
 

@@ -7,8 +7,9 @@
  * those of the MIB object that serves it.
  *
  * Fields change only under the cache lock (kavdata/cache_lock.h), but for the
- * thresholds, thresholdMask and numericSensorCol2, which a sensor refresh writes
- * without it; those are accessed atomically.
+ * thresholds, limits, thresholdMask and numericSensorCol2, which a sensor refresh
+ * writes without it, and first_held and next_held, which the first build does; those
+ * are accessed atomically.
  */
 #ifndef KAVPLAT_KAVDATA_PHYS_ENTRY_H
 #define KAVPLAT_KAVDATA_PHYS_ENTRY_H
@@ -49,8 +50,8 @@ enum look_outcome {
     LOOK_FAILED = 3   /* the platform gave no answer */
 };
 
-/* What the platform last said of a sensor or an indicator, whatever came of it: for tables that
- * tell a reading from the want of one. The live fields of the entry keep what a
+/* What the platform last said of a sensor or an indicator, whatever came of it: for
+ * tables that tell a reading from the want of one. The live fields of the entry keep what a
  * failed read left in them. */
 typedef struct sensor_look {
     uint32_t time;       /* agent up-time, in hundredths of a second; 0: never */
@@ -59,6 +60,27 @@ typedef struct sensor_look {
     uint32_t state_time; /* agent up-time of the last enable state; 0: never */
     int32_t disabled;    /* what that was: 1 disabled, 0 enabled or not known */
 } sensor_look;
+
+/* What ENTITY-STATE-MIB says of an entity, in that module's codes. */
+typedef struct entity_states {
+    int32_t admin;   /* EntityAdminState */
+    int32_t oper;    /* EntityOperState */
+    int32_t usage;   /* EntityUsageState */
+    int32_t standby; /* EntityStandbyStatus */
+    uint32_t alarm;  /* EntityAlarmStatus: the octet of the BITS, bit 0 is 0x80 */
+#ifdef __cplusplus
+    bool operator==(const entity_states &) const = default;
+#endif
+} entity_states;
+
+/* The states as they were noted last, for who has to know of a change. */
+typedef struct noted_states {
+    entity_states states; /* of no meaning while they were never noted */
+    int32_t are_known;    /* 1 once they were noted */
+    int32_t told_oper;    /* states.oper when it was last told of; 0: never */
+    int64_t since;        /* seconds since 1970: the last change, at first the making of
+                             the row */
+} noted_states;
 
 typedef struct phys_entry {
     /* ENTITY-MIB entPhysicalTable */
@@ -130,6 +152,8 @@ typedef struct phys_entry {
     int32_t numericSensorCol13; /* column 13: upper fatal threshold */
     uint32_t numericSensorCol14;
     uint8_t thresholdMask; /* kavPlatNumericSensorThresholds: bit 0 is 0x80 */
+    float limits[6];       /* the thresholds as the platform told them, in its units, in
+                              the order of kavdata/thresholds.h */
 
     /* kavPlatDiscreteSensorTable and kavPlatDiscreteSensorStatesTable */
     int32_t discreteStateCount; /* number of the state set, -1: none */
@@ -144,6 +168,8 @@ typedef struct phys_entry {
     int32_t alarmCol1;
     int32_t alarmCol2;
     int32_t alarmCol3;
+    int32_t alarmMeaning; /* kavPlatEquipmentSeverity of what holds an indicator that is
+                             on; 0: its being on means nothing */
 
     /* kavPlatWatchdogTable. The third word is served both as a text and as an
      * integer; that is meant. */
@@ -162,8 +188,21 @@ typedef struct phys_entry {
      * (kavdata/cache.h); accessed atomically. */
     int32_t polledStatus[3];
 
-    /* The last look at a sensor or an indicator, a good one or not. */
+    /* The last look at a sensor or an indicator, a good one or not; the enable state in
+     * it is that of any entity. */
     sensor_look look;
+
+    /* Agent up-time of the last question for the administrative state; 0: never. */
+    uint32_t adminTime;
+
+    noted_states noted;
+
+    /* The components that this one holds (kavdata/cache.h), each linked to the next,
+     * in the order in which they came. */
+    struct phys_entry *first_held;
+    struct phys_entry *last_held;
+    struct phys_entry *next_held;
+    struct phys_entry *previous_held;
 
     /* Links the rows that are unlinked and wait to be freed. */
     struct phys_entry *next_retired;

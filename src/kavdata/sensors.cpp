@@ -218,8 +218,10 @@ void set_sensor_thresholds(phys_entry *entry, const struct capi_sensor_record *r
 
     unsigned mask = all_thresholds;
     relaxed_store(entry->numericSensorCol2, 0);
+    float *limit = entry->limits;
     for (const threshold &t : thresholds) {
         relaxed_store(entry->*t.field, truncate(record->*t.source));
+        relaxed_store(*limit++, record->*t.source);
         if (!(record->flags & t.valid_flag)) {
             mask &= ~t.mask_bit();
         }

@@ -186,7 +186,12 @@ class cache_test : public testing::Test
             bare.*field = nullptr;
         }
         bare.circuitPackDescr = nullptr;
-        bare.next_retired = nullptr;
+        for (phys_entry *phys_entry::*link :
+             {&phys_entry::next_retired, &phys_entry::first_held, &phys_entry::last_held,
+              &phys_entry::next_held, &phys_entry::previous_held}) {
+            bare.*link = nullptr;
+        }
+        bare.noted.since = 0;
         // What a failed call gave is kept to tell of it once; nobody is served it.
         std::fill(std::begin(bare.polledStatus), std::end(bare.polledStatus), 0);
         return texts + std::string(reinterpret_cast<const char *>(&bare), sizeof bare);
