@@ -8,7 +8,7 @@ JOBS := $(shell nproc)
 # Most tests of an agent wait for it, and not for a processor.
 TEST_JOBS := $(shell echo $$((2 * $$(nproc))))
 
-.PHONY: help run test test-portability build install coverage fuzz soak build-bench bench mutants tidy format format-check clean setup-run setup-test setup-bench setup-check setup-ci
+.PHONY: help run test test-portability build install uninstall dist coverage fuzz soak build-bench bench mutants tidy format format-check clean setup-run setup-test setup-bench setup-check setup-ci
 
 help:
 	@echo "make run            serve servers/rack-2u.json by a private snmpd on 127.0.0.1:1161"
@@ -17,6 +17,8 @@ help:
 	@echo "make test-portability   the tests and the agent on foreign architectures, by qemu"
 	@echo "make build          build the libraries only, into build/release"
 	@echo "make install        install them   PREFIX=$(PREFIX)   DESTDIR=$(DESTDIR)"
+	@echo "make uninstall      remove what was installed"
+	@echo "make dist           the sources of the last commit as build/dist/kavplat-VERSION.tar.gz"
 	@echo "make check-PRESET   build and run what is tested by another preset: asan, tsan, clang"
 	@echo "make coverage       line and branch coverage of src/ and described/, into build/coverage/report"
 	@echo "make fuzz           the fuzzers, a minute each          SECONDS=n  longer"
@@ -52,6 +54,12 @@ check-%:
 
 install: build
 	cmake --install build/release
+
+uninstall:
+	cmake -D BUILD_DIR=build/release -P cmake/Uninstall.cmake
+
+dist:
+	tools/dist build/dist
 
 coverage: setup-check
 	find build/coverage -name '*.gcda' -delete 2>/dev/null || true

@@ -4,10 +4,15 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(KAVPLAT_DATADIR "${CMAKE_INSTALL_DATADIR}/kavplat")
 
-install(TARGETS PlatformMIB LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+# Both libraries side by side; a distribution may want them where no linker looks.
+set(KAVPLAT_MODULEDIR "${CMAKE_INSTALL_LIBDIR}" CACHE STRING
+  "Where the module and the described platform are installed")
+cmake_path(ABSOLUTE_PATH KAVPLAT_MODULEDIR BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}"
+  OUTPUT_VARIABLE KAVPLAT_FULL_MODULEDIR)
+install(TARGETS PlatformMIB LIBRARY DESTINATION "${KAVPLAT_MODULEDIR}")
 install(TARGETS kavplat RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 if(NOT KAVPLAT_PLATFORM_LIBRARIES)
-  install(TARGETS kavplatform LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+  install(TARGETS kavplatform LIBRARY DESTINATION "${KAVPLAT_MODULEDIR}")
   # Where the platform looks for the description, which is not ours to write.
   install(FILES servers/minimal.json DESTINATION "${CMAKE_INSTALL_FULL_SYSCONFDIR}/kavplat"
     RENAME server.json.example)
@@ -32,8 +37,24 @@ foreach(header IN LISTS KAVPLAT_PUBLIC_HEADERS)
   install(FILES "src/${header}" DESTINATION "${KAVPLAT_INCLUDEDIR}/${room}")
 endforeach()
 
-configure_file(cmake/kavplat.pc.in kavplat.pc @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/kavplat.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+# kavplat: to link with the module. kavplat-platform, and CMake's kavplat::platform: the
+# headers alone, which is what a platform needs.
+foreach(name kavplat kavplat-platform)
+  configure_file(cmake/${name}.pc.in ${name}.pc @ONLY)
+  install(FILES "${PROJECT_BINARY_DIR}/${name}.pc"
+    DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+endforeach()
+include(CMakePackageConfigHelpers)
+add_library(kavplat_platform_headers INTERFACE)
+set_target_properties(kavplat_platform_headers PROPERTIES EXPORT_NAME platform)
+target_include_directories(kavplat_platform_headers INTERFACE
+  "$<INSTALL_INTERFACE:${KAVPLAT_INCLUDEDIR}>")
+set(KAVPLAT_CMAKEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/kavplat")
+install(TARGETS kavplat_platform_headers EXPORT kavplatConfig)
+install(EXPORT kavplatConfig NAMESPACE kavplat:: DESTINATION "${KAVPLAT_CMAKEDIR}")
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/kavplatConfigVersion.cmake"
+  COMPATIBILITY SameMajorVersion ARCH_INDEPENDENT)
+install(FILES "${PROJECT_BINARY_DIR}/kavplatConfigVersion.cmake" DESTINATION "${KAVPLAT_CMAKEDIR}")
 
 install(FILES schema/server.schema.json DESTINATION "${KAVPLAT_DATADIR}/schema")
 install(DIRECTORY servers/ DESTINATION "${KAVPLAT_DATADIR}/servers" FILES_MATCHING PATTERN "*.json")
@@ -49,7 +70,7 @@ install(DIRECTORY examples/minimal-platform DESTINATION "${KAVPLAT_DATADIR}/exam
 
 # The documents keep their places beside each other, and find what they link to by
 # symbolic links.
-install(FILES README.md CONTRIBUTING.md LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 install(DIRECTORY docs DESTINATION "${CMAKE_INSTALL_DOCDIR}" FILES_MATCHING PATTERN "*.md")
 install(FILES mibs/README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}/mibs")
 install(FILES managers/README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}/managers")

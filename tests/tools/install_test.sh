@@ -20,11 +20,14 @@ umask 022
 root=$stage$prefix
 
 {
-    for name in libPlatformMIB.so libkavplatform.so libkavplatform.so.0 pkgconfig/kavplat.pc; do
+    for name in libPlatformMIB.so libkavplatform.so libkavplatform.so.0 \
+        pkgconfig/kavplat.pc pkgconfig/kavplat-platform.pc \
+        cmake/kavplat/kavplatConfig.cmake cmake/kavplat/kavplatConfigVersion.cmake; do
         echo "$libdir/$name"
     done
     (cd -- "$build_dir/described" && find . -name 'libkavplatform.so.*.*' -printf "$libdir/%P\n")
     echo bin/kavplat
+    echo sbin/kavplatd
     printf "$includedir/kavplat/%s\n" "$@"
     echo "$datadir/kavplat/schema/server.schema.json"
     printf "$datadir/kavplat/examples/%s\n" snmpd.conf minimal-platform/minimal_platform.c
@@ -33,7 +36,7 @@ root=$stage$prefix
     (cd -- "$source_dir" && find mibs -name '*.txt' -printf "$datadir/kavplat/%p\n")
     (cd -- "$source_dir" && find managers -name '*.yml' -printf "$datadir/kavplat/%p\n")
     (cd -- "$source_dir" && find docs -name '*.md' -printf "$docdir/%p\n")
-    printf "$docdir/%s\n" README.md CONTRIBUTING.md LICENSE mibs/README.md \
+    printf "$docdir/%s\n" README.md CHANGELOG.md CONTRIBUTING.md LICENSE mibs/README.md \
         platform examples schema servers mibs/KAV-PLATFORM-MIB.txt mibs/compact \
         managers/README.md managers/prometheus
 } | sort >"$stage/expected"
@@ -105,4 +108,40 @@ full_libdir=$libdir
 [[ $libdir == /* ]] || full_libdir=$prefix/$libdir
 grep -qx "dlmod entityMIB $full_libdir/libPlatformMIB.so" "$root/$datadir/kavplat/examples/snmpd.conf"
 grep -qx "Cflags: -I\${includedir}/kavplat" "$root/$libdir/pkgconfig/kavplat.pc"
+
+# A platform of somebody else, who has the headers alone: by pkg-config's word and by CMake's.
+version=$(sed -n 's/^## \([0-9.]*\) - .*/\1/p' "$source_dir/CHANGELOG.md" | head -n 1)
+pc=$root/$libdir/pkgconfig/kavplat-platform.pc
+grep -qx "Version: $version" "$pc"
+grep -qx "Cflags: -I\${includedir}/kavplat" "$pc"
+if grep -q '^Libs\|^Requires' "$pc"; then
+    echo "kavplat-platform.pc asks for more than headers"
+    exit 1
+fi
+mkdir "$stage/theirs"
+cp -- "$source_dir/examples/minimal-platform/minimal_platform.c" "$stage/theirs/"
+cat >"$stage/theirs/CMakeLists.txt" <<END
+cmake_minimum_required(VERSION 3.25)
+project(theirs C)
+find_package(kavplat $version REQUIRED)
+add_library(theirs SHARED minimal_platform.c)
+target_link_libraries(theirs PRIVATE kavplat::platform)
+END
+"$cmake" -S "$stage/theirs" -B "$stage/theirs/build" -DCMAKE_C_COMPILER="$cc" \
+    -Dkavplat_DIR="$root/$libdir/cmake/kavplat" >"$stage/theirs.log" 2>&1 || { cat "$stage/theirs.log"; exit 1; }
+"$cmake" --build "$stage/theirs/build" >"$stage/theirs.log" 2>&1 || { cat "$stage/theirs.log"; exit 1; }
+[[ -f $stage/theirs/build/libtheirs.so ]]
+
+# What was installed goes, what somebody added stays.
+added=$(dirname -- "$example")/server.json
+echo '{}' >"$added"
+DESTDIR=$stage "$cmake" -D BUILD_DIR="$build_dir" -P "$source_dir/cmake/Uninstall.cmake" \
+    >"$stage/uninstall.log" 2>&1 || { cat "$stage/uninstall.log"; exit 1; }
+left=$(find "$root" "$(dirname -- "$added")" ! -type d | sort -u)
+if [[ $left != "$added" ]]; then
+    printf 'after it was uninstalled there is: %s\n' "$left"
+    exit 1
+fi
+left=$(find "$root" -type d -name kavplat ! -path "${added%/*}")
+[[ -z $left ]] || { printf 'an empty directory is left: %s\n' "$left"; exit 1; }
 echo "$(wc -l <"$stage/found") files, all as expected"
