@@ -258,20 +258,24 @@ std::vector<std::string> tree::names(const std::string &path) const
     return all;
 }
 
-bool tree::is_file(const std::string &path) const
+bool tree::is_a(mode_t kind, const std::string &path) const
 {
     int error = 0;
     const std::string real_path = resolve(path, error);
     struct stat status = {};
-    return error == 0 && ::lstat((root_ + real_path).c_str(), &status) == 0 &&
-           S_ISREG(status.st_mode);
+    return error == 0 &&
+           ::lstat((real_path.empty() ? root_ + '/' : root_ + real_path).c_str(), &status) == 0 &&
+           (status.st_mode & S_IFMT) == kind;
+}
+
+bool tree::is_file(const std::string &path) const
+{
+    return is_a(S_IFREG, path);
 }
 
 bool tree::is_directory(const std::string &path) const
 {
-    int error = 0;
-    const std::string real_path = resolve(path, error);
-    return error == 0 && directories_.contains(path) && !real_path.empty();
+    return is_a(S_IFDIR, path);
 }
 
 std::string tree::real(const std::string &path) const

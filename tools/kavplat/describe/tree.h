@@ -15,6 +15,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <vector>
 
 namespace kavplat_describe
@@ -67,6 +68,7 @@ class tree
   private:
     static constexpr size_t most_steps = 500000;
 
+    bool is_a(mode_t kind, const std::string &path) const;
     std::string resolve(const std::string &path, int &error) const;
 
     std::string root_; /* without a slash at its end; empty for "/" */
