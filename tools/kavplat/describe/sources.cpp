@@ -9,6 +9,15 @@ std::span<const source> sources()
 {
     static constexpr source all[] = {
         {"SMBIOS", find_smbios},
+        {"PCI", find_pci},
+        {"drives", find_drives},
+        {"network ports", find_network_ports},
+        {"power supplies", find_power_supplies},
+        {"hwmon", find_hwmon},
+        {"thermal zones", find_thermal_zones},
+        {"EDAC", find_memory_errors},
+        {"lights", find_leds},
+        {"watchdogs", find_watchdogs},
     };
     return all;
 }

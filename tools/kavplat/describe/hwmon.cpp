@@ -1,0 +1,224 @@
+#include "tools/kavplat/describe/locations.h"
+#include "tools/kavplat/describe/parts.h"
+#include "tools/kavplat/describe/sources.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <map>
+#include <set>
+
+namespace kavplat_describe
+{
+namespace
+{
+
+/* What the kernel measures, by the first letters of the file. */
+struct quantity {
+    const char *stem;
+    const char *label;
+    const measured *what; /* null: only whether it is so */
+};
+
+const quantity quantities[] = {
+    {"temp", "T", &temperature},   {"fan", "FAN", &speed},
+    {"in", "V", &voltage},         {"curr", "I", &current},
+    {"power", "P", &power},        {"energy", "E", &energy},
+    {"humidity", "RH", &humidity}, {"intrusion", "INTRUSION", nullptr},
+};
+
+struct channel {
+    const quantity *what = nullptr;
+    unsigned number = 0;
+    std::set<std::string> files; /* what stands after "temp1_" */
+    std::string label;           /* what it is called, or empty */
+};
+
+struct chip {
+    std::string name;
+    std::string directory; /* that holds the files */
+    std::string device;    /* empty: none */
+};
+
+/* By kind and number, as in the table above. */
+using channels = std::map<std::pair<size_t, unsigned>, channel>;
+
+channels channels_of(const tree &files, const std::string &directory)
+{
+    channels found;
+    for (const std::string &file : files.names(directory)) {
+        const size_t underscore = file.find('_');
+        if (underscore == file.npos) {
+            continue;
+        }
+        for (size_t i = 0; i < std::size(quantities); ++i) {
+            if (const auto number = number_after(file.substr(0, underscore), quantities[i].stem)) {
+                channel &each = found[{i, *number}];
+                each.what = &quantities[i];
+                each.number = *number;
+                each.files.insert(file.substr(underscore + 1));
+            }
+        }
+    }
+    std::map<std::string, int> times;
+    for (auto &[unused, each] : found) {
+        if (each.files.contains("label")) {
+            each.label = label_of(files.text(directory + '/' + each.what->stem +
+                                             std::to_string(each.number) + "_label"),
+                                  "");
+            ++times[each.what->label + each.label];
+        }
+    }
+    for (auto &[unused, each] : found) {
+        if (each.label.empty()) {
+            each.label = std::to_string(each.number);
+        } else if (times[each.what->label + each.label] > 1) {
+            each.label += '_' + std::to_string(each.number);
+        }
+    }
+    return found;
+}
+
+struct limit {
+    const char *file;
+    const char *key;
+    int rank; /* from the lowest to the highest; below 0: crossed downwards */
+};
+
+/* The driver's gravest are to be trusted most: what contradicts one before it is left
+ * by the firmware as it came from the factory. */
+constexpr limit limits[] = {
+    {"crit", "upper_critical", 2},     {"emergency", "upper_fatal", 3},
+    {"lcrit", "lower_critical", -2},   {"max", "upper_non_critical", 1},
+    {"min", "lower_non_critical", -1},
+};
+
+/* What a register holds that nobody set is no limit. */
+bool is_set(const measured &what, double value, bool upper)
+{
+    constexpr double coldest = -270;
+    constexpr double hottest = 1000;
+    if (&what == &temperature) {
+        return value > coldest && value < hottest && (!upper || value > 0);
+    }
+    return value != 0 && (!upper || value > 0);
+}
+
+void add_limits(const tree &files, const std::string &stem, const channel &of, component &into)
+{
+    constexpr double fine = 1e6; /* no unit of the kernel is smaller */
+    std::map<int, double> taken;
+    json found = json::object();
+    for (const limit &each : limits) {
+        const auto given = of.files.contains(each.file) ? files.number(stem + each.file)
+                                                        : std::optional<int64_t>();
+        if (!given) {
+            continue;
+        }
+        const double value =
+            std::round(static_cast<double>(*given) * of.what->what->scale * fine) / fine;
+        const bool fits = std::ranges::all_of(taken, [&](const auto &other) {
+            const bool other_side = (other.first < 0) != (each.rank < 0);
+            const bool below = other.first < each.rank;
+            return other_side ? (below ? other.second < value : value < other.second)
+                              : (below ? other.second <= value : value <= other.second);
+        });
+        if (fits && is_set(*of.what->what, value, each.rank > 0)) {
+            taken[each.rank] = value;
+            found[each.key] = value;
+        }
+    }
+    if (!found.empty()) {
+        into.keys["sensor"]["thresholds"] = std::move(found);
+    }
+}
+
+/* An alarm of a limit that is none of the critical ones is a warning. */
+bool is_warning(const std::string &file)
+{
+    return file == "max_alarm" || file == "min_alarm" || file == "cap_alarm";
+}
+
+void add_channel(const tree &files, const chip &of, const std::string &prefix, const channel &each,
+                 component &holder, machine &into)
+{
+    const std::string stem =
+        of.directory + '/' + each.what->stem + std::to_string(each.number) + '_';
+    const std::string label = each.what->label + prefix + '_' + each.label;
+    const char *reading = each.files.contains("input")     ? "input"
+                          : each.files.contains("average") ? "average"
+                                                           : nullptr;
+    if (each.what->what != nullptr && reading != nullptr) {
+        component &sensor =
+            add_reading(files, into, holder, label, *each.what->what, stem + reading);
+        add_limits(files, stem, each, sensor);
+    }
+    for (const std::string &file : each.files) {
+        if (file == "alarm" || file == "fault" || file.ends_with("_alarm")) {
+            add_flag(files, into, holder, label + '_' + label_of(file),
+                     is_warning(file) ? "predictive-sensor" : "fault-sensor", stem + file);
+        }
+    }
+}
+
+/* Of what sits in a processor, by the number of its package. */
+component *processor_of(const chip &it, const machine &all)
+{
+    constexpr unsigned first_node = 0x18; /* device number of the first processor's functions */
+    const std::string_view last = last_part(it.device);
+    std::optional<unsigned> package;
+    if (it.name == "coretemp") {
+        package = number_after(last, "coretemp.");
+    } else if (is_pci_address(last) && (it.name == "k10temp" || it.name == "zenpower" ||
+                                        it.name == "k8temp" || it.name == "fam15h_power")) {
+        package = static_cast<unsigned>(std::stoul(std::string(last.substr(8, 2)), nullptr, 16)) -
+                  first_node;
+    }
+    return package && *package < all.processors.size() ? all.processors[*package] : nullptr;
+}
+
+/* Which chip on the board it is: a device of a bus by its address there, which does not
+ * change, and not by the number of the bus, which does. */
+std::string chip_label(const chip &it)
+{
+    const std::string_view last = last_part(it.device);
+    const size_t dash = last.find('-');
+    if (last.starts_with(it.name)) {
+        return label_of(last);
+    }
+    if (dash != last.npos && number_after(last.substr(0, dash), "")) {
+        return label_of(it.name) + '-' + label_of(last.substr(dash + 1));
+    }
+    return label_of(it.name);
+}
+
+} // namespace
+
+void find_hwmon(const tree &files, machine &into)
+{
+    const std::string directory = "/sys/class/hwmon";
+    for (const std::string &name : files.names(directory)) {
+        chip it;
+        it.directory = files.real(directory + '/' + name);
+        it.device = files.real(it.directory + "/device");
+        if (it.directory.empty()) {
+            continue;
+        }
+        if (!files.is_file(it.directory + "/name") && files.is_file(it.device + "/name")) {
+            it.directory = it.device; /* as drivers of old have it */
+        }
+        it.name = files.text(it.directory + "/name");
+        component *owner = processor_of(it, into);
+        if (owner == nullptr && !it.device.empty()) {
+            owner = into.at_device(it.device);
+        }
+        const bool on_board = owner == nullptr || owner == &into.board();
+        component &holder = on_board ? into.board() : *owner;
+        const std::string prefix = on_board ? '_' + chip_label(it) : "";
+        for (const auto &[unused, each] : channels_of(files, it.directory)) {
+            add_channel(files, it, prefix, each, holder, into);
+        }
+    }
+}
+
+} // namespace kavplat_describe

@@ -1,0 +1,46 @@
+/*
+ * Where a device is in the machine, by its path below /sys/devices: which component
+ * holds it, and what tells it from the others there.
+ */
+#ifndef KAVPLAT_DESCRIBE_LOCATIONS_H
+#define KAVPLAT_DESCRIBE_LOCATIONS_H
+
+#include "tools/kavplat/describe/machine.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kavplat_describe
+{
+
+/* Such as 0000:3b:00.0 */
+bool is_pci_address(std::string_view part);
+
+/* Null: there is no such slot. Which function of it a slot's address names does not
+ * matter. */
+component *slot_at(const machine &all, std::string_view pci_address);
+
+struct location {
+    component *holder;
+    /* From the holder to the device, a PCI device at each hop: its number and function,
+     * in hexadecimal, the number only where it is not 0: "1C.4-0". Bus numbers are not
+     * in it: a card that is added changes them. */
+    std::string rest;
+};
+
+/* Of a PCI device, or of what hangs on one. */
+location locate(machine &all, const std::string &path);
+
+/* The component that this very device is; null: none is. */
+component *exactly_at(const machine &all, const std::string &path);
+
+/* The number in "nvme0" or "hwmon12" after the stem; empty where that is all. */
+std::optional<unsigned> number_after(std::string_view name, std::string_view stem);
+
+std::string_view last_part(std::string_view path);
+std::string_view without_last_part(std::string_view path);
+
+} // namespace kavplat_describe
+
+#endif

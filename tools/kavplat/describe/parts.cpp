@@ -1,0 +1,91 @@
+#include "tools/kavplat/describe/parts.h"
+
+namespace kavplat_describe
+{
+
+constexpr double milli = 1e-3;
+constexpr double micro = 1e-6;
+const measured temperature{"temperature-sensor", "temperature", "degrees-c", milli};
+const measured voltage{"voltage-sensor", "voltage", "volts", milli};
+const measured current{"current-sensor", "current", "amps", milli};
+const measured power{"power-sensor", "other", "watts", micro};
+const measured energy{"usage-sensor", "other", "none", micro}; /* joules have no code */
+const measured humidity{"humidity-sensor", "humidity", "percent", milli};
+const measured speed{"tachometer", "tachometer", "rpm", 1};
+const measured charge{"usage-sensor", "other", "percent", 1};
+
+namespace
+{
+
+/* 0 and 1 of a file to 1 and 2, which say false and true, off and on. */
+constexpr double one_more = 1;
+
+component &add_discrete(machine &into, component &holder, std::string label,
+                        const char *component_type, const char *type, json reading, bool is_good)
+{
+    component &made = into.add(holder, std::move(label), component_type);
+    json &sensor = made.keys["sensor"];
+    sensor["class"] = "discrete";
+    sensor["type"] = type;
+    sensor["reading"] = std::move(reading);
+    if (is_good) {
+        sensor["ok_semantics"] = true;
+    }
+    return made;
+}
+
+} // namespace
+
+component &add_reading(const tree &files, machine &into, component &holder, std::string label,
+                       const measured &what, const std::string &path)
+{
+    component &made = into.add(holder, std::move(label), what.component_type, path);
+    json &sensor = made.keys["sensor"];
+    sensor["class"] = "threshold";
+    sensor["type"] = what.type;
+    if (std::string_view(what.units) != "none") {
+        sensor["units"] = what.units;
+    }
+    sensor["reading"] = bound_to(files, path, what.scale);
+    return made;
+}
+
+component &add_flag(const tree &files, machine &into, component &holder, std::string label,
+                    const char *component_type, const std::string &path, bool is_good)
+{
+    component &made = add_discrete(into, holder, std::move(label), component_type, "other",
+                                   bound_to(files, path, 1, one_more), is_good);
+    made.where = path;
+    return made;
+}
+
+component &add_state(machine &into, component &holder, std::string label,
+                     const char *component_type, bool asserted, bool is_good)
+{
+    return add_discrete(into, holder, std::move(label), component_type, "other",
+                        asserted ? "asserted" : "deasserted", is_good);
+}
+
+component &add_presence(machine &into, component &holder, bool present)
+{
+    return add_discrete(into, holder, "PRSNT", "presence-sensor", "presence",
+                        present ? "present" : "absent", false);
+}
+
+component &add_presence(const tree &files, machine &into, component &holder,
+                        const std::string &path)
+{
+    return add_discrete(into, holder, "PRSNT", "presence-sensor", "presence",
+                        bound_to(files, path, 1, one_more), false);
+}
+
+void add_indicator(const tree &files, machine &into, component &holder, std::string label,
+                   const char *component_type, const std::string &path, double scale)
+{
+    if (files.is_file(path)) {
+        component &made = into.add(holder, std::move(label), component_type, path);
+        made.keys["indicator"]["state"] = bound_to(files, path, scale, one_more);
+    }
+}
+
+} // namespace kavplat_describe
