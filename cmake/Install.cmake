@@ -30,6 +30,7 @@ set(KAVPLAT_PUBLIC_HEADERS
   kavdata/phys_entry.h
   monitor/monitor.h
   entityMIB/entityMIB.h
+  entityMappingMIB/entityMappingMIB.h
   entitySensorMIB/entitySensorMIB.h
   kavPlatMIB/kavPlatMIB.h)
 foreach(header IN LISTS KAVPLAT_PUBLIC_HEADERS)

@@ -331,6 +331,18 @@ int capi_get_fru_info(const char *nac_name, struct capi_fru_record *record)
     });
 }
 
+int capi_get_interface_name(const char *nac_name, char *buffer, int length)
+{
+    return with_component(nac_name, [&](const component &found) {
+        if (found.interface.empty() || buffer == nullptr || length < 1 ||
+            found.interface.size() >= static_cast<size_t>(length)) {
+            return failure;
+        }
+        put_text(buffer, static_cast<size_t>(length), found.interface);
+        return 0;
+    });
+}
+
 int capi_get_product_ops_info(int, struct capi_product_record *record)
 {
     return guarded([&] {

@@ -50,6 +50,9 @@ enum capi_inventory_mode {
     CAPI_INVENTORY_ROOT = 5
 };
 
+/* Room for the name of a network interface, the NUL included. */
+enum { CAPI_INTERFACE_NAME_SIZE = 16 };
+
 /* Second argument of capi_get_sensor_info; the library passes no other. */
 enum { CAPI_SENSOR_INFO_ALL = -9 };
 
@@ -352,6 +355,15 @@ int capi_get_enable_disable_state(const char *nac_name, int32_t *state, char *bu
 /* ---- Identity --------------------------------------------------------- */
 
 int capi_get_fru_info(const char *nac_name, struct capi_fru_record *record);
+
+/* The name by which the host's system knows the network interface that this
+ * component is ("eth0"), at most length bytes with its NUL; the library passes
+ * CAPI_INTERFACE_NAME_SIZE. It is asked once, when the row of a component that is
+ * neither sensor nor indicator is made. Fails for a component that is no interface
+ * of the host, and for a name that does not fit.
+ * Optional: a platform may do without this call, and then no port is told to be an
+ * interface. */
+int capi_get_interface_name(const char *nac_name, char *buffer, int length);
 
 /* The first argument is always 0. */
 int capi_get_product_ops_info(int reserved, struct capi_product_record *record);

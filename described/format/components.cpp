@@ -16,6 +16,7 @@ constexpr size_t longest_name = 255;
 constexpr size_t longest_identity = 79;
 constexpr size_t longest_vantor_id = 50;
 constexpr size_t longest_record_name = 63;
+constexpr size_t longest_interface = CAPI_INTERFACE_NAME_SIZE - 1;
 
 void read_vantor_id(fields &object, std::optional<std::string> &into)
 {
@@ -35,6 +36,23 @@ void read_name(reading_state &state, fields &object, std::string &into)
         name.find("//") != std::string::npos) {
         complain(state, object.at("name"),
                  "a name such as \"/SYS/MB\": a slash before every part, no empty part", name);
+        return;
+    }
+    into = std::move(name);
+}
+
+/* As the system allows them; a slash or a blank cannot be in one. */
+void read_interface(reading_state &state, fields &object, std::string &into)
+{
+    std::string name;
+    if (!object.name("interface", longest_interface, name)) {
+        return;
+    }
+    if (name.empty() || name == "." || name == ".." ||
+        name.find_first_of("/: ") != std::string::npos) {
+        complain(state, object.at("interface"),
+                 "the name of a network interface, such as \"eth0\": no slash, colon or blank",
+                 name);
         return;
     }
     into = std::move(name);
@@ -242,6 +260,7 @@ void read_component(reading_state &state, const json &value, const place &here, 
     if (const json *fru = object.value("fru"); fru != nullptr) {
         read_fru(state, *fru, object.at("fru"), into);
     }
+    read_interface(state, object, into.interface);
     object.live("power", power_codes, any_code, into.power);
     object.live("ready_to_remove", ready_codes, any_code, into.ready_to_remove);
     object.live("enable", enable_codes, any_code, into.enable);

@@ -94,6 +94,7 @@ struct component {
     uint32_t type = 0;
     std::array<uint8_t, 10> capabilities{};
     std::optional<fru_identity> fru;
+    std::string interface; /* the host's name of the network interface; empty: none */
     std::optional<live_value> power;
     std::optional<live_value> ready_to_remove;
     std::optional<live_value> enable;

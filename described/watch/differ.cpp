@@ -36,7 +36,8 @@ difference compare(const component &before, const component &after)
 {
     const bool is_sensor = before.sensor != nullptr;
     if (before.type != after.type || before.capabilities != after.capabilities ||
-        before.fru != after.fru || is_sensor != (after.sensor != nullptr) ||
+        before.fru != after.fru || before.interface != after.interface ||
+        is_sensor != (after.sensor != nullptr) ||
         (is_sensor && !same_identity(*before.sensor, *after.sensor))) {
         return difference::identity;
     }

@@ -52,6 +52,10 @@ bool table_is_empty();
 phys_entry *first_held(const phys_entry &container);
 phys_entry *next_held(const phys_entry &held);
 
+// Counts the changes to which rows there are. What was worked out of the rows holds
+// while the count that was taken before them stays.
+uint32_t shape_of_cache();
+
 // A pass of the agent's thread lasts from a get-first callback, which looks rows up
 // without the lock, to the end of the handler that takes the lock later. What an
 // event removes in between is not freed before the pass ends.
@@ -131,6 +135,7 @@ struct loaded_modules {
     bool kavPlatMIB;
     bool entitySensorMIB;
     bool entityStateMIB;
+    bool entityMappingMIB;
 };
 extern loaded_modules loaded;
 

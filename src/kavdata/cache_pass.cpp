@@ -39,6 +39,7 @@ void free_row(phys_entry *row)
     free(row->holderCol2);
     free(row->binarySensorText1);
     free(row->binarySensorText2);
+    free(row->interfaceName);
     free(row);
 }
 

@@ -181,6 +181,9 @@ typedef struct phys_entry {
     uint8_t capiCaps[10];
     uint32_t capiComponentType;
 
+    /* The host's name of the network interface that a port is; owned, null: none. */
+    char *interfaceName;
+
     /* Agent up-time, in hundredths of a second, of the last live read; 0: never. */
     uint32_t lastReadTime;
 

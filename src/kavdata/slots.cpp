@@ -50,6 +50,14 @@ phys_entry **allocate_slots(uint32_t size)
     return array->slots;
 }
 
+std::atomic<uint32_t> shape{0};
+
+// After a change: who then looks sees it, who looked before sees another count.
+void count_change()
+{
+    shape.fetch_add(1, std::memory_order_seq_cst);
+}
+
 std::atomic_ref<phys_entry **> published_table()
 {
     return std::atomic_ref(physicalTable);
@@ -72,6 +80,11 @@ phys_entry *entry_at(uint32_t index)
     return std::atomic_ref(slots[index]).load(std::memory_order_seq_cst);
 }
 
+uint32_t shape_of_cache()
+{
+    return shape.load(std::memory_order_seq_cst);
+}
+
 bool table_is_empty()
 {
     return getMaxPhysicalIndex() == 0 || !published_table().load(std::memory_order_acquire);
@@ -80,11 +93,13 @@ bool table_is_empty()
 void store_slot(uint32_t index, phys_entry *entry)
 {
     std::atomic_ref(physicalTable[index]).store(entry, std::memory_order_seq_cst);
+    count_change();
 }
 
 void publish_max_index(uint32_t index)
 {
     std::atomic_ref(maxPhysicalIndex).store(index, std::memory_order_release);
+    count_change();
 }
 
 bool cache_is_built()
@@ -115,6 +130,7 @@ void drop_cache()
     phys_entry **slots = physicalTable;
     publish_max_index(0);
     published_table().store(nullptr, std::memory_order_seq_cst);
+    count_change();
     if (slots) {
         for (uint32_t i = 1; i <= last; i++) {
             if (phys_entry *entry = slots[i]) {
@@ -135,6 +151,7 @@ void forget_slots()
     localCacheSize = 0;
     htab = nullptr;
     cache_valid = 1;
+    count_change();
 }
 
 } // namespace kavplat

@@ -13,6 +13,10 @@
 #include <memory>
 #include <sys/stat.h>
 
+// Null where the platform does without it.
+extern "C" int capi_get_interface_name(const char *nac_name, char *buffer, int length)
+    __attribute__((weak));
+
 namespace kavplat
 {
 
@@ -180,6 +184,23 @@ void read_class(phys_entry *entry, uint32_t type)
     }
 }
 
+// A port that is an interface of the host. The call is one that a platform may do
+// without, and most components refuse it: neither is a failure.
+void read_interface_name(phys_entry *entry)
+{
+    if (!capi_get_interface_name || !entry->entPhysicalName) {
+        return;
+    }
+    char name[CAPI_INTERFACE_NAME_SIZE] = "";
+    if (capi_get_interface_name(entry->entPhysicalName, name, sizeof name) == 0) {
+        terminate(name);
+        entry->interfaceName = name[0] ? strdup(name) : nullptr;
+        if (name[0] && !entry->interfaceName) {
+            log_failure("read_static_data", "no memory for the name of an interface");
+        }
+    }
+}
+
 bool is_type(int (*ask)(uint32_t, int32_t *), const char *call, const phys_entry &entry,
              uint32_t type)
 {
@@ -247,6 +268,7 @@ void read_static_data(phys_entry *entry, uint32_t component_type)
         entry->platPhysicalClass = kavPlatPhysicalClass::alarm;
     } else {
         read_class(entry, component_type);
+        read_interface_name(entry);
     }
     KAV_TRACE("kavdata::cache", "capi type %4d -> entPhysClass %d: %s\n",
               static_cast<int>(component_type), entry->entPhysicalClass, entry->entPhysicalDescr);

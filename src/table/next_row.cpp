@@ -12,20 +12,46 @@ namespace kavplat
 namespace
 {
 
-// table.entry.column.index
-constexpr size_t arcs_below_table = 3;
+// table.entry.column.index, and a second index of a table of pairs
+size_t arcs_below_table(const table &t)
+{
+    return t.pairs ? 4 : 3;
+}
 
 bool names_a_row(const table &t, const netsnmp_variable_list &var)
 {
     const size_t root_length = t.root.size();
-    if (var.name_length != root_length + arcs_below_table ||
+    if (var.name_length != root_length + arcs_below_table(t) ||
         !std::equal(t.root.begin(), t.root.end(), var.name)) {
         return false;
     }
     const oid *below = var.name + root_length;
     return below[0] == 1 && below[1] >= static_cast<oid>(t.columns.front().number) &&
            below[1] <= static_cast<oid>(t.columns.back().number) &&
-           below[2] <= getMaxPhysicalIndex();
+           below[2] <= getMaxPhysicalIndex() && (!t.pairs || below[3] <= UINT32_MAX);
+}
+
+// The row after the one whose indexes these are, which become its own; null at the end.
+void *step(const table &t, oid *indexes)
+{
+    const auto first = static_cast<uint32_t>(indexes[0]);
+    if (t.pairs) {
+        index_pair found = {};
+        void *row = t.pairs->after({first, static_cast<uint32_t>(indexes[1])}, found);
+        if (row) {
+            indexes[0] = found.first;
+            indexes[1] = found.second;
+        }
+        return row;
+    }
+    phys_entry *row = t.rows.after(first);
+    if (row) {
+        indexes[0] = row->entPhysicalIndex;
+        if (t.before_serving) {
+            t.before_serving(t, *row);
+        }
+    }
+    return row;
 }
 
 // False where it is the helpers' to find.
@@ -37,13 +63,9 @@ bool serve_next_row(const table &t, netsnmp_request_info *request)
     }
     oid *arcs = var->name + t.root.size();
     const request_lock lock;
-    phys_entry *row = t.rows.after(static_cast<uint32_t>(arcs[2]));
+    void *row = step(t, arcs + 2);
     if (!row) {
         return false;
-    }
-    arcs[2] = row->entPhysicalIndex;
-    if (t.before_serving) {
-        t.before_serving(t, *row);
     }
     serve(t, var, static_cast<unsigned>(arcs[1]), row);
     return true;

@@ -6,7 +6,7 @@
 // long as all of ours. So where a GETNEXT's name is a row's the next row is found,
 // its index written into the name and its cell served. Everything else goes through the
 // helpers as ever: GET, the start of a walk and the end of a column, names that are no
-// row's, tables with a second index, every walk whose steps are traced, and a table
+// row's, tables of states, every walk whose steps are traced, and a table
 // between whose helpers somebody has put a handler.
 #ifndef KAVPLAT_TABLE_NEXT_ROW_H
 #define KAVPLAT_TABLE_NEXT_ROW_H

@@ -46,7 +46,7 @@ int register_table(const table &t)
         return SNMPERR_GENERR;
     }
     netsnmp_table_helper_add_indexes(table_info, ASN_INTEGER, 0);
-    if (t.states) {
+    if (t.states || t.pairs) {
         netsnmp_table_helper_add_indexes(table_info, ASN_INTEGER, 0);
     }
     table_info->min_column = static_cast<unsigned>(t.columns.front().number);

@@ -19,6 +19,7 @@
 
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include <compare>
 #include <cstring>
 #include <span>
 #include <type_traits>
@@ -218,6 +219,21 @@ inline constexpr row_rule rows_where = {
     [](uint32_t index) { return detail::scan_after(index, IsRow); },
 };
 
+// Rows of two indexes that the table finds by itself: what columns read is the table's
+// own. On the agent's thread, within a pass or under the lock.
+struct index_pair {
+    uint32_t first; // an entity's index
+    uint32_t second;
+    auto operator<=>(const index_pair &) const = default;
+};
+
+struct pair_rule {
+    // The row at a pair of indexes, null when there is none.
+    void *(*at)(index_pair index);
+    // The first row above, its indexes in found; null when there is none.
+    void *(*after)(index_pair index, index_pair &found);
+};
+
 // Rows of a second index: each entity that the row rule finds has the states 1 to
 // state_count of its set, and it is the state that columns read. The agent serves
 // one request at a time, so one cursor serves all walks of a table.
@@ -272,8 +288,9 @@ struct table {
     const char *source; // what traces name: the room and its debug token
     std::span<const oid> root;
     std::span<const column> columns; // in ascending order without a gap
-    row_rule rows;
+    row_rule rows = {};              // unless it has pairs
     const state_rule *states = nullptr;
+    const pair_rule *pairs = nullptr;
     start_rule start = start_rule::first_above_maximum;
     empty_rule empty = empty_rule::both;
     walk_trace trace = walk_trace::none;

@@ -20,11 +20,15 @@ uint32_t number_in(const netsnmp_variable_list *index)
     return index->val.integer ? static_cast<uint32_t>(*index->val.integer) : 0;
 }
 
+void set_number(netsnmp_variable_list *index, uint32_t number)
+{
+    snmp_set_var_value(index, &number, sizeof number);
+}
+
 // What makes a walk go on in the next column.
 netsnmp_variable_list *end_of_scan(netsnmp_variable_list *index)
 {
-    const uint32_t none = 0;
-    snmp_set_var_value(index, &none, sizeof none);
+    set_number(index, 0);
     return nullptr;
 }
 
@@ -106,9 +110,48 @@ netsnmp_variable_list *deliver(const table &t, void **loop_context, void **data_
               t.states->state_count};
     *loop_context = &cursor;
     *data_context = const_cast<void *>(t.states->state(cursor.set, cursor.state));
-    snmp_set_var_value(index, &cursor.entity, sizeof cursor.entity);
-    snmp_set_var_value(index->next_variable, &cursor.state, sizeof cursor.state);
+    set_number(index, cursor.entity);
+    set_number(index->next_variable, cursor.state);
     return index;
+}
+
+// ---- Rows of two indexes ----
+
+// Of the walk under way; the agent serves one request at a time.
+index_pair pair_position;
+
+netsnmp_variable_list *deliver_pair(void **loop_context, void **data_context,
+                                    netsnmp_variable_list *index, index_pair found, void *row)
+{
+    if (!row) {
+        set_number(index->next_variable, 0);
+        return end_of_scan(index);
+    }
+    pair_position = found;
+    *loop_context = &pair_position;
+    *data_context = row;
+    set_number(index, found.first);
+    set_number(index->next_variable, found.second);
+    return index;
+}
+
+netsnmp_variable_list *next_pair(const table &t, void **loop_context, void **data_context,
+                                 netsnmp_variable_list *index)
+{
+    index_pair found = {};
+    void *row = t.pairs->after(pair_position, found);
+    return deliver_pair(loop_context, data_context, index, found, row);
+}
+
+netsnmp_variable_list *first_pair(const table &t, void **loop_context, void **data_context,
+                                  netsnmp_variable_list *index)
+{
+    const index_pair start = {number_in(index), number_in(index->next_variable)};
+    if (void *row = t.pairs->at(start)) {
+        return deliver_pair(loop_context, data_context, index, start, row);
+    }
+    pair_position = start;
+    return next_pair(t, loop_context, data_context, index);
 }
 
 } // namespace
@@ -156,6 +199,9 @@ netsnmp_variable_list *table_get_first(const table &t, void **loop_context, void
                                        netsnmp_variable_list *index)
 {
     begin_agent_pass();
+    if (t.pairs) {
+        return first_pair(t, loop_context, data_context, index);
+    }
     if (t.empty == empty_rule::both && table_is_empty()) {
         return nullptr;
     }
@@ -177,6 +223,9 @@ netsnmp_variable_list *table_get_first(const table &t, void **loop_context, void
 netsnmp_variable_list *table_get_next(const table &t, void **loop_context, void **data_context,
                                       netsnmp_variable_list *index)
 {
+    if (t.pairs) {
+        return next_pair(t, loop_context, data_context, index);
+    }
     if (t.empty != empty_rule::neither && table_is_empty()) {
         return nullptr;
     }

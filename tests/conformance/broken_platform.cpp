@@ -34,6 +34,7 @@ decltype(capi_get_power_state) fake_capi_get_power_state;
 decltype(capi_get_rdy2rm_status) fake_capi_get_rdy2rm_status;
 decltype(capi_get_enable_disable_state) fake_capi_get_enable_disable_state;
 decltype(capi_get_fru_info) fake_capi_get_fru_info;
+decltype(capi_get_interface_name) fake_capi_get_interface_name;
 decltype(capi_get_product_ops_info) fake_capi_get_product_ops_info;
 decltype(capi_get_chassis_ops_info) fake_capi_get_chassis_ops_info;
 decltype(capi_get_product_vantor_id) fake_capi_get_product_vantor_id;
@@ -141,6 +142,7 @@ fake_platform &platform()
         s.ok_semantics = {state_sensor};
         s.indicators[led] = indicator(CAPI_INDICATOR_ON);
         set_text(s.frus[board].serial, "MB-1");
+        s.interfaces[board] = "e0";
         s.power_states[board] = CAPI_POWER_ON;
         s.ready_to_remove[board] = CAPI_NOT_READY_TO_REMOVE;
         s.enable_states[board] = {CAPI_ENABLED, "as the operator of the machine wishes"};
@@ -531,6 +533,26 @@ int capi_get_fru_info(const char *nac_name, capi_fru_record *record)
         memset(record->serial, 's', sizeof record->serial);
     } else if (breaks("FRU of 1025 bytes")) {
         reinterpret_cast<char *>(record)[sizeof *record] = '\0';
+    }
+    return 0;
+}
+
+int capi_get_interface_name(const char *nac_name, char *buffer, int length)
+{
+    platform();
+    const int status = fake_capi_get_interface_name(nac_name, buffer, length);
+    if (breaks("every component an interface")) {
+        return 0;
+    }
+    if (status != 0) {
+        return status;
+    }
+    if (breaks("interface name too long")) {
+        buffer[length] = '\0';
+    } else if (breaks("interface name without end")) {
+        memset(buffer, 'e', static_cast<size_t>(length));
+    } else if (breaks("interface without a name")) {
+        buffer[0] = '\0';
     }
     return 0;
 }

@@ -154,6 +154,11 @@ constexpr defect defects[] = {
      "capi_get_fru_info(/SYS/MB) gives -1, but its capabilities promise it"},
     {"FRU text without end", "fru_records", "serial has no NUL within its 80 bytes"},
     {"FRU of 1025 bytes", "fru_records", "writes behind the 1024 bytes"},
+    {"every component an interface", "interface_names",
+     "capi_get_interface_name(\"/SYS/NO_SUCH_COMPONENT\") gives 0"},
+    {"interface name too long", "interface_names", "writes byte 17 of a buffer of 16"},
+    {"interface name without end", "interface_names", "leaves no NUL in a buffer of 16"},
+    {"interface without a name", "interface_names", "gives 0 and an empty name"},
     {"identifier too long", "vantor_ids", "writes byte 6 of a buffer of 5"},
     {"identifier without end", "vantor_ids",
      "capi_get_chassis_vantor_id leaves no NUL in a buffer of 51"},
@@ -341,8 +346,9 @@ TEST(conformance, the_described_platform_with_little_to_describe_breaks_none)
 {
     const temporary_directory here;
     // The indicator goes and one of another name comes.
-    expect_all_kept(run_on_described(here, "minimal.json", "s/LOCATE/BEACON/"),
-                    {"power_states", "ready_to_remove", "enable_states", "fru_records"});
+    expect_all_kept(
+        run_on_described(here, "minimal.json", "s/LOCATE/BEACON/"),
+        {"power_states", "ready_to_remove", "enable_states", "fru_records", "interface_names"});
 }
 
 #endif

@@ -417,6 +417,23 @@ TEST_F(capi, indicators_have_their_states)
     }
 }
 
+TEST_F(capi, a_port_tells_its_interface_to_whoever_has_room_for_the_name)
+{
+    describe(R"({"name": "/SYS/A", "type": 11, "interface": "fifteen-letters"},
+                {"name": "/SYS/B", "type": 11})");
+    char name[CAPI_INTERFACE_NAME_SIZE + 1];
+    memset(name, '?', sizeof name);
+    ASSERT_EQ(0, capi_get_interface_name("/SYS/A", name, CAPI_INTERFACE_NAME_SIZE));
+    EXPECT_STREQ("fifteen-letters", name);
+    EXPECT_EQ('?', name[CAPI_INTERFACE_NAME_SIZE]);
+    EXPECT_EQ(-1, capi_get_interface_name("/SYS/A", name, 15));
+    EXPECT_EQ(-1, capi_get_interface_name("/SYS/A", name, 0));
+    EXPECT_EQ(-1, capi_get_interface_name("/SYS/A", nullptr, CAPI_INTERFACE_NAME_SIZE));
+    EXPECT_EQ(-1, capi_get_interface_name("/SYS/B", name, CAPI_INTERFACE_NAME_SIZE));
+    EXPECT_EQ(-1, capi_get_interface_name("/SYS/C", name, CAPI_INTERFACE_NAME_SIZE));
+    EXPECT_EQ(-1, capi_get_interface_name(nullptr, name, CAPI_INTERFACE_NAME_SIZE));
+}
+
 TEST_F(capi, identity_records_hold_their_texts)
 {
     const std::string full(79, 'y');

@@ -68,6 +68,8 @@ TEST_F(check, warns_of_what_is_accepted_and_serves_nothing)
     } cases[] = {
         {a + R"(], "fru": {}})", "/fru", "\"fru-info\""},
         {a + R"("fru-info"], "fru": {}})", "", ""},
+        {a + R"(], "interface": "eth0"})", "", ""},
+        {sensor_of(celsius, R"(, "interface": "eth0")"), "/interface", "of a sensor"},
         {a + R"(], "power": 1})", "/power", "\"power-readable\""},
         {a + R"("power-readable"], "power": 1})", "", ""},
         {a + R"("power-controllable"], "power": 1})", "", ""},

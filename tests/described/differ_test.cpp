@@ -87,8 +87,9 @@ TEST_F(differ, changed_identity_goes_and_comes_with_all_below)
     const std::string rest = "," + plain("/SYS/MB/A") + "," + sensor_at("/SYS/MB/T");
     const std::string before = described(plain("/SYS/MB") + rest);
     const events expected{removed("/SYS/MB"), inserted("/SYS/MB")};
-    for (const char *change : {R"(, "fru": {"serial": "1"})", R"(, "capabilities": ["holder"])",
-                               R"(, "capability_bytes": [0,0,0,0,0,0,0,0,1,0])"}) {
+    for (const char *change :
+         {R"(, "fru": {"serial": "1"})", R"(, "capabilities": ["holder"])",
+          R"(, "interface": "eth0")", R"(, "capability_bytes": [0,0,0,0,0,0,0,0,1,0])"}) {
         EXPECT_EQ(expected, between(before, described(plain("/SYS/MB", change) + rest))) << change;
         EXPECT_EQ(expected, between(described(plain("/SYS/MB", change) + rest), before)) << change;
     }

@@ -84,7 +84,7 @@ TEST_F(loader, takes_every_key_that_there_is)
          "capability_bytes": [1, 0, 0, 0, 0, 0, 0, 0, 0, 255],
          "fru": {"model": "M", "manufacturer": "F", "serial": "S", "alias": "A",
                  "software_revision": "R"},
-         "power": "on", "ready_to_remove": true, "enable": 2},
+         "interface": "eth0", "power": "on", "ready_to_remove": true, "enable": 2},
         {"name": "/SYS/T", "type": "temperature-sensor", "sensor": {
           "class": 1, "type": "temperature", "units": "degrees-c",
           "reading": {"file": "t", "scale": 0.001, "offset": -1}, "raw_reading": 255,

@@ -29,7 +29,7 @@ const json everything = json::parse(R"({
      "capability_bytes": [0, 0, 0, 0, 0, 0, 0, 0, 1, 0],
      "fru": {"model": "m", "manufacturer": "f", "serial": "s", "alias": "a",
              "software_revision": "r"},
-     "power": 1, "ready_to_remove": 1, "enable": 1},
+     "interface": "e", "power": 1, "ready_to_remove": 1, "enable": 1},
     {"name": "/SYS/L", "type": "led", "indicator": {"state": 1}},
     {"name": "/SYS/T", "type": "temperature-sensor",
      "sensor": {"class": 1, "type": 1, "units": 1, "reading": 1, "raw_reading": 1, "valid": 1,

@@ -128,7 +128,7 @@ const char *const whole = R"({
      "capability_bytes": [1, 0, 0, 0, 0, 0, 0, 0, 0, 255],
      "fru": {"model": "M", "manufacturer": "F", "serial": "S", "alias": "A",
              "software_revision": "R"},
-     "power": "on", "ready_to_remove": true, "enable": 2},
+     "interface": "eth0", "power": "on", "ready_to_remove": true, "enable": 2},
     {"name": "/SYS/T", "type": "temperature-sensor", "sensor": {
       "class": "threshold", "type": "temperature", "units": "degrees-c",
       "reading": {"file": "t", "scale": 0.001, "offset": -1}, "raw_reading": 255,

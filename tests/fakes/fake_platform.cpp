@@ -434,6 +434,21 @@ int capi_get_enable_disable_state(const char *nac_name, int32_t *state, char *bu
     return call.status();
 }
 
+int capi_get_interface_name(const char *nac_name, char *buffer, int length)
+{
+    const entered call("capi_get_interface_name", text_or_empty(nac_name));
+    if (call.fails(buffer)) {
+        return call.status();
+    }
+    const auto &all = call.server().interfaces;
+    const auto found = all.find(text_or_empty(nac_name));
+    if (found == all.end() || length < 1 || found->second.size() >= static_cast<size_t>(length)) {
+        return failed;
+    }
+    buffer[found->second.copy(buffer, found->second.size())] = '\0';
+    return call.status();
+}
+
 int capi_get_fru_info(const char *nac_name, capi_fru_record *record)
 {
     const entered call("capi_get_fru_info", text_or_empty(nac_name));

@@ -4,6 +4,7 @@
 // platform can say.
 #include "mib_modules.h"
 
+#include "entityMappingMIB/mapping_tables.h"
 #include "entityMIB/entityMIB.h"
 #include "entityMIB/entPhysicalTable.h"
 #include "entitySensorMIB/entPhySensorTable.h"
@@ -31,6 +32,8 @@ const kavplat::table *const tables[] = {
     KAV_PLAT_TABLES(KAV_PLAT_ADDRESS)
 #undef KAV_PLAT_ADDRESS
         & kavplat::entPhySensorTable,
+    &kavplat::entPhysicalContainsTable,
+    &kavplat::entAliasMappingTable,
 };
 
 struct scalar {
@@ -211,12 +214,21 @@ TEST(Agreement, IndexesOfEveryTable)
             ASSERT_NE(node, nullptr) << index->ilabel;
             EXPECT_TRUE(types_of(kavplat::cell_kind::integer).contains(node->type))
                 << index->ilabel;
-            EXPECT_EQ(node->access, MIB_ACCESS_NOACCESS) << index->ilabel;
+            // This one is all that its table has.
+            EXPECT_EQ(node->access, node->label == std::string("entPhysicalChildIndex")
+                                        ? MIB_ACCESS_READONLY
+                                        : MIB_ACCESS_NOACCESS)
+                << index->ilabel;
         }
         std::vector<std::string> expected = {"entPhysicalIndex"};
         if (table->states) {
             expected.emplace_back("kavPlatDiscreteStateNumber");
+        } else if (table == &kavplat::entPhysicalContainsTable) {
+            expected.emplace_back("entPhysicalChildIndex");
+        } else if (table == &kavplat::entAliasMappingTable) {
+            expected.emplace_back("entAliasLogicalIndexOrZero");
         }
+        EXPECT_EQ(table->states || table->pairs ? 2U : 1U, indexes.size()) << table->name;
         EXPECT_EQ(indexes, expected) << table->name;
     }
 }
@@ -468,7 +480,8 @@ class served_cells : public cache_test
             for (const kavplat::column &column : table->columns) {
                 nodes.push_back(node_at(oid_of(*table, column)));
             }
-            table_steps steps(table->get_first, table->get_next, table->states ? 2 : 1);
+            table_steps steps(table->get_first, table->get_next,
+                              table->states || table->pairs ? 2 : 1);
             size_t rows = 0;
             for (bool more = steps.first(); more; more = steps.next()) {
                 ASSERT_LT(rows++, 100000U) << table->name << " does not end";
@@ -582,6 +595,7 @@ class served_cells : public cache_test
         for (int i = 0; i < 4; i++) {
             indicators_.push_back(add("/SYS/LED" + std::to_string(i), indicator_component, 0));
         }
+        server->interfaces[parts_.front()] = "lo"; // which every host has
         server->components = components;
     }
 
@@ -679,12 +693,17 @@ TEST_F(served_cells, EveryColumnServesWhatTheModuleKnows)
         {"entPhySensorValueUpdateRate", {0}},
     };
     // Indexes, positions, readings and thresholds are as many as a platform likes.
-    const std::set<std::string> any_number = {
-        "entPhysicalContainedIn",           "entPhysicalParentRelPos",
-        "kavPlatNumericSensorReading",      "kavPlatNumericSensorLowerNonCrit",
-        "kavPlatNumericSensorUpperNonCrit", "kavPlatNumericSensorLowerCrit",
-        "kavPlatNumericSensorUpperCrit",    "kavPlatNumericSensorLowerFatal",
-        "kavPlatNumericSensorUpperFatal",   "entPhySensorValue"};
+    const std::set<std::string> any_number = {"entPhysicalContainedIn",
+                                              "entPhysicalParentRelPos",
+                                              "entPhysicalChildIndex",
+                                              "kavPlatNumericSensorReading",
+                                              "kavPlatNumericSensorLowerNonCrit",
+                                              "kavPlatNumericSensorUpperNonCrit",
+                                              "kavPlatNumericSensorLowerCrit",
+                                              "kavPlatNumericSensorUpperCrit",
+                                              "kavPlatNumericSensorLowerFatal",
+                                              "kavPlatNumericSensorUpperFatal",
+                                              "entPhySensorValue"};
     for (const std::string &name : any_number) {
         EXPECT_GT(seen[name].size(), 1U) << name;
         seen.erase(name);

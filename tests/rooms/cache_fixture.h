@@ -181,7 +181,8 @@ class cache_test : public testing::Test
               &phys_entry::entPhysicalSerialNum, &phys_entry::entPhysicalMfgName,
               &phys_entry::entPhysicalModelName, &phys_entry::entPhysicalAlias,
               &phys_entry::entPhysicalAssetID, &phys_entry::holderCol2,
-              &phys_entry::binarySensorText1, &phys_entry::binarySensorText2}) {
+              &phys_entry::binarySensorText1, &phys_entry::binarySensorText2,
+              &phys_entry::interfaceName}) {
             texts += entry.*field ? '[' + std::string(entry.*field) + ']' : "-";
             bare.*field = nullptr;
         }

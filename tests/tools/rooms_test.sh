@@ -19,6 +19,7 @@ below() {
     entityMIB) echo table monitor kavdata ;;
     kavPlatMIB) echo table kavdata ;;
     entitySensorMIB) echo table kavdata ;;
+    entityMappingMIB) echo table kavdata ;;
     *) return 1 ;;
     esac
 }

@@ -58,6 +58,9 @@ void look_at_capabilities(const component &each, found_warnings &found)
     if (each.enable && !can(each, {"enable-state"})) {
         found.add("/enable", "nobody asks for it without the capability \"enable-state\"");
     }
+    if (!each.interface.empty() && (each.sensor || each.indicator)) {
+        found.add("/interface", "nobody asks for that of a sensor or an indicator");
+    }
     if (each.sensor && can(each, {"enable-state"})) {
         found.add("/capabilities", "the capability \"enable-state\" of a sensor: its enable state "
                                    "and its reading keep each other from being read");

@@ -141,6 +141,8 @@ int load_platform(const char *path, platform_calls &calls, std::vector<std::stri
     find(library, calls.capi_get_rdy2rm_status, missing);
     find(library, calls.capi_get_enable_disable_state, missing);
     find(library, calls.capi_get_fru_info, missing);
+    std::vector<std::string> done_without;
+    find(library, calls.capi_get_interface_name, done_without);
     find(library, calls.capi_get_product_ops_info, missing);
     find(library, calls.capi_get_chassis_ops_info, missing);
     find(library, calls.capi_get_product_vantor_id, missing);

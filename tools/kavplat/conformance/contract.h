@@ -83,6 +83,7 @@ struct platform_calls {
     KAVPLAT_CONTRACT_CALL(capi_get_rdy2rm_status);
     KAVPLAT_CONTRACT_CALL(capi_get_enable_disable_state);
     KAVPLAT_CONTRACT_CALL(capi_get_fru_info);
+    KAVPLAT_CONTRACT_CALL(capi_get_interface_name); /* null in a platform without it */
     KAVPLAT_CONTRACT_CALL(capi_get_product_ops_info);
     KAVPLAT_CONTRACT_CALL(capi_get_chassis_ops_info);
     KAVPLAT_CONTRACT_CALL(capi_get_product_vantor_id);

@@ -1,5 +1,6 @@
 #include "checks.h"
 
+#include <algorithm>
 #include <cmath>
 #include <sys/mman.h>
 #include <thread>
@@ -452,6 +453,48 @@ void check_vantor_ids(session &s, findings &f)
     }
 }
 
+void check_interface_names(session &s, findings &f)
+{
+    const auto &call = s.calls.capi_get_interface_name;
+    if (call.function == nullptr) {
+        f.skipped = "the platform does without the optional " + std::string(call.name);
+        return;
+    }
+    if (char name[CAPI_INTERFACE_NAME_SIZE];
+        call((s.root + "/NO_SUCH_COMPONENT").c_str(), name, static_cast<int>(sizeof name)) == 0) {
+        f.broken.push_back(
+            text_of("%s(\"%s/NO_SUCH_COMPONENT\") gives 0", call.name, s.root.c_str()));
+    }
+    size_t answered = 0;
+    for (const listed_component &c : components_of(s)) {
+        if (c.name.empty()) {
+            continue;
+        }
+        for (const size_t length : {size_t{CAPI_INTERFACE_NAME_SIZE}, size_t{3}}) {
+            char memory[128];
+            memset(memory, 0xA5, sizeof memory);
+            const int status = call(c.name.c_str(), memory, static_cast<int>(length));
+            const auto *behind = std::find_if(memory + length, std::end(memory), [](char byte) {
+                return static_cast<unsigned char>(byte) != 0xA5;
+            });
+            if (behind != std::end(memory)) {
+                f.broken.push_back(text_of("%s(%s) writes byte %td of a buffer of %zu", call.name,
+                                           c.name.c_str(), behind - memory + 1, length));
+            } else if (status == 0 && memchr(memory, '\0', length) == nullptr) {
+                f.broken.push_back(text_of("%s(%s) leaves no NUL in a buffer of %zu", call.name,
+                                           c.name.c_str(), length));
+            } else if (status == 0 && memory[0] == '\0') {
+                f.broken.push_back(
+                    text_of("%s(%s) gives 0 and an empty name", call.name, c.name.c_str()));
+            }
+            answered += status == 0 ? 1U : 0U;
+        }
+    }
+    if (answered == 0 && f.broken.empty()) {
+        f.skipped = "no component is a network interface";
+    }
+}
+
 constexpr check checks[] = {
     {"sensor_info", "what is known of a sensor is in range and within its record",
      check_sensor_info},
@@ -469,6 +512,8 @@ constexpr check checks[] = {
     {"chassis_record", "the chassis's texts end within their fields", check_chassis_record},
     {"fru_records", "identities are there where capabilities say so, and their texts end",
      check_fru_records},
+    {"interface_names", "an interface's name fits the buffer that it is given",
+     check_interface_names},
     {"vantor_ids", "an identifier fits the buffer that it is given", check_vantor_ids},
 };
 
