@@ -1,4 +1,4 @@
-/* kavplat SUBCOMMAND: what is done about descriptions and platforms from a shell. */
+/* kavplat SUBCOMMAND: what is done about servers, descriptions and platforms from a shell. */
 #include "subcommand.h"
 
 #include <CLI/CLI.hpp>
@@ -12,6 +12,7 @@ const kavplat::subcommand *const subcommands[] = {
     &kavplat::describe,
     &kavplat::check,
     &kavplat::conformance,
+    &kavplat::tree,
 };
 
 int run(int count, char **arguments)

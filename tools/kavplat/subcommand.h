@@ -32,6 +32,7 @@ struct subcommand {
 extern const subcommand check;
 extern const subcommand conformance;
 extern const subcommand describe;
+extern const subcommand tree;
 
 } // namespace kavplat
 
