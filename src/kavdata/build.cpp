@@ -154,11 +154,6 @@ void inventory::release()
     }
 }
 
-const char *record_name(const capi_inventory_record &record)
-{
-    return record.nac_name && record.nac_name_length != 0 ? record.nac_name : "Unknown";
-}
-
 bool append_row(const char *caller, uint32_t index, const capi_inventory_record &record,
                 row_origin origin)
 {
@@ -247,8 +242,9 @@ void init_local_cache(void)
     snmp_log(LOG_INFO, "%s:local cache processing %d inventory entries\n", "init_local_cache",
              static_cast<int>(count));
     drop_cache();
+    prepare_indexes();
     // A fifth more than there is, for hot insertions.
-    localCacheSize = static_cast<uint32_t>(count + count * 0.2);
+    localCacheSize = highest_remembered() + static_cast<uint32_t>(count + count * 0.2);
     const bool allocated = replace_slots(localCacheSize);
     KAV_TRACE("kavdata::cache", "%s:physicalTable=0x%08x, localCacheSize=%u\n", "init_local_cache",
               printable(physicalTable), localCacheSize);
@@ -264,9 +260,10 @@ void init_local_cache(void)
     if (!create_name_index()) {
         log_failure("init_local_cache", "no memory for the index by name");
     }
-    for (uint32_t index = 1; index <= count; index++) {
-        append_row("init_local_cache", index, list.records()[index - 1], row_origin::first_build);
-        publish_max_index(index);
+    for (const capi_inventory_record &record : list.records()) {
+        const uint32_t index = give_index(record);
+        append_row("init_local_cache", index, record, row_origin::first_build);
+        publish_index(index);
         let_fork_by();
     }
     list.release();

@@ -67,6 +67,12 @@ void begin_agent_pass();
 // when no row is outstanding.
 void end_agent_pass();
 
+// ---- Indexes that outlive the agent ----
+
+// Writes the file of indexes if a change of the cache gave any since it was written. On
+// the thread that made the change, without the cache lock: it waits for the disk.
+void save_indexes();
+
 // ---- Sensors ----
 
 // Asks the platform for a sensor's reading, and for its enable state if it has one,

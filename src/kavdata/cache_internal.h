@@ -21,6 +21,9 @@ struct slot_array {
 void store_slot(uint32_t index, phys_entry *entry);
 void publish_max_index(uint32_t index);
 
+// Raises the maximum to an index; a row with a lower one is served already.
+void publish_index(uint32_t index);
+
 // Whether there is a cache that an event can change; if not, it builds one anew.
 bool cache_is_built();
 
@@ -96,7 +99,23 @@ bool this_thread_holds_cache_lock();
 void renew_cache_lock();
 void renew_names_lock();
 void forget_slots();
+void forget_indexes();
 void forget_retired(); // what waits is left to the process
+
+// ---- Indexes (under a lock of their own, and under it only that of the names) ----
+
+// Before the first is given: reads the file that the environment names, if it names one,
+// and holds its lock from then on. Again does nothing.
+void prepare_indexes();
+
+// The index of the row of a component that is not served yet, whose container is: the one
+// that its name had before, or else the next above every one that was given. It is the
+// name's from now on.
+uint32_t give_index(const capi_inventory_record &record);
+
+// The highest index that the file says was ever given, or that was given since; 0
+// without a file. No index that is given soon lies above it by more than the rows added.
+uint32_t highest_remembered();
 
 // ---- The inventory ----
 

@@ -135,6 +135,7 @@ void forget_cache_after_fork()
 {
     left_behind = false;
     forget_slots();
+    forget_indexes();
     forget_retired();
 }
 

@@ -3,6 +3,7 @@
 #include "kavdata/cache_internal.h"
 #include "trace/trace.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +18,11 @@ namespace
 
 constexpr size_t child_prefix_size = 255;
 
+uint32_t highest_given()
+{
+    return std::max(maxPhysicalIndex, highest_remembered());
+}
+
 void stamp_change()
 {
     relaxed_store(entLastChangeTime, agent_uptime());
@@ -26,7 +32,7 @@ void stamp_change()
 // rather than part of it kept, and the next event builds it anew.
 bool grow(const char *caller, uint32_t added)
 {
-    if (uint64_t{maxPhysicalIndex} + added <= localCacheSize) {
+    if (uint64_t{highest_given()} + added <= localCacheSize) {
         return true;
     }
     // The highest index counts in, beside the old size: meant.
@@ -54,9 +60,9 @@ void append(const char *caller, const capi_inventory_record &record)
 {
     KAV_TRACE_AS(caller, KAVPLAT_ROOM, "kavdata::cache", "%s:new cache entry %s\n", caller,
                  record_name(record));
-    const uint32_t index = maxPhysicalIndex + 1;
+    const uint32_t index = give_index(record);
     append_row(caller, index, record, row_origin::event);
-    publish_max_index(index);
+    publish_index(index);
     trace_index(index, entry_at(index), caller);
 }
 
@@ -196,7 +202,7 @@ void partial_reconfigure(const char *nac)
             added++;
         }
     }
-    if (int64_t{added} > (int64_t{1} << 31) - int64_t{maxPhysicalIndex}) {
+    if (int64_t{added} > (int64_t{1} << 31) - int64_t{highest_given()}) {
         snmp_log(LOG_ERR, "%s: maxPhysicalIndex reconfigure\n", "partial_reconfigure");
         cache_valid = 0;
         drop_cache();

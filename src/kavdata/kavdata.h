@@ -7,8 +7,9 @@
  *
  * Threads: unless a comment says otherwise, hold the cache lock
  * (kavdata/cache_lock.h) around a call and as long as you use the entry that it
- * returned: a hot removal frees entries. Indexes start at 1 and are never used
- * again after a removal; 0 means "none".
+ * returned: a hot removal frees entries. Indexes start at 1; 0 means "none". After a
+ * removal an index is not used again, or, where a file of indexes is kept, by a
+ * component of the same name alone.
  *
  * Failures are logged at error level with the function's name; nothing throws.
  */

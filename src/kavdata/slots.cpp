@@ -102,6 +102,13 @@ void publish_max_index(uint32_t index)
     count_change();
 }
 
+void publish_index(uint32_t index)
+{
+    if (index > maxPhysicalIndex) {
+        publish_max_index(index);
+    }
+}
+
 bool cache_is_built()
 {
     return cache_valid != 0 && name_index_exists();

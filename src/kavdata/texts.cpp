@@ -46,6 +46,11 @@ size_t character_size(const char *text)
 
 } // namespace
 
+const char *record_name(const capi_inventory_record &record)
+{
+    return record.nac_name && record.nac_name_length != 0 ? record.nac_name : "Unknown";
+}
+
 void copy_text(char *field, const char *text, size_t size)
 {
     if (strlcpy(field, text, size) < size) {

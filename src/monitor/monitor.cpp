@@ -95,6 +95,7 @@ int register_once()
                  int{need_init_local_cache});
     if (need_init_local_cache) {
         init_local_cache();
+        save_indexes();
     }
     if (!subscribe(caller)) {
         return -1;
@@ -132,6 +133,7 @@ void apply(const change &what, const char *payload)
     if (monitor_fru_unlock() != 0) {
         KAV_TRACE_AS(caller, KAVPLAT_ROOM, "monitor", what.unlock_failed, caller);
     }
+    save_indexes();
 }
 
 } // namespace

@@ -62,6 +62,7 @@ class cache_test : public testing::Test
         const cache_lock_held lock;
         kavplat::end_agent_pass();
         kavplat::drop_cache();
+        kavplat::forget_indexes();
         cache_valid = 1;
         entLastChangeTime = 0;
         root_nac[0] = '\0';

@@ -75,12 +75,7 @@ class live_rows
     live_rows(const live_rows &) = delete;
     live_rows &operator=(const live_rows &) = delete;
 
-    // An array of slots may happen to be as large as a row.
-    size_t count() const
-    {
-        const size_t arrays = physicalTable ? rows_.count(block_of(physicalTable)) : 0;
-        return rows_.size() - arrays;
-    }
+    size_t count() const { return rows_.size(); }
     bool has(const phys_entry *row) const { return rows_.contains(row); }
 
   private:
@@ -426,6 +421,8 @@ TEST_F(cache_pass, nothing_is_freed_that_is_still_to_be_found)
 
 TEST_F(cache_pass, memory_stays_flat_while_rows_come_and_go)
 {
+    // No array of slots is as small as a row from here on, and taken for one.
+    kavplat::replace_slots(sizeof(phys_entry));
     build({"/SYS", "/SYS/A"});
     plug({"/SYS/N", "/SYS/N/X"});
     const live_rows live;
