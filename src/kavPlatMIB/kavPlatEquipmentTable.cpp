@@ -29,8 +29,9 @@ bool is_row(const phys_entry &entry)
 
 int32_t admin_state(phys_entry &entry)
 {
-    if (has_admin_state(entry)) {
-        apply_admin_state(handler, entry, ask_admin_state(entry.entPhysicalName), agent_uptime());
+    const uint32_t now = agent_uptime();
+    if (has_admin_state(entry) && !is_renewed(entry.adminTime, now)) {
+        apply_admin_state(handler, entry, ask_admin_state(entry.entPhysicalName), now);
     }
     return entry.equipmentCol1;
 }
@@ -46,7 +47,7 @@ int32_t oper_state(phys_entry &entry)
     }
     if (has_enable_state(entry)) {
         const uint32_t now = agent_uptime();
-        if (!is_fresh(entry.lastReadTime, now)) {
+        if (!is_renewed(entry.look.state_time, now) && !is_fresh(entry.lastReadTime, now)) {
             apply_enable_state(handler, entry, ask_enable_state(entry.entPhysicalName), now);
         }
     }

@@ -157,6 +157,10 @@ extern std::chrono::milliseconds longest_wait_before_fork;
 // Before the first thread is started; again does nothing.
 void watch_forks();
 
+// A thread of ours, which leaves all signals to the agent: one that it took would not
+// wake that. As pthread_create gives.
+int start_thread(pthread_t *id, void *(*body)(void *), void *argument);
+
 // Around what a thread does; one may stand in another.
 class at_work
 {

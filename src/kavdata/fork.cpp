@@ -2,6 +2,7 @@
 #include "kavdata/cache_internal.h"
 
 #include <chrono>
+#include <csignal>
 #include <ctime>
 
 namespace kavplat
@@ -89,6 +90,18 @@ void watch_forks()
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once,
                  [] { pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child); });
+}
+
+int start_thread(pthread_t *id, void *(*body)(void *), void *argument)
+{
+    watch_forks();
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const int result = pthread_create(id, nullptr, body, argument);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return result;
 }
 
 at_work::at_work()

@@ -67,6 +67,9 @@ int snmp_read_led(phys_entry *entry)
     KAV_TRACE("kavdata::time", "%s:%s:n=%d:l=%d:d=%d\n", "snmp_read_led", entry->entPhysicalName,
               static_cast<int>(now), static_cast<int>(entry->lastReadTime),
               static_cast<int>(now - entry->lastReadTime));
+    if (is_renewed(entry->look.time, now)) {
+        return entry->look.outcome == LOOK_READ ? 0 : -1;
+    }
     if (is_fresh(entry->lastReadTime, now)) {
         return 0;
     }

@@ -47,6 +47,22 @@ void apply_admin_state(const char *caller, phys_entry &row, const admin_answer &
 void apply_enable_state(const char *caller, phys_entry &row, const call_answer &answer,
                         uint32_t now);
 
+// ---- Watching: cache lock held ----
+//
+// Somebody may renew all live values again and again, and says so: what was asked at
+// `since` or later is good until `until`, however old it is by then. Both are up-times
+// of the agent. He says it anew while he is at it, so that requests ask for themselves
+// again soon after he has ceased to, or when one call keeps him for long.
+
+void promise_renewal(uint32_t since, uint32_t until);
+void renew_no_more();
+
+// Whether what was asked at `stamp` (0: never) is renewed by somebody.
+bool is_renewed(uint32_t stamp, uint32_t now);
+
+// Whether it need not be asked for: it is, or it was asked for within ten seconds.
+bool is_current(uint32_t stamp, uint32_t now);
+
 // ---- What a failure is told as ----
 
 void log_failed_sensor(const char *name, int status);

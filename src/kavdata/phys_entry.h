@@ -82,6 +82,14 @@ typedef struct noted_states {
                              the row */
 } noted_states;
 
+/* What was told to managers of a sensor's severity, and what the last look but for
+ * indeterminate ones saw; 0: nothing yet. */
+typedef struct severity_memory {
+    int32_t told;
+    int32_t seen;
+    int32_t limit; /* 1 + the place in kavdata/thresholds.h of what was reached; 0: none */
+} severity_memory;
+
 typedef struct phys_entry {
     /* ENTITY-MIB entPhysicalTable */
     uint32_t entPhysicalIndex; /* this entry's slot in physicalTable, from 1 */
@@ -206,6 +214,9 @@ typedef struct phys_entry {
     struct phys_entry *last_held;
     struct phys_entry *next_held;
     struct phys_entry *previous_held;
+
+    /* Of who watches (watch/judge.h). */
+    severity_memory severity;
 
     /* Links the rows that are unlinked and wait to be freed. */
     struct phys_entry *next_retired;

@@ -181,10 +181,10 @@ void look_at_sensor(phys_entry &entry)
     const uint32_t now = agent_uptime();
     // Not by the stamp of the last read: that one is kept from moving by a failure,
     // and moved by a read of the enable state.
-    if (!is_fresh(entry.look.time, now)) {
+    if (!is_current(entry.look.time, now)) {
         read_anew(&entry, now);
     }
-    if (!has_enable_state(entry) || is_fresh(entry.look.state_time, now)) {
+    if (!has_enable_state(entry) || is_current(entry.look.state_time, now)) {
         return;
     }
     const call_answer answer = ask_enable_state(entry.entPhysicalName);
@@ -209,6 +209,9 @@ int snmp_read_sensor(phys_entry *entry)
         return -1;
     }
     const uint32_t now = agent_uptime();
+    if (is_renewed(entry->look.time, now)) {
+        return entry->look.outcome == LOOK_READ ? 0 : -1;
+    }
     return is_fresh(entry->lastReadTime, now) ? 0 : read_anew(entry, now);
 }
 

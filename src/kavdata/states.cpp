@@ -278,14 +278,14 @@ void look_at_states(phys_entry &entry)
 {
     constexpr char caller[] = "look_at_states";
     const uint32_t now = agent_uptime();
-    if (has_admin_state(entry) && !is_fresh(entry.adminTime, now)) {
+    if (has_admin_state(entry) && !is_current(entry.adminTime, now)) {
         apply_admin_state(caller, entry, ask_admin_state(entry.entPhysicalName), now);
     }
     if (is_sensor(entry)) {
         look_at_sensor(entry);
         return;
     }
-    if (has_enable_state(entry) && !is_fresh(entry.look.state_time, now)) {
+    if (has_enable_state(entry) && !is_current(entry.look.state_time, now)) {
         const uint32_t last_read = entry.lastReadTime;
         apply_enable_state(caller, entry, ask_enable_state(entry.entPhysicalName), now);
         if (is_indicator(entry)) {
@@ -296,7 +296,7 @@ void look_at_states(phys_entry &entry)
     for_each_instrument(entry, [now](phys_entry &instrument) {
         if (is_sensor(instrument)) {
             look_at_sensor(instrument);
-        } else if (!is_fresh(instrument.look.time, now)) {
+        } else if (!is_current(instrument.look.time, now)) {
             look_at_indicator(instrument, now);
         }
     });

@@ -5,7 +5,6 @@
 #include "trace/trace.h"
 
 #include <atomic>
-#include <csignal>
 #include <unistd.h>
 
 pthread_t monitor_id;
@@ -153,15 +152,8 @@ void restart_monitor_after_fork()
 int snmpd_monitor_fru_devices(void)
 {
     KAV_TRACE("monitor", "%s\n", "snmpd_monitor_fru_devices");
-    kavplat::watch_forks();
-    // Signals are the agent's: one that a thread of ours took would not wake it.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
     pthread_t id;
-    const int result = pthread_create(&id, nullptr, monitor_fru_devices, nullptr);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    const int result = kavplat::start_thread(&id, monitor_fru_devices, nullptr);
     if (result == 0) {
         std::atomic_ref(monitor_id).store(id, std::memory_order_relaxed);
     }
