@@ -85,6 +85,7 @@ function(kavplat_document_link name target)
   install(FILES "${link}" DESTINATION "${CMAKE_INSTALL_DOCDIR}/${directory}")
 endfunction()
 kavplat_document_link(platform "${CMAKE_INSTALL_FULL_INCLUDEDIR}/kavplat/platform")
-foreach(name examples schema servers mibs/KAV-PLATFORM-MIB.txt mibs/compact managers/prometheus)
+foreach(name examples schema servers mibs/KAV-PLATFORM-MIB.txt
+        mibs/KAV-PLATFORM-NOTIFICATIONS-MIB.txt mibs/compact managers/prometheus)
   kavplat_document_link(${name} "${CMAKE_INSTALL_FULL_DATADIR}/kavplat/${name}")
 endforeach()

@@ -87,7 +87,8 @@ std::vector<tree *> below(const std::string &oid)
 
 bool is_object(const tree *node)
 {
-    return node->type > TYPE_OTHER && node->type <= TYPE_SIMPLE_LAST;
+    return node->type > TYPE_OTHER && node->type <= TYPE_SIMPLE_LAST &&
+           node->access != MIB_ACCESS_NOTIFY;
 }
 
 std::string oid_text(const tree *node)

@@ -22,7 +22,8 @@ const std::string &load();
 // OIDs. Empty when there is no such place. Loads the modules first.
 std::vector<tree *> below(const std::string &oid);
 
-// A scalar or a column, as opposed to a table, a row, a group or a bare arc.
+// A scalar or a column, as opposed to a table, a row, a group or a bare arc, and to an
+// object that only notifications tell.
 bool is_object(const tree *node);
 
 // Dotted, without a leading dot.

@@ -29,7 +29,7 @@ modules=$build_dir/smilint-modules
 rm -rf -- "$modules"
 mkdir -p -- "$modules"
 cp -- "$base"/node_modules/net-snmp/lib/mibs/SNMPv2-{SMI,TC,CONF}.mib "$modules/"
-cp -- "$source_dir"/mibs/KAV-PLATFORM-MIB.txt \
+cp -- "$source_dir"/mibs/KAV-PLATFORM-{,NOTIFICATIONS-}MIB.txt \
     "$source_dir"/mibs/compact/{ENTITY-MIB,ENTITY-SENSOR-MIB,SNMP-FRAMEWORK-MIB}.txt "$modules/"
 : >"$modules/smi.conf"
 
@@ -40,7 +40,7 @@ lint() {
 }
 
 failed=0
-for module in KAV-PLATFORM-MIB ENTITY-MIB ENTITY-SENSOR-MIB; do
+for module in KAV-PLATFORM-MIB KAV-PLATFORM-NOTIFICATIONS-MIB ENTITY-MIB ENTITY-SENSOR-MIB; do
     findings=$(lint "$modules/$module.txt") || failed=1
     if [[ -n $findings ]]; then
         printf '%s\n' "$findings"

@@ -37,7 +37,8 @@ root=$stage$prefix
     (cd -- "$source_dir" && find managers -name '*.yml' -printf "$datadir/kavplat/%p\n")
     (cd -- "$source_dir" && find docs -name '*.md' -printf "$docdir/%p\n")
     printf "$docdir/%s\n" README.md CHANGELOG.md CONTRIBUTING.md LICENSE mibs/README.md \
-        platform examples schema servers mibs/KAV-PLATFORM-MIB.txt mibs/compact \
+        platform examples schema servers mibs/KAV-PLATFORM-MIB.txt \
+        mibs/KAV-PLATFORM-NOTIFICATIONS-MIB.txt mibs/compact \
         managers/README.md managers/prometheus
 } | sort >"$stage/expected"
 (cd -- "$root" && find . ! -type d -printf '%P\n' | sort) >"$stage/found"
