@@ -398,6 +398,13 @@ int capi_get_sensor(int reserved, const char *nac_name, capi_sensor_record *reco
     if (breaks("abort in a call") && strcmp(nac_name, sensor_1) == 0) {
         abort();
     }
+    if (breaks("one reading at a time")) {
+        // Hardware that takes the question from one place, without a lock around it.
+        static char name[64];
+        snprintf(name, sizeof name, "%s", nac_name);
+        std::this_thread::sleep_for(1ms);
+        return fake_capi_get_sensor(reserved, name, record);
+    }
     const int status = fake_capi_get_sensor(reserved, nac_name, record);
     if (status != 0) {
         return status;

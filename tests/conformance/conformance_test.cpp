@@ -164,6 +164,8 @@ constexpr defect defects[] = {
      "capi_get_chassis_vantor_id leaves no NUL in a buffer of 51"},
     {"shared sensor buffer", "concurrent_reads",
      "answers one thread among four otherwise than alone"},
+    {"one reading at a time", "concurrent_reads",
+     "answers one thread among four otherwise than alone"},
     {"no handle", "event_handle", "event_mgr_get_handle still gives -1", "--seconds 0.5 --wait 3"},
     {"handle of 0", "event_handle", "the handle is 0"},
     {"bad handle taken", "event_bad_handle", "event_mgr_subscribe_event_class of handle 0 gives 0"},
