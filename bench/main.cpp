@@ -1,7 +1,7 @@
 // Measures how quick the module is against other ways of serving the same rows,
 // and prints ratios as a Markdown document.
 //
-// usage: kavplat-bench [--rounds N] [--only walks|traces|process|latency] [--unpinned]
+// usage: kavplat-bench [--rounds N] [--only walks|traces|watcher|process|latency] [--unpinned]
 //
 // Clients and agents share one processor, unless --unpinned leaves them to the
 // scheduler.
@@ -77,8 +77,9 @@ void keep_to_one_processor()
 
 int usage()
 {
-    fprintf(stderr, "usage: kavplat-bench [--rounds N] [--only walks|traces|process|latency] "
-                    "[--unpinned]\n");
+    fprintf(stderr,
+            "usage: kavplat-bench [--rounds N] [--only walks|traces|watcher|process|latency] "
+            "[--unpinned]\n");
     return 2;
 }
 
@@ -121,6 +122,9 @@ int main(int argc, char **argv)
         }
         if (only.empty() || only == "traces") {
             traces(directory.path() / "traces", rounds);
+        }
+        if (only.empty() || only == "watcher") {
+            watcher(directory.path() / "watcher");
         }
         printf("Load at the end: %s\n", load().c_str());
     } catch (const std::exception &e) {

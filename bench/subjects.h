@@ -9,5 +9,6 @@ void process_figures();
 void latency();
 void walks(const std::filesystem::path &directory, size_t rounds);
 void traces(const std::filesystem::path &directory, size_t rounds);
+void watcher(const std::filesystem::path &directory);
 
 #endif
