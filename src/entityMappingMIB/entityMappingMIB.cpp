@@ -3,6 +3,7 @@
 #include "entityMappingMIB/mapping_tables.h"
 #include "kavdata/cache.h"
 #include "trace/trace.h"
+#include "watch/watcher.h"
 
 #include <net-snmp/agent/agent_callbacks.h>
 #include <net-snmp/agent/sysORTable.h>
@@ -32,6 +33,7 @@ void init_entityMappingMIB(void)
         return;
     }
     if (loaded.entityMappingMIB) {
+        start_watching();
         snmp_log(LOG_WARNING, "entityMappingMIB: loaded again, which changes nothing: the tables "
                               "of the first time go on\n");
         return;
@@ -41,6 +43,7 @@ void init_entityMappingMIB(void)
     if (contains || aliases) {
         loaded.entityMappingMIB = true;
         REGISTER_SYSOR_ENTRY(module_oid, description);
+        start_watching();
     }
 }
 
@@ -48,4 +51,5 @@ void init_entityMappingMIB(void)
 void deinit_entityMappingMIB(void)
 {
     KAV_TRACE("entityMappingMIB", "%s\n", "deinit_entityMappingMIB");
+    kavplat::stop_watching();
 }

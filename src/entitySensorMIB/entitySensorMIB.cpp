@@ -3,6 +3,7 @@
 #include "entitySensorMIB/entPhySensorTable.h"
 #include "kavdata/cache.h"
 #include "trace/trace.h"
+#include "watch/watcher.h"
 
 #include <net-snmp/agent/agent_callbacks.h>
 #include <net-snmp/agent/sysORTable.h>
@@ -32,6 +33,7 @@ void init_entitySensorMIB(void)
         return;
     }
     if (loaded.entitySensorMIB) {
+        start_watching();
         snmp_log(LOG_WARNING, "entitySensorMIB: loaded again, which changes nothing: the table of "
                               "the first time goes on\n");
         return;
@@ -39,6 +41,7 @@ void init_entitySensorMIB(void)
     if (register_table(entPhySensorTable) == MIB_REGISTERED_OK) {
         loaded.entitySensorMIB = true;
         REGISTER_SYSOR_ENTRY(module_oid, description);
+        start_watching();
     }
 }
 
@@ -46,4 +49,5 @@ void init_entitySensorMIB(void)
 void deinit_entitySensorMIB(void)
 {
     KAV_TRACE("entitySensorMIB", "%s\n", "deinit_entitySensorMIB");
+    kavplat::stop_watching();
 }
