@@ -75,9 +75,9 @@ std::string shown(const std::string &name, long value)
 TEST(MibModules, AreParsedWithoutAWarning)
 {
     EXPECT_EQ(mib_modules::load(), "");
-    for (const char *module : {"SNMPv2-SMI", "SNMPv2-TC", "SNMPv2-CONF", "SNMPv2-MIB",
-                               "SNMP-FRAMEWORK-MIB", "ENTITY-MIB", "KAV-PLATFORM-MIB",
-                               "KAV-PLATFORM-NOTIFICATIONS-MIB"}) {
+    for (const char *module :
+         {"SNMPv2-SMI", "SNMPv2-TC", "SNMPv2-CONF", "SNMPv2-MIB", "SNMP-FRAMEWORK-MIB",
+          "ENTITY-MIB", "KAV-PLATFORM-MIB", "KAV-PLATFORM-NOTIFICATIONS-MIB"}) {
         EXPECT_NE(which_module(module), -1) << module;
     }
 }
