@@ -68,8 +68,7 @@ bool has_alias_of_product(const description &all)
     });
 }
 
-int read_code(const component &of, const char *key, const std::optional<live_value> &value,
-              int32_t *code)
+int read_code(const component &of, const char *key, const rare<live_value> &value, int32_t *code)
 {
     if (!value || code == nullptr) {
         return failure;
@@ -82,11 +81,6 @@ int read_code(const component &of, const char *key, const std::optional<live_val
     }
     *code = static_cast<int32_t>(*reading.result);
     return 0;
-}
-
-const live_value *pointer_to(const std::optional<live_value> &value)
-{
-    return value ? &*value : nullptr;
 }
 
 capi_sensor_record record_of(const sensor &from)
@@ -123,10 +117,8 @@ int read_sensor(const component &of, capi_sensor_record &record)
     enum { valid, reading, raw, state };
     static constexpr const char *keys[] = {"sensor.valid", "sensor.reading", "sensor.raw_reading",
                                            "sensor.state"};
-    live_reading values[] = {{pointer_to(from.valid)},
-                             {&from.reading},
-                             {pointer_to(from.raw_reading)},
-                             {pointer_to(from.state)}};
+    live_reading values[] = {
+        {from.valid.get()}, {&from.reading}, {from.raw_reading.get()}, {from.state.get()}};
     the_machine().values.read(values);
     record = record_of(from);
     /* What an invalid sensor reads is of no account, nor whether it can be read. */

@@ -6,6 +6,7 @@
 #define KAVPLAT_DESCRIBED_DESCRIPTION_H
 
 #include "described/format/codes.h"
+#include "described/format/rare.h"
 
 #include <array>
 #include <cstdint>
@@ -57,9 +58,9 @@ struct sensor {
     bool ok_semantics = false;
     std::string record_name;
     live_value reading;
-    std::optional<live_value> raw_reading;
-    std::optional<live_value> valid;
-    std::optional<live_value> state;
+    rare<live_value> raw_reading;
+    rare<live_value> valid;
+    rare<live_value> state;
     bool operator==(const struct sensor &) const = default;
 };
 
@@ -93,13 +94,13 @@ struct component {
     std::string name;
     uint32_t type = 0;
     std::array<uint8_t, 10> capabilities{};
-    std::optional<fru_identity> fru;
+    rare<fru_identity> fru;
     std::string interface; /* the host's name of the network interface; empty: none */
-    std::optional<live_value> power;
-    std::optional<live_value> ready_to_remove;
-    std::optional<live_value> enable;
+    rare<live_value> power;
+    rare<live_value> ready_to_remove;
+    rare<live_value> enable;
     std::unique_ptr<struct sensor> sensor;
-    std::optional<live_value> indicator;
+    rare<live_value> indicator;
     size_t position = 0;    /* in the file's array */
     size_t subtree_end = 0; /* the components from this one up to here, exclusive, are
                                this one and all below it */

@@ -326,8 +326,8 @@ bool fields::live(const char *key, code_table names, value_range range, live_val
     return true;
 }
 
-void fields::live(const char *key, code_table names, value_range range,
-                  std::optional<live_value> &into, need needed)
+void fields::live(const char *key, code_table names, value_range range, rare<live_value> &into,
+                  need needed)
 {
     live_value value;
     if (live(key, names, range, value, needed)) {

@@ -66,7 +66,7 @@ class fields
     bool code(const char *key, code_table names, int32_t &into, need needed = need::optional);
     bool live(const char *key, code_table names, value_range range, live_value &into,
               need needed = need::optional);
-    void live(const char *key, code_table names, value_range range, std::optional<live_value> &into,
+    void live(const char *key, code_table names, value_range range, rare<live_value> &into,
               need needed = need::optional);
 
     /* False when it was no object. */

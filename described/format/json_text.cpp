@@ -122,8 +122,10 @@ std::string plain_message(const char *what)
 class builder : public nlohmann::json_sax<json>
 {
   public:
-    builder(const std::string &text, json &document, std::vector<load_error> &errors)
-        : text_(text), document_(document), errors_(errors), seen_(text.data()), counted_(seen_)
+    builder(const std::string &text, json &document, std::vector<load_error> &errors,
+            const element_reader &reader)
+        : text_(text), document_(document), errors_(errors), reader_(reader), seen_(text.data()),
+          counted_(seen_)
     {
     }
 
@@ -239,6 +241,7 @@ class builder : public nlohmann::json_sax<json>
     bool value(Value &&given)
     {
         put(json(std::forward<Value>(given)));
+        show_element();
         return true;
     }
 
@@ -258,12 +261,23 @@ class builder : public nlohmann::json_sax<json>
     bool close()
     {
         levels_.pop_back();
+        show_element();
         return true;
+    }
+
+    /* The value that is complete now, if it is a component. */
+    void show_element()
+    {
+        if (levels_.size() == 2 && levels_[0].key == "components" && levels_[1].node->is_array()) {
+            json &list = *levels_[1].node;
+            reader_(list.back(), list.size() - 1);
+        }
     }
 
     const std::string &text_;
     json &document_;
     std::vector<load_error> &errors_;
+    const element_reader &reader_;
     std::vector<level> levels_;
     const char *seen_;    /* by the parser, exclusive */
     const char *counted_; /* what lies before it is counted in line_ */
@@ -272,9 +286,10 @@ class builder : public nlohmann::json_sax<json>
 
 } // namespace
 
-bool parse_document(const std::string &text, json &document, std::vector<load_error> &errors)
+bool parse_document(const std::string &text, json &document, std::vector<load_error> &errors,
+                    const element_reader &reader)
 {
-    return builder(text, document, errors).build();
+    return builder(text, document, errors, reader).build();
 }
 
 void find_lines(const std::string &text, std::vector<load_error> &errors)
@@ -290,7 +305,8 @@ void find_lines(const std::string &text, std::vector<load_error> &errors)
     }
     json ignored;
     std::vector<load_error> told_before;
-    builder second(text, ignored, told_before);
+    const element_reader dropped = [](json &element, size_t) { element = nullptr; };
+    builder second(text, ignored, told_before, dropped);
     second.wanted = &wanted;
     second.build();
     for (load_error &each : errors) {

@@ -4,7 +4,9 @@
 #include "described/format/json_text.h"
 #include "described/format/tree.h"
 
+#include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 namespace described_platform
@@ -14,8 +16,36 @@ namespace
 
 using nlohmann::json;
 
+/* The components are read while the document is parsed, so that it is never there as a
+ * whole. What is wrong with them is told behind what is wrong before them. */
+struct component_list {
+    std::vector<component> components;
+    reading_state state;
+};
+
+constexpr std::string_view list_key = "components";
+
+void read_element(component_list &list, json &element, size_t index)
+{
+    if (index == 0) { /* of a list given twice the last one counts */
+        list.components.clear();
+        list.state.errors.clear();
+    }
+    const place root;
+    const place here{&root, list_key, 0};
+    component &read = list.components.emplace_back();
+    read.position = index;
+    read_component(list.state, element, {&here, {}, index}, read);
+    json name;
+    if (read.name.empty() && element.is_object() && element.contains("name")) {
+        name = {{"name", std::move(element.at("name"))}}; /* for what is said of it */
+    }
+    element = std::move(name);
+}
+
 /* Null when anything is wrong. */
-std::unique_ptr<description> read_description(reading_state &state, const json &document)
+std::unique_ptr<description> read_description(reading_state &state, const json &document,
+                                              component_list &read)
 {
     constexpr const char *expected = "an array of at least one component";
     auto result = std::make_unique<description>();
@@ -30,26 +60,24 @@ std::unique_ptr<description> read_description(reading_state &state, const json &
     if (const json *chassis = object.value("chassis"); chassis != nullptr) {
         read_chassis(state, *chassis, object.at("chassis"), *result);
     }
-    const json *list = object.value("components", need::required, expected);
+    const json *list = object.value(list_key.data(), need::required, expected);
     object.end();
     if (list == nullptr) {
         return nullptr;
     }
-    const place here = object.at("components");
+    const place here = object.at(list_key.data());
     if (!list->is_array() || list->empty()) {
         complain(state, here, expected, *list);
         return nullptr;
     }
-    std::vector<component> components(list->size());
-    for (size_t i = 0; i < list->size(); ++i) {
-        components[i].position = i;
-        read_component(state, (*list)[i], {&here, {}, i}, components[i]);
-    }
-    return make_tree(state, std::move(components), here, *result) ? std::move(result) : nullptr;
+    std::ranges::move(read.state.errors, std::back_inserter(state.errors));
+    return make_tree(state, std::move(read.components), here, *result) ? std::move(result)
+                                                                       : nullptr;
 }
 
 /* Adds to each place in a component the name that it has there, good or bad. */
-void name_components(const json &document, std::vector<load_error> &errors)
+void name_components(const json &document, const std::vector<component> &components,
+                     std::vector<load_error> &errors)
 {
     constexpr std::string_view list = "/components/";
     constexpr size_t longest = 255;
@@ -64,7 +92,9 @@ void name_components(const json &document, std::vector<load_error> &errors)
             continue;
         }
         const json::json_pointer place(std::string(list) + std::to_string(index) + "/name");
-        if (document.contains(place) && document.at(place).is_string()) {
+        if (index < components.size() && !components[index].name.empty()) {
+            each.component = components[index].name;
+        } else if (document.contains(place) && document.at(place).is_string()) {
             each.component = cut_text(document.at(place).get_ref<const std::string &>(), longest);
         }
     }
@@ -89,9 +119,12 @@ load_result load_text(const std::string &text, const std::string &directory,
     result.signature = signature;
     reading_state state;
     state.directory = directory;
+    component_list list{{}, state};
     json document;
-    if (parse_document(text, document, state.errors)) {
-        std::unique_ptr<description> loaded = read_description(state, document);
+    if (parse_document(text, document, state.errors, [&list](json &element, size_t index) {
+            read_element(list, element, index);
+        })) {
+        std::unique_ptr<description> loaded = read_description(state, document, list);
         if (loaded != nullptr) {
             loaded->signature = signature;
         }
@@ -99,7 +132,7 @@ load_result load_text(const std::string &text, const std::string &directory,
     }
     if (!state.errors.empty()) {
         find_lines(text, state.errors);
-        name_components(document, state.errors);
+        name_components(document, list.components, state.errors);
     }
     result.errors = std::move(state.errors);
     return result;

@@ -45,7 +45,7 @@ void check_live(const live_value &value, const description &all)
     }
 }
 
-void check_live(const std::optional<live_value> &value, const description &all)
+void check_live(const rare<live_value> &value, const description &all)
 {
     if (value) {
         check_live(*value, all);

@@ -205,7 +205,7 @@ std::string obstacle(const std::string &user, const std::string &path)
 std::vector<named_value> values_of(const component &each)
 {
     std::vector<named_value> result;
-    const auto add = [&](const char *place, const std::optional<live_value> &value) {
+    const auto add = [&](const char *place, const rare<live_value> &value) {
         if (value) {
             result.push_back({place, &*value});
         }
