@@ -13,8 +13,6 @@ namespace
 
 constexpr size_t longest_name = 255;
 constexpr size_t longest_identity = 79;
-/* What two devices of one make do not share. */
-constexpr const char *telling_keys[] = {"serial", "alias"};
 
 std::string identity_of(std::string_view text)
 {
@@ -207,9 +205,7 @@ void leave_out_serials(json &description)
     }
     for (json &each : description["components"]) {
         if (each.contains("fru")) {
-            for (const char *key : telling_keys) {
-                each["fru"].erase(key);
-            }
+            each["fru"].erase("serial");
         }
     }
 }
