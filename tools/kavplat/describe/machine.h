@@ -83,14 +83,10 @@ class machine
     whole product;
     whole chassis;
 
-    /* What SMBIOS says is there, for the sources that know more of it to find. By bus
-     * address is "0000:3b:00.0". */
+    /* What SMBIOS says is there, for the sources that know more of it to find. */
     std::vector<component *> processors;               /* by package, as the kernel counts */
-    std::map<std::string, component *> slots;          /* by bus address; a device is put in it */
-    std::map<std::string, component *> onboard;        /* by bus address; it is the device itself */
+    std::map<std::string, component *> slots;          /* by bus address, "0000:3b:00.0" */
     std::map<std::string, component *> memory_modules; /* by locator, and by bank and locator */
-    std::vector<component *> batteries;
-    std::vector<component *> power_supplies;
 
   private:
     component *board_ = nullptr;

@@ -33,6 +33,7 @@ std::string joined(std::string one, std::string_view separator, std::string_view
 }
 
 struct reading {
+    const tree &files;
     machine &into;
     std::vector<structure> all;
     std::map<uint16_t, component *> boards;    /* by handle */
@@ -440,7 +441,7 @@ void add_onboard(reading &table, const structure &it)
         table.add(table.board_of(it), it.text(4), "DEVICE", onboard_type(it.byte(5)), it);
     if (const std::string address = bus_address(it, 7); !address.empty()) {
         device.where = address;
-        table.into.onboard.emplace(address, &device);
+        table.into.is_device(device, table.files.real("/sys/bus/pci/devices/" + address));
     }
 }
 
@@ -458,12 +459,17 @@ void add_old_onboard(reading &table, const structure &it)
 
 void add_battery(reading &table, const structure &it)
 {
+    const std::string directory = "/sys/class/power_supply";
+    for (const std::string &each : table.files.names(directory)) {
+        if (table.files.text(directory + '/' + each + "/type") == "Battery") {
+            return; // the kernel knows more of it
+        }
+    }
     component &battery = table.add(table.into.root(), it.text(4), "BATTERY", "battery", it);
     battery.fru = identity_at(it, 5, 8, 7);
     if (battery.fru.serial.empty() && it.word(0x10) != 0) {
         battery.fru.serial = hexadecimal(it.word(0x10), 4);
     }
-    table.into.batteries.push_back(&battery);
 }
 
 void add_cooling(reading &table, const structure &it)
@@ -501,7 +507,6 @@ void add_power_supply(reading &table, const structure &it)
     if ((it.word(0x0e) & hot_replaceable) != 0) {
         supply.capabilities = {"hot-pluggable"};
     }
-    table.into.power_supplies.push_back(&supply);
 }
 
 void add_controller(reading &table, const structure &it)
@@ -573,7 +578,8 @@ bool find_in_table(const tree &files, machine &into)
         into.complain("SMBIOS: " + directory + "DMI: " + found.fault +
                       "; what stands before is used");
     }
-    reading table = {.into = into,
+    reading table = {.files = files,
+                     .into = into,
                      .all = std::move(found.structures),
                      .boards = {},
                      .on_boards = {},
