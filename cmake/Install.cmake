@@ -32,6 +32,7 @@ set(KAVPLAT_PUBLIC_HEADERS
   entityMIB/entityMIB.h
   entityMappingMIB/entityMappingMIB.h
   entitySensorMIB/entitySensorMIB.h
+  entityStateMIB/entityStateMIB.h
   kavPlatMIB/kavPlatMIB.h)
 foreach(header IN LISTS KAVPLAT_PUBLIC_HEADERS)
   get_filename_component(room "${header}" DIRECTORY)

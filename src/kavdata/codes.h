@@ -30,10 +30,7 @@
     OBJECT(kavPlatAlarmState, unknown = 1, off = 2, steady = 3, alternating = 4)                   \
     OBJECT(kavPlatAlarmUrgency, notKnown = 3, usual = 4)                                           \
     OBJECT(kavPlatPowerSupplyKind, notBattery = 2, battery = 3)                                    \
-    OBJECT(kavPlatBatteryKind, unknown = 2)
-
-// Of ENTITY-STATE-MIB (RFC 4268).
-#define ENT_STATE_CODES(OBJECT)                                                                    \
+    OBJECT(kavPlatBatteryKind, unknown = 2)                                                        \
     OBJECT(entStateAdmin, unknown = 1, locked = 2, shuttingDown = 3, unlocked = 4)                 \
     OBJECT(entStateOper, unknown = 1, disabled = 2, enabled = 3, testing = 4)                      \
     OBJECT(entStateUsage, unknown = 1, idle = 2, active = 3, busy = 4)                             \
@@ -51,7 +48,6 @@ namespace kavplat
     enum : int32_t { __VA_ARGS__ };                                                                \
     }
 KAV_CODES(KAV_CODES_OF)
-ENT_STATE_CODES(KAV_CODES_OF)
 #undef KAV_CODES_OF
 
 } // namespace kavplat

@@ -34,7 +34,7 @@ struct cell {
     uint32_t number = 0;         // integer, gauge, ticks
     const void *bytes = nullptr; // text, object identifier; octets when not null
     size_t length = 0;           // of bytes or octets
-    u_char octets[4] = {};       // octets that are made on the spot
+    u_char octets[11] = {};      // octets that are made on the spot: a DateAndTime at most
 };
 
 enum class cell_kind {

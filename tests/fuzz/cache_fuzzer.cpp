@@ -23,6 +23,8 @@
 
 #include "entityMIB/entityMIB.h"
 #include "entityMIB/entPhysicalTable.h"
+#include "entitySensorMIB/entPhySensorTable.h"
+#include "entityStateMIB/entStateTable.h"
 
 #include <algorithm>
 #include <cstring>
@@ -88,7 +90,11 @@ struct served_table {
 #define SERVED(name)                                                                               \
     {name##_get_first_data_point, name##_get_next_data_point, name##_handler,                      \
      kavplat::name.states != nullptr},
-const served_table tables[] = {SERVED(entPhysicalTable) KAV_PLAT_TABLES(SERVED)};
+#define SERVED_WITHOUT_EXPORTS(name)                                                               \
+    {kavplat::name.get_first, kavplat::name.get_next, kavplat::name.handler},
+const served_table tables[] = {SERVED(entPhysicalTable) KAV_PLAT_TABLES(
+    SERVED) SERVED_WITHOUT_EXPORTS(entPhySensorTable) SERVED_WITHOUT_EXPORTS(entStateTable)};
+#undef SERVED_WITHOUT_EXPORTS
 #undef SERVED
 
 constexpr const char *calls[] = {
@@ -291,6 +297,32 @@ void check_row(const world &w, const phys_entry &row, uint32_t index)
     must(row.entPhysicalParentRelPos == -1 || row.entPhysicalParentRelPos > 0);
 }
 
+// What a row holds are the rows that name it as their container.
+void check_contents()
+{
+    std::vector<size_t> named(size_t{highest()} + 1);
+    for (uint32_t i = 1; i <= highest(); i++) {
+        const phys_entry *row = physicalTable[i];
+        if (row && static_cast<uint32_t>(row->entPhysicalContainedIn) <= highest()) {
+            named[static_cast<uint32_t>(row->entPhysicalContainedIn)]++;
+        }
+    }
+    for (uint32_t i = 1; i <= highest(); i++) {
+        const phys_entry *row = physicalTable[i];
+        const phys_entry *before = nullptr;
+        for (const phys_entry *held = row ? kavplat::first_held(*row) : nullptr; held;
+             held = kavplat::next_held(*held)) {
+            must(held->entPhysicalContainedIn == static_cast<int32_t>(i));
+            must(held == physicalTable[held->entPhysicalIndex]);
+            must(held->previous_held == before);
+            must(named[i] != 0); // it ends
+            named[i]--;
+            before = held;
+        }
+        must(!row || (row->last_held == before && named[i] == 0));
+    }
+}
+
 // The mapping that a search for this text comes to first.
 const hash_entry *first_mapping(const char *text)
 {
@@ -313,6 +345,7 @@ void check_cache(world &w, bool allocation_failed)
     }
     must(highest() <= localCacheSize);
     must(physicalTable[0] == nullptr);
+    check_contents();
     for (uint32_t i = highest() + 1; i <= localCacheSize; i++) {
         must(physicalTable[i] == nullptr);
     }
@@ -676,8 +709,8 @@ void ask(world &w, const served_table &t, const std::vector<void *> &rows)
     for (question &q : questions) {
         const u_char type = q.var.type;
         must(type == ASN_NULL || type == ASN_INTEGER || type == ASN_GAUGE ||
-             type == ASN_OCTET_STR || type == ASN_OBJECT_ID || type == SNMP_NOSUCHINSTANCE ||
-             type == SNMP_NOSUCHOBJECT);
+             type == ASN_TIMETICKS || type == ASN_OCTET_STR || type == ASN_OBJECT_ID ||
+             type == SNMP_NOSUCHINSTANCE || type == SNMP_NOSUCHOBJECT);
         must(type != ASN_INTEGER || q.var.val_len == 4 || q.var.val_len == sizeof(long));
         volatile u_char sum = 0; // every byte can be read
         for (size_t i = 0; q.var.val.string && i < q.var.val_len; i++) {

@@ -29,11 +29,13 @@ bool is_object(const tree *node);
 // Dotted, without a leading dot.
 std::string oid_text(const tree *node);
 
-// What our modules define: the platform's objects, ENTITY-MIB's and ENTITY-SENSOR-MIB's.
+// What our modules define: the platform's objects, and those of ENTITY-MIB,
+// ENTITY-SENSOR-MIB and ENTITY-STATE-MIB.
 inline const char *const platform_root = "1.3.6.1.4.1.58213";
 inline const char *const entity_root = "1.3.6.1.2.1.47";
 inline const char *const sensor_root = "1.3.6.1.2.1.99";
-inline const char *const roots[] = {platform_root, entity_root, sensor_root};
+inline const char *const state_root = "1.3.6.1.2.1.131";
+inline const char *const roots[] = {platform_root, entity_root, sensor_root, state_root};
 
 } // namespace mib_modules
 

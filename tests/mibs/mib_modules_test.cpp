@@ -77,7 +77,8 @@ TEST(MibModules, AreParsedWithoutAWarning)
     EXPECT_EQ(mib_modules::load(), "");
     for (const char *module :
          {"SNMPv2-SMI", "SNMPv2-TC", "SNMPv2-CONF", "SNMPv2-MIB", "SNMP-FRAMEWORK-MIB",
-          "ENTITY-MIB", "KAV-PLATFORM-MIB", "KAV-PLATFORM-NOTIFICATIONS-MIB"}) {
+          "ENTITY-MIB", "ENTITY-SENSOR-MIB", "ENTITY-STATE-TC-MIB", "ENTITY-STATE-MIB",
+          "KAV-PLATFORM-MIB", "KAV-PLATFORM-NOTIFICATIONS-MIB"}) {
         EXPECT_NE(which_module(module), -1) << module;
     }
 }

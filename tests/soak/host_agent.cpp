@@ -8,6 +8,8 @@
 // does, so that a sanitizer has the last word. Linked with a system() that does
 // nothing, since the module's own end is that of every snmpd of the host.
 #include "entityMIB/entityMIB.h"
+#include "entitySensorMIB/entitySensorMIB.h"
+#include "entityStateMIB/entityStateMIB.h"
 #include "kavPlatMIB/kavPlatMIB.h"
 
 #include <net-snmp/net-snmp-config.h>
@@ -108,6 +110,8 @@ int main(int argc, char **argv)
         "uptime", handle_uptime, uptime_oid, OID_LENGTH(uptime_oid) - 1, HANDLER_CAN_RONLY));
     init_entityMIB();
     init_kavPlatMIB();
+    init_entitySensorMIB();
+    init_entityStateMIB();
     init_snmp("kavplat-soak");
     if (init_master_agent() != 0) {
         return 1;

@@ -18,8 +18,7 @@ below() {
     table | monitor) echo kavdata ;;
     entityMIB) echo table monitor kavdata ;;
     kavPlatMIB) echo table kavdata ;;
-    entitySensorMIB) echo table watch kavdata ;;
-    entityMappingMIB) echo table watch kavdata ;;
+    entitySensorMIB | entityStateMIB | entityMappingMIB) echo table watch kavdata ;;
     watch) echo kavdata ;;
     *) return 1 ;;
     esac
