@@ -11,6 +11,9 @@ cmake_path(ABSOLUTE_PATH KAVPLAT_MODULEDIR BASE_DIRECTORY "${CMAKE_INSTALL_PREFI
   OUTPUT_VARIABLE KAVPLAT_FULL_MODULEDIR)
 install(TARGETS PlatformMIB LIBRARY DESTINATION "${KAVPLAT_MODULEDIR}")
 install(TARGETS kavplat RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+install(DIRECTORY docs/man/ DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" FILES_MATCHING PATTERN "*.1")
+install(FILES tools/kavplat/completion/kavplat
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
 if(NOT KAVPLAT_PLATFORM_LIBRARIES)
   install(TARGETS kavplatform LIBRARY DESTINATION "${KAVPLAT_MODULEDIR}")
   # Where the platform looks for the description, which is not ours to write.
@@ -73,7 +76,8 @@ install(DIRECTORY examples/minimal-platform DESTINATION "${KAVPLAT_DATADIR}/exam
 # The documents keep their places beside each other, and find what they link to by
 # symbolic links.
 install(FILES README.md CHANGELOG.md CONTRIBUTING.md LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
-install(DIRECTORY docs DESTINATION "${CMAKE_INSTALL_DOCDIR}" FILES_MATCHING PATTERN "*.md")
+install(DIRECTORY docs DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+  FILES_MATCHING PATTERN "*.md" PATTERN "*.png" PATTERN man EXCLUDE)
 install(FILES mibs/README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}/mibs")
 install(FILES managers/README.md DESTINATION "${CMAKE_INSTALL_DOCDIR}/managers")
 function(kavplat_document_link name target)

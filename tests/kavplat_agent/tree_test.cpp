@@ -5,6 +5,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "harness/files.h"
+#include "harness/process.h"
 #include "tools/kavplat/agent/words.h"
 #include "tools/kavplat/tree/print.h"
 
@@ -193,6 +195,35 @@ TEST(kavplat_tree, is_a_page_in_which_no_text_is_markup)
         EXPECT_EQ(count("<div"), count("</div>"));
         EXPECT_EQ(count("class=\"bar\""), 1U) << "for what reads and has limits";
     }
+}
+
+TEST(kavplat_tree, is_a_page_that_a_browser_searches_and_that_runs_nothing_of_the_agent)
+{
+    if (run_command("command -v chromium").status != 0) {
+        GTEST_SKIP() << "there is no chromium here, so nobody has looked at the page";
+    }
+    const temporary_directory directory;
+    box all = example();
+    all.entities[4].serial = "</button><img src=x onerror=\"document.title='harmed'\">";
+    std::ostringstream page;
+    print_page(page, all, {choice::all, all.roots});
+    write_file(directory / "page.html", page.str());
+    const auto dom = [&](const string &hash) {
+        return run_command(
+                   "HOME=" + quoted(directory.path()) +
+                   " timeout 60 chromium --headless --no-sandbox --disable-gpu --dump-dom " +
+                   quoted("file://" + (directory / "page.html").string() + hash) + " 2>/dev/null")
+            .output;
+    };
+    const string whole = dom("");
+    EXPECT_NE(whole.find("<title>/SYS at rack7</title>"), string::npos) << whole;
+    EXPECT_EQ(whole.find("<img"), string::npos);
+    EXPECT_EQ(whole.find("class=\"away"), string::npos);
+    const string found = dom("#search=hdd0%20disk");
+    EXPECT_NE(found.find("1 found"), string::npos) << found;
+    EXPECT_NE(found.find("class=\"part found\" id=\"e5\""), string::npos) << found;
+    EXPECT_NE(found.find("class=\"part critical away\" id=\"e2\""), string::npos) << found;
+    EXPECT_EQ(found.find("away\" id=\"e4\""), string::npos) << "what it is in stays";
 }
 
 TEST(kavplat_tree, of_any_depth_is_shown)

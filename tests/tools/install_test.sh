@@ -35,7 +35,9 @@ root=$stage$prefix
     (cd -- "$source_dir" && find servers -name '*.json' -printf "$datadir/kavplat/%p\n")
     (cd -- "$source_dir" && find mibs -name '*.txt' -printf "$datadir/kavplat/%p\n")
     (cd -- "$source_dir" && find managers -name '*.yml' -printf "$datadir/kavplat/%p\n")
-    (cd -- "$source_dir" && find docs -name '*.md' -printf "$docdir/%p\n")
+    (cd -- "$source_dir" && find docs -name '*.md' -printf "$docdir/%p\n" -o -name '*.png' -printf "$docdir/%p\n")
+    (cd -- "$source_dir" && find docs/man -name '*.1' -printf "share/man/man1/%f\n")
+    echo "$datadir/bash-completion/completions/kavplat"
     printf "$docdir/%s\n" README.md CHANGELOG.md CONTRIBUTING.md LICENSE mibs/README.md \
         platform examples schema servers mibs/KAV-PLATFORM-MIB.txt \
         mibs/KAV-PLATFORM-NOTIFICATIONS-MIB.txt mibs/compact \

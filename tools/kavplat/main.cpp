@@ -9,10 +9,8 @@ namespace
 {
 
 const kavplat::subcommand *const subcommands[] = {
-    &kavplat::describe,
-    &kavplat::check,
-    &kavplat::conformance,
-    &kavplat::tree,
+    &kavplat::describe, &kavplat::check, &kavplat::conformance, &kavplat::tree, &kavplat::health,
+    &kavplat::watch,    &kavplat::plug,  &kavplat::unplug,      &kavplat::set,
 };
 
 int run(int count, char **arguments)
@@ -35,7 +33,15 @@ int run(int count, char **arguments)
             throw CLI::RequiredError::Subcommand(1);
         }
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? 0 : kavplat::misused;
+        if (app.exit(error) == 0) {
+            return 0;
+        }
+        for (const kavplat::subcommand *each : subcommands) {
+            if (app.got_subcommand(each->name)) {
+                return each->when_misused;
+            }
+        }
+        return kavplat::misused;
     }
     return actions.at(app.get_subcommands().front())();
 }

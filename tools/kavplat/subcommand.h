@@ -15,7 +15,7 @@ class App;
 namespace kavplat
 {
 
-/* The status for a command line that is not understood, of every subcommand. */
+/* The status for a command line that is not understood. */
 constexpr int misused = 2;
 
 struct subcommand {
@@ -27,12 +27,21 @@ struct subcommand {
      * what the options are read into. An exception from it is told on standard error
      * and ends the command with the status 1. */
     std::function<int()> (*add)(CLI::App &command);
+
+    /* The status for a command line of its own that is not understood, where others
+     * than people read it. */
+    int when_misused = misused;
 };
 
 extern const subcommand check;
 extern const subcommand conformance;
 extern const subcommand describe;
+extern const subcommand health;
+extern const subcommand plug;
+extern const subcommand set;
 extern const subcommand tree;
+extern const subcommand unplug;
+extern const subcommand watch;
 
 } // namespace kavplat
 

@@ -176,9 +176,7 @@ reply session::ask(int command, std::span<const object_name> names, long non_rep
             end_ - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
             result.timed_out = true;
-            result.failure = agent_ + " was not read within " +
-                             seconds(static_cast<long>(longest_.count()) * 1000) +
-                             ": give it more time (--timeout), or ask for less";
+            result.failure = overdue();
             return result;
         }
         /* As many tries as there is time for. */
@@ -199,7 +197,10 @@ reply session::ask(int command, std::span<const object_name> names, long non_rep
     const int status = snmp_sess_synch_response(handle_, pdu, &answer);
     if (status != STAT_SUCCESS || answer == nullptr) {
         result.timed_out = status == STAT_TIMEOUT;
-        result.failure = explain(status == STAT_TIMEOUT ? SNMPERR_TIMEOUT : opened->s_snmp_errno);
+        const bool is_over = longest_.count() > 0 && std::chrono::steady_clock::now() >= end_;
+        result.failure = result.timed_out && is_over ? overdue()
+                         : result.timed_out          ? explain(SNMPERR_TIMEOUT)
+                                                     : explain(opened->s_snmp_errno);
     } else if (answer->command == SNMP_MSG_REPORT) {
         result.failure = explain(snmpv3_get_report_type(answer));
     } else {
@@ -214,6 +215,15 @@ reply session::ask(int command, std::span<const object_name> names, long non_rep
         snmp_free_pdu(answer);
     }
     return result;
+}
+
+std::string session::overdue() const
+{
+    return agent_ + ": " +
+           (requests_ > 0 ? "it was not read by " + version() : std::string("it was not reached")) +
+           " within " + seconds(static_cast<long>(longest_.count()) * 1000) +
+           ": is the agent up, and does it know the community or user? If it is slow, give it more "
+           "time (--timeout)";
 }
 
 /* What was asked of whom, what came, and what to try. */

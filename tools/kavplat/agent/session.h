@@ -75,6 +75,7 @@ class session
     reply ask(int command, std::span<const object_name> names, long non_repeaters,
               long repetitions);
     std::string explain(int error) const;
+    std::string overdue() const;
 
     void *handle_ = nullptr;
     std::string agent_;

@@ -1,0 +1,240 @@
+// kavplat watch: what is told of a box that changes.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <regex>
+#include <set>
+
+#include "harness/agent.h"
+#include "tools/kavplat/watch/changes.h"
+
+namespace
+{
+
+using namespace kavplat_agent;
+using namespace kavplat_watch;
+using std::string;
+
+entity made(uint32_t index, uint32_t contained_in, const string &name)
+{
+    entity each;
+    each.index = index;
+    each.contained_in = contained_in;
+    each.name = name;
+    return each;
+}
+
+entity measured(uint32_t index, const string &name, double number)
+{
+    entity each = made(index, 1, name);
+    each.sensor.emplace();
+    each.sensor->number = number;
+    each.sensor->decimals = 1;
+    each.sensor->limits[upper_critical] = 50;
+    return each;
+}
+
+box of(std::vector<entity> entities)
+{
+    box all;
+    all.entities = std::move(entities);
+    make_tree(all);
+    judge(all);
+    return all;
+}
+
+string told(const std::vector<change> &all)
+{
+    string text;
+    for (const change &each : all) {
+        text += string(kind_name(each.what)) + " " + each.name + ": " + each.text + "\n";
+    }
+    return text;
+}
+
+TEST(kavplat_watch, tells_what_came_what_went_and_what_is_another)
+{
+    entity disk = made(3, 1, "/SYS/D");
+    disk.serial = "A";
+    const box before =
+        of({made(1, 0, "/SYS"), measured(2, "/SYS/T", 20), disk, measured(5, "/SYS/U", 20)});
+    EXPECT_EQ(told(changes_between(before, before)), "");
+    entity exchanged = disk;
+    exchanged.serial = "B";
+    entity late = made(9, 1, "/SYS/E\n");
+    const box after = of({made(1, 0, "/SYS"), measured(2, "/SYS/T", 60), exchanged,
+                          measured(5, "/SYS/U", 20.5), late});
+    EXPECT_EQ(told(changes_between(before, after)),
+              "went /SYS/D: serial A\n"
+              "came /SYS/D: serial B\n"
+              "came /SYS/E\n: \n"
+              "state /SYS/T: ok -> critical; 20.0 -> 60.0; 60.0 at or above 50.0 (upper critical)\n"
+              "reading /SYS/U: 20.0 -> 20.5\n");
+}
+
+TEST(kavplat_commands, rehearse_a_server_whose_agent_is_watched)
+{
+    agent server({.description = "servers/rack-2u.json",
+                  .configuration = "dlmod entitySensorMIB " KAVPLAT_MODULE "\n"});
+    server.start();
+    const string where = "127.0.0.1:" + std::to_string(server.port());
+    const string out = server.directory() / "watched";
+    child_process watch;
+    watch.start({KAVPLAT_COMMAND, "watch", "-v2c", "-c", "public", "--interval", "0.1",
+                 "--readings", "0", "--json", where},
+                out);
+    const auto says = [&out](const string &what) {
+        return eventually([&] { return read_file(out).find(what) != string::npos; });
+    };
+    ASSERT_TRUE(says("412 entities")) << read_file(out);
+    const string kavplat = quoted(KAVPLAT_COMMAND);
+    const string file = quoted(server.description());
+    command_result result = run_command(kavplat + " unplug " + file + " /SYS/HDD3");
+    EXPECT_EQ(result.status, 0) << result.output;
+    EXPECT_TRUE(says(R"("went","name":"/SYS/HDD3/DISK")")) << read_file(out);
+    result = run_command(kavplat + " plug " + file + " /SYS/HDD3 --from " +
+                         quoted(KAVPLAT_SOURCE_DIR "/servers/rack-2u.json"));
+    EXPECT_EQ(result.status, 0) << result.output;
+    EXPECT_TRUE(says(R"("came","name":"/SYS/HDD3/DISK")")) << read_file(out);
+
+    // An agent that goes is told once.
+    server.stop();
+    EXPECT_TRUE(says(R"("change":"silent")")) << read_file(out);
+}
+
+TEST(kavplat_commands, watch_reads_at_once_when_it_is_notified)
+{
+    agent server({.description = "servers/rack-2u.json"});
+    server.start();
+    const string out = server.directory() / "watched";
+    const string here = "127.0.0.1:" + std::to_string(free_port());
+    child_process watch;
+    watch.start({KAVPLAT_COMMAND, "watch", "-v2c", "-c", "public", "--interval", "600", "--listen",
+                 "udp:" + here, "127.0.0.1:" + std::to_string(server.port())},
+                out);
+    const auto says = [&out](const string &what) {
+        return read_file(out).find(what) != string::npos;
+    };
+    ASSERT_TRUE(eventually([&] { return says("412 entities"); })) << read_file(out);
+    const command_result result = run_command(quoted(KAVPLAT_COMMAND) + " unplug " +
+                                              quoted(server.description()) + " /SYS/HDD3");
+    EXPECT_EQ(result.status, 0) << result.output;
+    EXPECT_TRUE(eventually([&] {
+        run_command("MIBS= snmptrap -v2c -c any " + here + " '' 1.3.6.1.2.1.47.2.0.1");
+        return says("- /SYS/HDD3/DISK  ");
+    })) << read_file(out);
+    kill(watch.id(), SIGTERM);
+    EXPECT_EQ(watch.wait(std::chrono::seconds(10)), 0) << "a signal ends it well";
+}
+
+TEST(kavplat_commands, end_with_the_status_that_they_document)
+{
+    agent server({.description = "servers/rack-2u.json",
+                  .configuration = "dlmod entitySensorMIB " KAVPLAT_MODULE "\n"});
+    server.start();
+    const string good = " -v2c -c public 127.0.0.1:" + std::to_string(server.port());
+    const string silent = " -v2c -c public -r0 -t0.2 127.0.0.1:" + std::to_string(free_port());
+    const string page = server.directory() / "page.html";
+    struct ended {
+        string words;
+        int status;
+        const char *said;
+    };
+    const ended cases[] = {
+        {"tree" + good, 0, "412 entities, 221 sensors"},
+        {"tree --json" + good, 0, "\"entities\": ["},
+        {"tree --only frus" + good, 0, "/SYS/HDD3/DISK "},
+        {"tree" + good + " HDD3/DISK", 0, "PD8T7-66144036"},
+        {"tree" + good + " NOTHING", 1, "has nothing that is named NOTHING"},
+        {"tree" + silent, 1, "no answer to a request by SNMPv2c"},
+        {"tree --only lamps" + good, 2, "--only"},
+        {"tree -v 7 127.0.0.1:1", 1, "are not understood"},
+        {"tree --html " + quoted(page) + good, 0, "page.html: 412 entities"},
+        {"tree --html /no/such/place" + good, 1, "cannot be written"},
+        {"health" + good, 2, "HARDWARE CRITICAL - "},
+        {"health --include '/SYS/T_AMB' " + good, 0, "| '/SYS/T_AMB'=23.8;10:35;5:40"},
+        {"health --include '/SYS/T_AMB' --require /SYS/NO" + good, 2, "/SYS/NO is missing"},
+        {"health" + silent, 3, "HARDWARE UNKNOWN - "},
+        {"health --no-such-option" + good, 3, "no-such-option"},
+        {"health --timeout 0.3 -r9 -t9 -v2c -c public 127.0.0.1:" + std::to_string(free_port()), 3,
+         "HARDWARE UNKNOWN - "},
+        {"watch --count 1 --interval 0.05" + good, 0, "412 entities"},
+        {"watch" + silent, 1, "no answer"},
+        {"set /no/such/file /SYS led=on", 1, "is not changed"},
+        {"set " + quoted(server.description()) + " /SYS/LOCATE led", 2, "expected KEY=VALUE"},
+        {"plug " + quoted(server.description()) + " /SYS/X", 2, "--from or --like"},
+    };
+    for (const ended &each : cases) {
+        const command_result result =
+            run_command("LC_ALL=C.UTF-8 " + quoted(KAVPLAT_COMMAND) + " " + each.words);
+        EXPECT_EQ(result.status, each.status) << each.words << "\n" << result.output.substr(0, 800);
+        EXPECT_NE(result.output.find(each.said), string::npos) << each.words << "\n"
+                                                               << result.output.substr(0, 800);
+        EXPECT_EQ(result.output.find("\033["), string::npos) << "no colours where nobody sees them";
+    }
+    EXPECT_TRUE(read_file(page).starts_with("<!DOCTYPE html>"));
+}
+
+// The long options of a text; a hyphen may be written as roff has it.
+std::set<string> options_in(string text)
+{
+    for (size_t at = text.find("\\-"); at != string::npos; at = text.find("\\-", at)) {
+        text.erase(at, 1);
+    }
+    std::set<string> found;
+    const std::regex option("--[a-z]+(-[a-z]+)*");
+    for (std::sregex_iterator at(text.begin(), text.end(), option), end; at != end; ++at) {
+        found.insert(at->str());
+    }
+    found.erase("--help");
+    return found;
+}
+
+TEST(kavplat_manual, has_each_option_that_the_help_has_and_no_other)
+{
+    const std::pair<const char *, std::vector<string>> pages[] = {
+        {"kavplat-tree.1", {"tree"}},
+        {"kavplat-health.1", {"health"}},
+        {"kavplat-watch.1", {"watch"}},
+        {"kavplat-plug.1", {"plug", "unplug", "set"}}};
+    for (const auto &[page, commands] : pages) {
+        const string manual = read_file(string(KAVPLAT_SOURCE_DIR "/docs/man/") + page);
+        std::set<string> wanted;
+        for (const string &command : commands) {
+            const command_result help =
+                run_command(quoted(KAVPLAT_COMMAND) + " " + command + " --help");
+            EXPECT_EQ(help.status, 0);
+            EXPECT_NE(help.output.find("Example:\n  kavplat " + command), string::npos) << command;
+            EXPECT_NE(help.output.find("Exits with 0"), string::npos) << command;
+            wanted.merge(options_in(help.output));
+        }
+        EXPECT_EQ(options_in(manual), wanted) << page;
+        const command_result formatted = run_command(
+            "groff -man -ww -z -Tutf8 " + quoted(string(KAVPLAT_SOURCE_DIR "/docs/man/") + page));
+        if (formatted.status != 127) {
+            EXPECT_EQ(formatted.output, "") << page;
+        }
+    }
+}
+
+TEST(kavplat_completion, knows_subcommands_options_and_names)
+{
+    const std::tuple<const char *, int, const char *> cases[] = {
+        {"kavplat un", 1, "unplug\n"},
+        {"kavplat tree --js", 2, "--json\n"},
+        {"kavplat tree --only al", 3, "alarms\n"},
+        {"kavplat set $minimal /SYS/MB/L", 3, "/SYS/MB/LOCATE\n"},
+    };
+    const std::filesystem::path command = KAVPLAT_COMMAND;
+    for (const auto &[words, at, completed] : cases) {
+        const command_result result =
+            run_command("PATH=" + quoted(command.parent_path()) + ":$PATH minimal=" +
+                        quoted(KAVPLAT_SOURCE_DIR "/servers/minimal.json") + " bash -c '. " +
+                        KAVPLAT_SOURCE_DIR "/tools/kavplat/completion/kavplat; COMP_WORDS=(" +
+                        words + "); COMP_CWORD=" + std::to_string(at) +
+                        "; _kavplat; printf \"%s\\n\" \"${COMPREPLY[@]}\"'");
+        EXPECT_EQ(result.output, completed) << words;
+    }
+}
+
+} // namespace
