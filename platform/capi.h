@@ -21,11 +21,17 @@
  *    Its parent is what stands before the last '/'.
  *  - Calls arrive from several threads at once: the agent's thread (while a
  *    request is served, with the library's cache lock held), the library's
- *    monitor thread and the thread on which the event manager delivers. An
- *    implementation locks what it shares, must not deliver an event from
- *    inside one of these calls, and must not call back into the library.
+ *    watcher, which asks for every live value at an interval, its monitor
+ *    thread and the thread on which the event manager delivers. Two of them
+ *    may ask for the same component. An implementation locks what it shares;
+ *    hardware that stands only one question at a time is kept behind a lock
+ *    of the implementation's own, for the library asks all the same. It must
+ *    not deliver an event from inside one of these calls, and must not call
+ *    back into the library.
  *  - A call on the agent's thread stalls every SNMP request while it lasts.
- *    Answer from memory, or bound the wait.
+ *    Answer from memory, or bound the wait. With the watcher on, the agent's
+ *    thread asks only for what the watcher has not asked for yet, and for
+ *    everything again when one call has kept the watcher for ten seconds.
  */
 #ifndef KAVPLAT_PLATFORM_CAPI_H
 #define KAVPLAT_PLATFORM_CAPI_H
@@ -323,10 +329,11 @@ int capi_is_indicator_type(uint32_t component_type, int32_t *flag);
 
 /* ---- Live state ------------------------------------------------------- */
 
-/* Reads a sensor. The first argument is always 0. Called at most once in ten
- * seconds for a sensor whose reads succeed and are valid, at every request for one
- * whose reads fail or are not, and once more for the PRSNT sensor of a drive bay
- * when the bay's row is made. */
+/* Reads a sensor. The first argument is always 0. The watcher calls it once at
+ * each look, whatever came of the last one. Without the watcher it is called at
+ * most once in ten seconds for a sensor whose reads succeed and are valid, and at
+ * every request for one whose reads fail or are not; once more for the PRSNT
+ * sensor of a drive bay when the bay's row is made. */
 int capi_get_sensor(int reserved, const char *nac_name, struct capi_sensor_record *record);
 
 /* What is known of a sensor without reading it: class, type, units, thresholds
