@@ -138,8 +138,10 @@ enum capi_sensor_units {
 /* capi_sensor_record.reading_status; any value but INVALID is a good reading */
 enum { CAPI_READING_VALID = 0, CAPI_READING_INVALID = 1 };
 
-/* capi_sensor_record.flags: which thresholds are valid, and STATE_SEMANTICS,
- * which says that a discrete sensor's state is given by the field state. */
+/* capi_sensor_record.flags: which thresholds are valid; STATE_SEMANTICS, which says
+ * that a discrete sensor's state is given by the field state; and ALTERNATING, in
+ * what capi_get_sensor_info answers, that the volts of a threshold sensor are those
+ * of an alternating voltage. */
 enum capi_sensor_flags {
     CAPI_LOWER_NON_CRITICAL_VALID = 0x01,
     CAPI_LOWER_CRITICAL_VALID = 0x02,
@@ -147,7 +149,8 @@ enum capi_sensor_flags {
     CAPI_UPPER_NON_CRITICAL_VALID = 0x08,
     CAPI_UPPER_CRITICAL_VALID = 0x10,
     CAPI_UPPER_FATAL_VALID = 0x20,
-    CAPI_STATE_SEMANTICS = 0x40
+    CAPI_STATE_SEMANTICS = 0x40,
+    CAPI_ALTERNATING = 0x80
 };
 
 /* capi_indicator_record.state; any other value is an unrecognised state */

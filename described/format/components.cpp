@@ -172,6 +172,16 @@ void read_thresholds(reading_state &state, const json &value, const place &here,
     object.end();
 }
 
+/* Volts are those of a direct voltage, unless it is said. */
+void read_current(reading_state &state, const json &value, const place &here, sensor &into)
+{
+    if (value == "alternating") {
+        into.flags |= CAPI_ALTERNATING;
+    } else if (value != "direct") {
+        complain(state, here, "\"direct\" or \"alternating\"", value, {"direct", "alternating"});
+    }
+}
+
 void read_sensor(reading_state &state, const json &value, const place &here, component &into)
 {
     into.sensor = std::make_unique<sensor>();
@@ -180,6 +190,9 @@ void read_sensor(reading_state &state, const json &value, const place &here, com
     object.code("class", sensor_class_codes, it.sensor_class, need::required);
     object.code("type", sensor_type_codes, it.sensor_type, need::required);
     object.code("units", sensor_units_codes, it.units);
+    if (const json *current = object.value("current"); current != nullptr) {
+        read_current(state, *current, object.at("current"), it);
+    }
     const code_table reading_names =
         it.sensor_class == CAPI_SENSOR_DISCRETE ? code_table(discrete_codes) : code_table();
     object.live("reading", reading_names, any_reading, it.reading, need::required);

@@ -53,7 +53,7 @@ struct sensor {
     int32_t sensor_class = 0;
     int32_t sensor_type = 0;
     int32_t units = 0;
-    uint16_t flags = 0; /* thresholds that are given, and CAPI_STATE_SEMANTICS */
+    uint16_t flags = 0; /* thresholds that are given, CAPI_STATE_SEMANTICS, CAPI_ALTERNATING */
     std::array<float, threshold_count> thresholds{};
     bool ok_semantics = false;
     std::string record_name;

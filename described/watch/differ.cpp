@@ -14,7 +14,8 @@ bool same_identity(const sensor &a, const sensor &b)
      * finds it. */
     const bool expectation_is_left = a.state && !b.state && b.ok_semantics;
     return a.sensor_class == b.sensor_class && a.sensor_type == b.sensor_type &&
-           a.units == b.units && a.ok_semantics == b.ok_semantics && !expectation_is_left;
+           a.units == b.units && ((a.flags ^ b.flags) & CAPI_ALTERNATING) == 0 &&
+           a.ok_semantics == b.ok_semantics && !expectation_is_left;
 }
 
 /* A raw reading decides the scale of the limits. The state is among the flags. */

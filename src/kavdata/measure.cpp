@@ -53,6 +53,7 @@ constexpr unit_row by_base_units[] = {
 };
 
 constexpr unit_row humidity = {units::percent, {percentRH, 1, "%"}, as_it_is};
+constexpr unit_row alternating_volts = {units::volts, {voltsAC, 3, "volts AC"}, as_it_is};
 constexpr unit_row without_unit = {units::other, {other, 0, ""}, as_it_is};
 constexpr measure yes_or_no = {truthvalue, 0, ""};
 
@@ -65,7 +66,10 @@ const unit_row &unit_of(const phys_entry &sensor)
     }
     const bool is_humidity =
         row->base_units == humidity.base_units && sensor.sensorCol2 == kavPlatSensorType::humidity;
-    return is_humidity ? humidity : *row;
+    if (is_humidity) {
+        return humidity;
+    }
+    return row->base_units == units::volts && sensor.isAlternating ? alternating_volts : *row;
 }
 
 // The number that was meant: 0.35 as a float is 0.349999994, half of a tenth less

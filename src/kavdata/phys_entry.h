@@ -160,6 +160,7 @@ typedef struct phys_entry {
     int32_t numericSensorCol13; /* column 13: upper fatal threshold */
     uint32_t numericSensorCol14;
     uint8_t thresholdMask; /* kavPlatNumericSensorThresholds: bit 0 is 0x80 */
+    uint8_t isAlternating; /* its volts are those of an alternating voltage */
     float limits[6];       /* the thresholds as the platform told them, in its units, in
                               the order of kavdata/thresholds.h */
 

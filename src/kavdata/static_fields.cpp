@@ -116,6 +116,7 @@ void read_numeric_sensor(phys_entry *entry, const capi_sensor_record &info)
                  "read_static_data");
     entry->sensorKind = SENSOR_KIND_NUMERIC;
     entry->numericSensorCol1 = kavPlatNumericSensorBaseUnits::other;
+    entry->isAlternating = (info.flags & CAPI_ALTERNATING) != 0;
     for (const units_row &row : units_rows) {
         if (row.units == info.units) {
             entry->numericSensorCol1 = row.base_unit;

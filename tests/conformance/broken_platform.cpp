@@ -446,7 +446,7 @@ int capi_get_sensor_info(const char *nac_name, int selector, capi_sensor_record 
     } else if (breaks("units of 11")) {
         record->units = 11;
     } else if (breaks("unknown sensor flag")) {
-        record->flags |= 0x80;
+        record->flags |= 0x100;
     } else if (breaks("threshold without a number")) {
         record->upper_critical = std::numeric_limits<float>::quiet_NaN();
     } else if (breaks("sensor info of 130 bytes")) {

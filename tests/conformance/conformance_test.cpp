@@ -118,7 +118,7 @@ constexpr defect defects[] = {
     {"sensor class of 3", "sensor_info", "/SYS/MB/T0: sensor_class is 3"},
     {"sensor type of 300", "sensor_info", "/SYS/MB/T0: sensor_type is 300"},
     {"units of 11", "sensor_info", "/SYS/MB/T0: units are 11"},
-    {"unknown sensor flag", "sensor_info", "/SYS/MB/T0: flags are 0x90"},
+    {"unknown sensor flag", "sensor_info", "/SYS/MB/T0: flags are 0x110"},
     {"threshold without a number", "sensor_info",
      "/SYS/MB/T0: upper_critical is said to be valid and is nan"},
     {"sensor info of 130 bytes", "sensor_info",

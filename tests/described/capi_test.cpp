@@ -225,6 +225,20 @@ TEST_F(capi, sensor_info_tells_all_that_needs_no_reading)
     EXPECT_EQ(CAPI_LOWER_CRITICAL_VALID, record.flags);
 }
 
+TEST_F(capi, an_alternating_voltage_is_a_flag)
+{
+    const std::pair<const char *, int> cases[] = {
+        {R"(, "current": "alternating")", CAPI_ALTERNATING}, {R"(, "current": "direct")", 0}};
+    for (const auto &[current, flags] : cases) {
+        described_platform_stop();
+        describe_sensor(R"("class": 1, "type": 2, "units": "volts", "reading": 230)" +
+                        std::string(current));
+        capi_sensor_record record;
+        ASSERT_EQ(0, capi_get_sensor_info("/SYS/T", CAPI_SENSOR_INFO_ALL, &record));
+        EXPECT_EQ(flags, record.flags);
+    }
+}
+
 TEST_F(capi, each_threshold_sets_its_own_flag)
 {
     const std::pair<const char *, int> flags[] = {

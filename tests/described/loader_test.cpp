@@ -86,7 +86,7 @@ TEST_F(loader, takes_every_key_that_there_is)
                  "software_revision": "R"},
          "interface": "eth0", "power": "on", "ready_to_remove": true, "enable": 2},
         {"name": "/SYS/T", "type": "temperature-sensor", "sensor": {
-          "class": 1, "type": "temperature", "units": "degrees-c",
+          "class": 1, "type": "temperature", "units": "degrees-c", "current": "alternating",
           "reading": {"file": "t", "scale": 0.001, "offset": -1}, "raw_reading": 255,
           "valid": false, "state": "ok", "ok_semantics": true, "record_name": "T",
           "thresholds": {"upper_fatal": 1, "upper_critical": 2, "upper_non_critical": 3,

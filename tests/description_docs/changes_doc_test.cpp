@@ -32,8 +32,8 @@ const json everything = json::parse(R"({
      "interface": "e", "power": 1, "ready_to_remove": 1, "enable": 1},
     {"name": "/SYS/L", "type": "led", "indicator": {"state": 1}},
     {"name": "/SYS/T", "type": "temperature-sensor",
-     "sensor": {"class": 1, "type": 1, "units": 1, "reading": 1, "raw_reading": 1, "valid": 1,
-                "state": 1, "record_name": "T",
+     "sensor": {"class": 1, "type": 1, "units": 1, "current": "alternating", "reading": 1,
+                "raw_reading": 1, "valid": 1, "state": 1, "record_name": "T",
                 "thresholds": {"upper_fatal": 1, "upper_critical": 1, "upper_non_critical": 1,
                                "lower_non_critical": 1, "lower_critical": 1, "lower_fatal": 1}}},
     {"name": "/SYS/U", "type": "fault-sensor",
@@ -44,6 +44,7 @@ const json everything = json::parse(R"({
 /* Where one more letter, or number, would not do. */
 const std::map<std::string, json> other_values = {
     {"type", "serial-port"},
+    {"sensor.current", "direct"},
     {"capabilities", json::array({"stateful"})},
     {"capability_bytes", json::array({0, 0, 0, 0, 0, 0, 0, 0, 0, 1})},
 };

@@ -130,7 +130,7 @@ const char *const whole = R"({
              "software_revision": "R"},
      "interface": "eth0", "power": "on", "ready_to_remove": true, "enable": 2},
     {"name": "/SYS/T", "type": "temperature-sensor", "sensor": {
-      "class": "threshold", "type": "temperature", "units": "degrees-c",
+      "class": "threshold", "type": "temperature", "units": "degrees-c", "current": "direct",
       "reading": {"file": "t", "scale": 0.001, "offset": -1}, "raw_reading": 255,
       "valid": false, "state": "ok", "ok_semantics": true, "record_name": "T",
       "thresholds": {"upper_fatal": 1, "upper_critical": 2, "upper_non_critical": 3,

@@ -213,6 +213,10 @@ const mistake mistakes[] = {
          part(d, 2)["sensor"]["reading"] = "asserted";
      },
      "/components/2/sensor/reading"},
+    {"alternating_current", [](json &d) { part(d, 2)["sensor"]["current"] = "alternating"; },
+     no_mistake},
+    {"unknown_current", [](json &d) { part(d, 2)["sensor"]["current"] = "pulsed"; },
+     "/components/2/sensor/current"},
     {"unknown_units", [](json &d) { part(d, 2)["sensor"]["units"] = "furlongs"; },
      "/components/2/sensor/units"},
     {"unknown_threshold", [](json &d) { part(d, 2)["sensor"]["thresholds"]["upper"] = 3; },

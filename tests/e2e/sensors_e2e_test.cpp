@@ -60,6 +60,10 @@ expected_sensor expected_of(const json &sensor)
     };
     const string units = sensor.value("units", "none");
     expected_sensor e = by_units.at(units);
+    if (units == "volts" && sensor.value("current", "direct") == "alternating") {
+        e.type = 3;
+        e.display = "volts AC";
+    }
     if (units == "percent" && sensor.at("type") == "humidity") {
         e.type = 9;
     }

@@ -568,7 +568,9 @@ class served_cells : public cache_test
             record.upper_non_critical = 60;
             record.upper_critical = 70;
             record.upper_fatal = 80;
-            record.flags = 0x3F;
+            // Some of each unit, also of volts.
+            record.flags =
+                static_cast<uint16_t>(0x3F | (sensor_type == units ? int{CAPI_ALTERNATING} : 0));
             server->sensors[name] = record;
         };
         // An empty bay and a filled one.
@@ -691,7 +693,7 @@ TEST_F(served_cells, EveryColumnServesWhatTheModuleKnows)
         {"kavPlatAlarmState", {1, 2, 3, 4}},
         {"kavPlatAlarmUrgency", {3, 4}},
         {"kavPlatPowerSupplyKind", {2}},
-        {"entPhySensorType", {1, 4, 5, 6, 7, 8, 9, 10, 12}},
+        {"entPhySensorType", {1, 3, 4, 5, 6, 7, 8, 9, 10, 12}},
         {"entPhySensorScale", {kavplat::scale_units}},
         {"entPhySensorPrecision", {0, 1, 2, 3}},
         {"entPhySensorOperStatus", {1, 2, 3}},

@@ -136,6 +136,31 @@ TEST_F(entitySensorMIB, MeasuresByUnitsWithAPrecisionThatIsTheUnitsOwn)
     }
 }
 
+TEST_F(entitySensorMIB, AnAlternatingVoltageIsToldApartWhereThePlatformSaysSo)
+{
+    const struct {
+        int32_t units;
+        uint16_t flags;
+        sensor_row row;
+    } cases[] = {
+        {CAPI_UNITS_VOLTS, CAPI_ALTERNATING, {3, 3, 230500, ok, "volts AC"}},
+        {CAPI_UNITS_VOLTS, 0xFF7F, {4, 3, 230500, ok, "volts"}},
+        {CAPI_UNITS_AMPS, CAPI_ALTERNATING, {5, 3, 230500, ok, "amperes"}},
+        {CAPI_UNITS_HERTZ, CAPI_ALTERNATING, {7, 2, 23050, ok, "hertz"}},
+    };
+    for (const auto &c : cases) {
+        capi_sensor_record record = numeric(c.units, 230.5F);
+        record.flags = c.flags;
+        phys_entry *entry = build_sensor(record);
+        EXPECT_EQ(row_of(entry), c.row) << c.flags;
+        // It is what the sensor is, not what it reads.
+        record.flags = 0;
+        say(record);
+        pass(1000);
+        EXPECT_EQ(row_of(entry), c.row) << c.flags;
+    }
+}
+
 // The numeric table's exponent follows the reading; a manager that takes a factor
 // once must not see it here.
 TEST_F(entitySensorMIB, PrecisionDoesNotFollowTheReading)

@@ -137,6 +137,10 @@ void look_at_sensor(const sensor &it, found_warnings &found)
     } else if ((it.flags & limits) != 0) {
         found.add("/sensor/thresholds", "only a sensor of the class \"threshold\" has limits");
     }
+    if ((it.flags & CAPI_ALTERNATING) != 0 &&
+        (it.sensor_class != CAPI_SENSOR_THRESHOLD || it.units != CAPI_UNITS_VOLTS)) {
+        found.add("/sensor/current", "nobody is told that anything but volts is alternating");
+    }
     if (it.sensor_class != CAPI_SENSOR_DISCRETE && it.state) {
         found.add("/sensor/state", "only a sensor of the class \"discrete\" has a state");
     }

@@ -69,7 +69,7 @@ bool is_known_sensor_type(int32_t type)
 void look_at_info(findings &f, const std::string &name, const capi_sensor_record &r)
 {
     const char *n = name.c_str();
-    constexpr unsigned known_flags = 0x7F;
+    constexpr unsigned known_flags = 0xFF;
     constexpr int32_t largest_type = 255;
     expect_terminated(f, "capi_get_sensor_info", name, "name", r.name);
     if (r.sensor_class != CAPI_SENSOR_THRESHOLD && r.sensor_class != CAPI_SENSOR_DISCRETE) {
