@@ -5,6 +5,7 @@
 #include "trace/trace.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -165,6 +166,8 @@ bool append_row(const char *caller, uint32_t index, const capi_inventory_record 
         free_unserved(entry);
         return false;
     }
+    static std::atomic<uint32_t> rows_made{0};
+    entry->incarnation = ++rows_made;
     entry->entPhysicalIndex = index;
     if (origin == row_origin::first_build) {
         trace_index(index, entry, caller);

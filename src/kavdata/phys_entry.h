@@ -93,6 +93,7 @@ typedef struct severity_memory {
 typedef struct phys_entry {
     /* ENTITY-MIB entPhysicalTable */
     uint32_t entPhysicalIndex; /* this entry's slot in physicalTable, from 1 */
+    uint32_t incarnation;      /* no two rows that were ever made have the same */
     char entPhysicalDescr[ENT_PHYSICAL_DESCR_SIZE];
     oid entPhysicalVendorType[2];    /* always zeroDotZero */
     int32_t entPhysicalContainedIn;  /* index of the container, 0: none */

@@ -36,6 +36,7 @@ class cache_guard
 // What asking needs to know of a row.
 struct subject {
     uint32_t index = 0;
+    uint32_t incarnation = 0;
     std::string name;
     uint32_t component_type = 0;
     bool is_sensor = false;
@@ -73,6 +74,7 @@ bool take(subject &s, uint32_t index, const phys_entry &row)
         return false;
     }
     s.index = index;
+    s.incarnation = row.incarnation;
     s.name = row.entPhysicalName;
     s.component_type = row.capiComponentType;
     return true;
@@ -174,7 +176,7 @@ void judge(look_memory &memory, uint32_t index, phys_entry &row, std::vector<not
         if (change->after == kavPlatEquipmentSeverity::cleared) {
             memory.raised.erase(index);
         } else {
-            memory.raised[index] = {n.name, n.container, change->after};
+            memory.raised[index] = {row.incarnation, n.name, n.container, change->after};
         }
         found.emplace_back(std::move(n));
     }
@@ -187,7 +189,7 @@ void clear_what_is_gone(look_memory &memory, std::vector<notice> &found)
     for (auto it = memory.raised.begin(); it != memory.raised.end();) {
         const auto &[index, raised] = *it;
         const phys_entry *row = entry_at(index);
-        if (row && row->entPhysicalName && raised.name == row->entPhysicalName) {
+        if (row && row->incarnation == raised.incarnation) {
             ++it;
             continue;
         }
@@ -242,10 +244,10 @@ bool look(look_memory &memory, look_at which, const std::function<bool()> &go_on
         const answers a = ask(s);
         {
             const cache_guard lock;
-            // Meanwhile the row may have gone, and after a new build another may have
-            // its index.
+            // Meanwhile the row may have gone, and another may have its index, even one
+            // of its name.
             phys_entry *row = entry_at(s.index);
-            if (row && row->entPhysicalName && s.name == row->entPhysicalName) {
+            if (row && row->incarnation == s.incarnation) {
                 apply(*row, s, a);
                 if (s.is_sensor) {
                     judge(memory, s.index, *row, found);

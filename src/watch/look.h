@@ -25,6 +25,7 @@ struct look_memory {
     // What was raised and not cleared, by index: its row may be gone when it is looked
     // at again.
     struct raised_row {
+        uint32_t incarnation;
         std::string name;
         std::string container;
         int32_t severity;

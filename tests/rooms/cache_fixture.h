@@ -188,6 +188,7 @@ class cache_test : public testing::Test
             bare.*field = nullptr;
         }
         bare.circuitPackDescr = nullptr;
+        bare.incarnation = 0;
         for (phys_entry *phys_entry::*link :
              {&phys_entry::next_retired, &phys_entry::first_held, &phys_entry::last_held,
               &phys_entry::next_held, &phys_entry::previous_held}) {

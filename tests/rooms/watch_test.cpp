@@ -2,6 +2,8 @@
 #include "watch/watcher.h"
 
 #include <atomic>
+#include <cstdlib>
+#include <filesystem>
 #include <random>
 #include <thread>
 
@@ -376,6 +378,26 @@ TEST_F(watching, applies_an_answer_to_the_row_of_that_name_only)
     EXPECT_EQ(row("/SYS/OTHER")->numericSensorCol4, 0);
 }
 
+TEST_F(watching, applies_no_answer_to_a_namesake_that_came_in_the_row_s_place)
+{
+    build_board();
+    const uint32_t index = row(sensor_name)->entPhysicalIndex;
+    bool is_first = true;
+    platform->on_call = [&](const fake_call &call) {
+        if (call.function == "capi_get_sensor" && std::exchange(is_first, false)) {
+            {
+                const cache_lock_held lock;
+                kavplat::drop_cache();
+            }
+            init_local_cache();
+        }
+    };
+    EXPECT_TRUE(look());
+    platform->on_call = nullptr;
+    ASSERT_EQ(row(sensor_name)->entPhysicalIndex, index);
+    EXPECT_EQ(row(sensor_name)->look.outcome, LOOK_NONE);
+}
+
 TEST_F(watching, logs_a_failure_when_it_begins)
 {
     build_board();
@@ -450,6 +472,26 @@ TEST_F(watching, clears_what_is_gone)
     remove("/SYS/MB");
     EXPECT_EQ(told(), "3 /SYS/MB/T0 in /SYS/MB: 1>7\n");
     EXPECT_EQ(told(), "");
+}
+
+// With a file of indexes the one that comes has the index of the one that went.
+TEST_F(watching, clears_what_was_swapped_for_one_that_is_well)
+{
+    char directory[] = "/tmp/kavplat-watch-XXXXXX";
+    ASSERT_NE(mkdtemp(directory), nullptr);
+    setenv("KAVPLAT_INDEX_FILE", (std::string(directory) + "/indexes").c_str(), 1);
+    reset();
+    build_board();
+    unsetenv("KAVPLAT_INDEX_FILE");
+    EXPECT_NE(told_at(15), "");
+    const uint32_t index = row(sensor_name)->entPhysicalIndex;
+    remove("/SYS/MB");
+    say(12);
+    insert("/SYS/MB");
+    ASSERT_EQ(row(sensor_name)->entPhysicalIndex, index);
+    EXPECT_EQ(told(), "3 /SYS/MB/T0 in /SYS/MB: 1>7\n");
+    EXPECT_EQ(told(), "");
+    std::filesystem::remove_all(directory);
 }
 
 TEST_F(watching, tells_when_a_component_no_longer_works)
