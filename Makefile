@@ -8,7 +8,7 @@ JOBS := $(shell nproc)
 # Most tests of an agent wait for it, and not for a processor.
 TEST_JOBS := $(shell echo $$((2 * $$(nproc))))
 
-.PHONY: help run test test-portability build install uninstall dist coverage fuzz soak build-bench bench mutants tidy format format-check clean setup-run setup-test setup-bench setup-check setup-ci
+.PHONY: help run test test-portability build install uninstall dist deb test-package coverage fuzz soak build-bench bench mutants tidy format format-check clean setup-run setup-test setup-bench setup-check setup-ci setup-deb
 
 help:
 	@echo "make run            serve servers/rack-2u.json by a private snmpd on 127.0.0.1:1161"
@@ -19,6 +19,8 @@ help:
 	@echo "make install        install them   PREFIX=$(PREFIX)   DESTDIR=$(DESTDIR)"
 	@echo "make uninstall      remove what was installed"
 	@echo "make dist           the sources of the last commit as build/dist/kavplat-VERSION.tar.gz"
+	@echo "make deb            Debian packages of the last commit, into build/deb"
+	@echo "make test-package   install, upgrade and purge them in a Debian of their own; as root"
 	@echo "make check-PRESET   build and run what is tested by another preset: asan, tsan, clang"
 	@echo "make coverage       line and branch coverage of src/ and described/, into build/coverage/report"
 	@echo "make fuzz           the fuzzers, a minute each          SECONDS=n  longer"
@@ -30,7 +32,7 @@ help:
 	@echo "make clean          remove build/"
 	@echo "run, test, test-portability, coverage, bench, mutants, tidy and format-check install what Debian packages they miss."
 
-setup-run setup-test setup-bench setup-check setup-ci: setup-%:
+setup-run setup-test setup-bench setup-check setup-ci setup-deb: setup-%:
 	@tools/setup $*
 
 build:
@@ -60,6 +62,12 @@ uninstall:
 
 dist:
 	tools/dist build/dist
+
+deb: setup-deb
+	tools/make-deb build/deb
+
+test-package: deb
+	tests/package/run build/deb build/package-test
 
 coverage: setup-check
 	find build/coverage -name '*.gcda' -delete 2>/dev/null || true

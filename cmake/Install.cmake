@@ -66,7 +66,24 @@ install(DIRECTORY servers/ DESTINATION "${KAVPLAT_DATADIR}/servers" FILES_MATCHI
 # Below a directory that no tool searches by itself: the extracts in compact would
 # stand in for a system's complete modules.
 install(DIRECTORY mibs/ DESTINATION "${KAVPLAT_DATADIR}/mibs" FILES_MATCHING PATTERN "*.txt")
-install(DIRECTORY managers/ DESTINATION "${KAVPLAT_DATADIR}/managers" FILES_MATCHING PATTERN "*.yml")
+install(DIRECTORY managers/ DESTINATION "${KAVPLAT_DATADIR}/managers" PATTERN README.md EXCLUDE)
+
+# For whoever makes a service of it: the units, and a part of snmpd.conf with the
+# example's lines that load the modules.
+set(KAVPLAT_DLMODDIR "${KAVPLAT_FULL_MODULEDIR}" CACHE STRING
+  "Where the agent's configuration says that the module is")
+file(STRINGS examples/snmpd.conf.in dlmod_lines REGEX "^dlmod ")
+set(KAVPLAT_DLMOD_LINES "")
+foreach(line IN LISTS dlmod_lines)
+  string(REPLACE "@KAVPLAT_FULL_MODULEDIR@" "${KAVPLAT_DLMODDIR}" line "${line}")
+  string(APPEND KAVPLAT_DLMOD_LINES "${line}\n")
+endforeach()
+configure_file(services/snmpd.conf.in services/snmpd.conf @ONLY)
+configure_file(services/kavplatd.service.in services/kavplatd.service @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/services/snmpd.conf"
+  "${PROJECT_BINARY_DIR}/services/kavplatd.service" services/snmpd.service.d.conf
+  DESTINATION "${KAVPLAT_DATADIR}/services")
+install(FILES docs/man/kavplatd.8 DESTINATION "${CMAKE_INSTALL_MANDIR}/man8")
 
 configure_file(examples/snmpd.conf.in snmpd.conf @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/snmpd.conf" DESTINATION "${KAVPLAT_DATADIR}/examples")
@@ -90,7 +107,10 @@ function(kavplat_document_link name target)
   install(FILES "${link}" DESTINATION "${CMAKE_INSTALL_DOCDIR}/${directory}")
 endfunction()
 kavplat_document_link(platform "${CMAKE_INSTALL_FULL_INCLUDEDIR}/kavplat/platform")
-foreach(name examples schema servers mibs/KAV-PLATFORM-MIB.txt
-        mibs/KAV-PLATFORM-NOTIFICATIONS-MIB.txt mibs/compact managers/prometheus)
+file(GLOB managers LIST_DIRECTORIES true RELATIVE "${PROJECT_SOURCE_DIR}"
+  CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/managers/*")
+list(REMOVE_ITEM managers managers/README.md)
+foreach(name ${managers} examples schema servers mibs/KAV-PLATFORM-MIB.txt
+        mibs/KAV-PLATFORM-NOTIFICATIONS-MIB.txt mibs/compact)
   kavplat_document_link(${name} "${CMAKE_INSTALL_FULL_DATADIR}/kavplat/${name}")
 endforeach()

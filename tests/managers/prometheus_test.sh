@@ -8,11 +8,11 @@ set -euo pipefail
 source_dir=$1 build_dir=$2
 files=$source_dir/managers/prometheus
 scratch=$(mktemp -d)
-agent='' exporter=''
+agent='' exporter='' prometheus=''
 # shellcheck disable=SC2317 # called by the trap
 clean_up() {
     local pid
-    for pid in $exporter $agent; do
+    for pid in $prometheus $exporter $agent; do
         kill -TERM "$pid" 2>/dev/null || true
         wait "$pid" 2>/dev/null || true
     done
@@ -31,6 +31,11 @@ cp -- "$files/generator.yml" "$scratch/"
 diff -u -- "$files/snmp.yml" "$scratch/snmp.yml" ||
     fail "snmp.yml is not what the generator makes of generator.yml and our modules"
 
+python3 - "$files" <<'END' || fail "snmp-auths.yml asks for something else than snmp.yml"
+import sys, yaml
+old, new = (yaml.safe_load(open(f"{sys.argv[1]}/{name}.yml")) for name in ("snmp", "snmp-auths"))
+sys.exit(old != new["modules"] or new["auths"]["public_v2"] != {"community": "public", "version": 2})
+END
 promtool test rules "$files/rules_test.yml" >"$scratch/rules.log" 2>&1 ||
     fail "the rules fail their test:" "$(cat -- "$scratch/rules.log")"
 
@@ -101,4 +106,63 @@ if numbers < 100:
     problems.append(f"only {numbers} readings were compared")
 print("\n".join(problems) or f"{len(components)} components, {numbers} readings in their units")
 sys.exit(bool(problems))
+END
+
+# The real Prometheus, with the example's configuration in a hurry: a reading in its unit,
+# then one that is raised beyond its limit and one that is lost.
+web_prometheus=$(free_port tcp)
+sed -e "s/192\.0\.2\.10/127.0.0.1:$port/; s/127\.0\.0\.1:9116/127.0.0.1:$web/; s/scrape_interval: 1m/scrape_interval: 1s/" \
+    -e "s,rules\.yml,$files/rules.yml," "$files/prometheus.yml" >"$scratch/prometheus.yml"
+printf 'global:\n  evaluation_interval: 1s\n' >>"$scratch/prometheus.yml"
+promtool check config "$scratch/prometheus.yml" >"$scratch/check.log" 2>&1 ||
+    fail "Prometheus does not take its configuration:" "$(cat -- "$scratch/check.log")"
+: >"$scratch/prometheus.log"
+prometheus --config.file="$scratch/prometheus.yml" --storage.tsdb.path="$scratch/tsdb" \
+    --web.listen-address="127.0.0.1:$web_prometheus" >"$scratch/prometheus.log" 2>&1 &
+prometheus=$!
+until_it_says "$prometheus" "$scratch/prometheus.log" 'ready to receive'
+
+python3 - "http://127.0.0.1:$web_prometheus/api/v1/query?query=" "$scratch/run/server.json" <<'END'
+import json, sys, time, urllib.parse, urllib.request
+
+def query(expression):
+    url = sys.argv[1] + urllib.parse.quote(expression)
+    return json.load(urllib.request.urlopen(url, timeout=30))["data"]["result"]
+
+def until(what, expression, good):
+    deadline = time.monotonic() + 60
+    while True:
+        result = query(expression)
+        if good(result):
+            return result
+        if time.monotonic() > deadline:
+            sys.exit(f"not so within 60 seconds: {what}; {expression} is {result}")
+        time.sleep(0.2)
+
+reading = 'kavplat_sensor_reading{entPhysicalName="/SYS/T_AMB"}'
+ambient = lambda low, high: lambda r: len(r) == 1 and low <= float(r[0]["value"][1]) <= high
+until("the ambient temperature in degrees", reading, ambient(23.7, 23.8))
+before = len(query("kavplat_sensor_reading"))
+alarm = 'ALERTS{alertname="KavplatSensorCritical",entPhysicalName="/SYS/T_AMB"}'
+if query(alarm):
+    sys.exit("the alert is there before its cause")
+
+with open(sys.argv[2]) as description:
+    server = json.load(description)
+sensor = next(c for c in server["components"] if c["name"] == "/SYS/T_AMB")["sensor"]
+sensor["reading"] = 99
+lost = next(c for c in server["components"] if c.get("sensor", {}).get("class") == "threshold"
+            and c["type"] != "slot-identity" and c["name"] != "/SYS/T_AMB" and c["sensor"].get("valid", True)
+            and not isinstance(c["sensor"]["reading"], dict))
+lost["sensor"]["valid"] = False
+with open(sys.argv[2], "w") as description:
+    json.dump(server, description)
+until("the temperature that was raised", reading, ambient(98.9, 99.1))
+until("the alert of a temperature beyond its limit", alarm, lambda r: len(r) == 1)
+until("the reading that was lost is gone", f'kavplat_sensor_reading{{entPhysicalName="{lost["name"]}"}}', lambda r: not r)
+if len(query("kavplat_sensor_reading")) != before - 1:
+    sys.exit("other readings went with the lost one")
+if not query('entPhySensorOperStatus{entPhysicalName="%s"} != 1' % lost["name"]):
+    sys.exit("the status does not tell of the lost reading")
+print(f"{before} readings by the real Prometheus, an alert, and a lost reading")
 END

@@ -27,21 +27,23 @@ root=$stage$prefix
     done
     (cd -- "$build_dir/described" && find . -name 'libkavplatform.so.*.*' -printf "$libdir/%P\n")
     echo bin/kavplat
-    echo sbin/kavplatd
+    printf '%s\n' sbin/kavplatd share/man/man8/kavplatd.8
+    printf "$datadir/kavplat/services/%s\n" snmpd.conf snmpd.service.d.conf kavplatd.service
     printf "$includedir/kavplat/%s\n" "$@"
     echo "$datadir/kavplat/schema/server.schema.json"
     printf "$datadir/kavplat/examples/%s\n" snmpd.conf minimal-platform/minimal_platform.c
     [[ $prefix == /usr ]] || echo etc/kavplat/server.json.example # else in /etc
     (cd -- "$source_dir" && find servers -name '*.json' -printf "$datadir/kavplat/%p\n")
     (cd -- "$source_dir" && find mibs -name '*.txt' -printf "$datadir/kavplat/%p\n")
-    (cd -- "$source_dir" && find managers -name '*.yml' -printf "$datadir/kavplat/%p\n")
+    (cd -- "$source_dir" && find managers -type f ! -name README.md -printf "$datadir/kavplat/%p\n")
     (cd -- "$source_dir" && find docs -name '*.md' -printf "$docdir/%p\n" -o -name '*.png' -printf "$docdir/%p\n")
     (cd -- "$source_dir" && find docs/man -name '*.1' -printf "share/man/man1/%f\n")
     echo "$datadir/bash-completion/completions/kavplat"
     printf "$docdir/%s\n" README.md CHANGELOG.md CONTRIBUTING.md LICENSE mibs/README.md \
         platform examples schema servers mibs/KAV-PLATFORM-MIB.txt \
         mibs/KAV-PLATFORM-NOTIFICATIONS-MIB.txt mibs/compact \
-        managers/README.md managers/prometheus
+        managers/README.md
+    (cd -- "$source_dir" && find managers -mindepth 1 -type d -printf "$docdir/%p\n")
 } | sort >"$stage/expected"
 (cd -- "$root" && find . ! -type d -printf '%P\n' | sort) >"$stage/found"
 if ! difference=$(diff "$stage/found" "$stage/expected"); then

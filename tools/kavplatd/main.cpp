@@ -35,15 +35,13 @@ constexpr char usage[] =
     "Serves this machine's components to a master agent, by AgentX, until SIGTERM or SIGINT.\n"
     "Stays in the foreground. Ends no snmpd. A master that goes away is looked for every second.\n"
     "\n"
-    "  -x ADDRESS  the master's AgentX address (default: agentXSocket in kavplatd.conf, or\n"
-    "              else " NETSNMP_AGENTX_SOCKET ")\n"
+    "  -x ADDRESS  the master's AgentX address (default: " NETSNMP_AGENTX_SOCKET ")\n"
     "  -d FILE     the server's description, as KAVPLAT_DESCRIPTION would name it\n"
     "  -L WHERE    where to log: as snmpd's -L; -Le, the default, is standard error\n"
     "  -D TOKENS   debug, as snmpd's -D\n"
     "  -h, --help, -V, --version\n"
     "\n"
-    "Reads kavplatd.conf where net-snmp's programs look (/etc/snmp). Ends with 0 when told to,\n"
-    "1 when it cannot start, 2 when it was misused.\n"
+    "Ends with 0 when told to, 1 when it cannot start, 2 when it was misused.\n"
     "\n"
     "Example: kavplatd -x /var/agentx/master -d /usr/share/kavplat/servers/minimal.json\n";
 
