@@ -15,6 +15,12 @@
 #include "rooms/cache_fixture.h"
 #include "watch/look.h"
 
+// A fork that goes on as an agent starts the thread anew.
+extern "C" __attribute__((visibility("default"))) const char *__tsan_default_options()
+{
+    return "die_after_fork=0";
+}
+
 namespace
 {
 
