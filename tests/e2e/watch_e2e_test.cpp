@@ -34,7 +34,7 @@ class trap_receiver
         receiver_.start({KAVPLAT_SNMPTRAPD, "-f", "-C", "-c", directory_.path() / "snmptrapd.conf",
                          "-Lf", traps(), "-F", "%v\\n", "-p", directory_.path() / "pid", "-M",
                          mibs + ":" + mibs + "/compact", "-m",
-                         "KAV-PLATFORM-NOTIFICATIONS-MIB:ENTITY-SENSOR-MIB", "-OQ",
+                         "KAV-PLATFORM-NOTIFICATIONS-MIB:ENTITY-SENSOR-MIB:ENTITY-STATE-MIB", "-OQ",
                          "udp:127.0.0.1:" + std::to_string(port_)},
                         directory_.path() / "output");
     }
@@ -106,6 +106,8 @@ class watched_server : public testing::Test
 
 constexpr char raised[] = "KAV-PLATFORM-NOTIFICATIONS-MIB::kavPlatSeverityRaised";
 constexpr char no_more_raised[] = "KAV-PLATFORM-NOTIFICATIONS-MIB::kavPlatSeverityCleared";
+constexpr char oper_enabled[] = "ENTITY-STATE-MIB::entStateOperEnabled";
+constexpr char oper_disabled[] = "ENTITY-STATE-MIB::entStateOperDisabled";
 constexpr char config_change[] = "ENTITY-MIB::entConfigChange";
 
 class sent_by : public watched_server, public testing::WithParamInterface<const char *>
@@ -165,6 +167,27 @@ TEST_F(watched_server, tells_of_changed_hardware_five_seconds_apart_and_of_the_l
     EXPECT_GE(seconds_since(begin), 5);
     EXPECT_EQ(receiver.lines_with(config_change).size(), 2U) << receiver.text();
     EXPECT_EQ(receiver.lines_with(raised).size(), 0U);
+}
+
+TEST_F(watched_server, tells_when_a_sensor_no_longer_works_and_when_it_does_again)
+{
+    start("dlmod entityStateMIB " KAVPLAT_MODULE "\nkavplatWatchInterval 1\n");
+    // By this it has been looked at.
+    replace("24.5", "41");
+    ASSERT_TRUE(receiver.comes(raised)) << receiver.output();
+    replace("\"reading\": 41", "\"valid\": false, \"reading\": 41");
+    ASSERT_TRUE(receiver.comes(oper_disabled)) << receiver.output();
+    EXPECT_NE(receiver.lines_with(oper_disabled).front().find("entStateAdmin.3 = unlocked"),
+              std::string::npos)
+        << receiver.text();
+    EXPECT_NE(receiver.lines_with(oper_disabled).front().find("entStateAlarm.3 = "),
+              std::string::npos)
+        << receiver.text();
+    EXPECT_EQ(receiver.lines_with(oper_enabled).size(), 0U) << receiver.text();
+    replace("\"valid\": false, ", "");
+    EXPECT_TRUE(receiver.comes(oper_enabled)) << receiver.output();
+    EXPECT_EQ(receiver.lines_with(oper_disabled).size(), 1U) << receiver.text();
+    EXPECT_EQ(receiver.lines_with(no_more_raised).size(), 0U) << "what cannot be read stays raised";
 }
 
 TEST_F(watched_server, as_a_daemon_is_watched_behind_its_fork)
