@@ -89,7 +89,7 @@ void look_at_sensor(phys_entry &entry);
 // Asks the platform for what the entity's states depend on and was not asked for within
 // the last ten seconds, with whatever result: the administrative and the enable state
 // where there are such; of a sensor a look at it; of a component a look at each sensor
-// that it holds and at each indicator that has a meaning.
+// that it holds.
 void look_at_states(phys_entry &entry);
 
 // The states by what the cache holds now; asks nobody.

@@ -178,8 +178,6 @@ typedef struct phys_entry {
     int32_t alarmCol1;
     int32_t alarmCol2;
     int32_t alarmCol3;
-    int32_t alarmMeaning; /* kavPlatEquipmentSeverity of what holds an indicator that is
-                             on; 0: its being on means nothing */
 
     /* kavPlatWatchdogTable. The third word is served both as a text and as an
      * integer; that is meant. */

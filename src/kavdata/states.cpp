@@ -28,8 +28,7 @@ bool is_indicator(const phys_entry &entry)
 // plate.
 bool is_instrument(const phys_entry &entry)
 {
-    return is_sensor(entry) ? entry.capiComponentType != CAPI_TYPE_SLOT_IDENTITY
-                            : is_indicator(entry) && entry.alarmMeaning != 0;
+    return is_sensor(entry) && entry.capiComponentType != CAPI_TYPE_SLOT_IDENTITY;
 }
 
 // Calls f with each of the instruments of a component; other entities have none.
@@ -44,17 +43,6 @@ void for_each_instrument(const phys_entry &component, F &&f)
             f(*held);
         }
     }
-}
-
-// One that can not be read is taken as it was.
-void look_at_indicator(phys_entry &indicator, uint32_t now)
-{
-    const bool had_failed = indicator.look.outcome == LOOK_FAILED;
-    const call_answer answer = ask_indicator(indicator.entPhysicalName);
-    if (answer.status != 0 && !had_failed) {
-        log_failed_indicator(indicator.entPhysicalName);
-    }
-    apply_indicator(indicator, answer, now);
 }
 
 // ---- What a sensor says ----
@@ -120,8 +108,7 @@ bool deviates(const phys_entry &sensor)
 
 bool says_failed(const phys_entry &instrument)
 {
-    return instrument.capiComponentType == CAPI_TYPE_FAULT_SENSOR && is_sensor(instrument) &&
-           deviates(instrument);
+    return instrument.capiComponentType == CAPI_TYPE_FAULT_SENSOR && deviates(instrument);
 }
 
 uint32_t alarms_of_sensor(const phys_entry &sensor)
@@ -156,25 +143,14 @@ uint32_t alarms_of_sensor(const phys_entry &sensor)
     }
 }
 
-bool is_on(const phys_entry &indicator)
-{
-    return indicator.alarmCol2 == kavPlatAlarmState::steady ||
-           indicator.alarmCol2 == kavPlatAlarmState::alternating;
-}
-
 uint32_t alarms_of(const phys_entry &entry)
 {
     if (is_sensor(entry)) {
         return alarms_of_sensor(entry);
     }
     uint32_t raised = 0;
-    for_each_instrument(entry, [&raised](const phys_entry &instrument) {
-        if (is_sensor(instrument)) {
-            raised |= alarms_of_sensor(instrument);
-        } else if (is_on(instrument)) {
-            raised |= bit_of_severity(instrument.alarmMeaning);
-        }
-    });
+    for_each_instrument(
+        entry, [&raised](const phys_entry &instrument) { raised |= alarms_of_sensor(instrument); });
     // That one of its sensors does not read is an alarm of that sensor's row.
     return raised & ~bit(entStateAlarm::unknown);
 }
@@ -257,7 +233,7 @@ int32_t standby_of(const phys_entry &entry, int32_t oper)
     bool turns = false;
     bool is_absent = false;
     for_each_instrument(entry, [&](const phys_entry &instrument) {
-        if (!is_sensor(instrument) || reading_of(instrument) != reading::given) {
+        if (reading_of(instrument) != reading::given) {
             return;
         }
         if (instrument.sensorKind == SENSOR_KIND_NUMERIC &&
@@ -293,13 +269,7 @@ void look_at_states(phys_entry &entry)
             entry.lastReadTime = last_read;
         }
     }
-    for_each_instrument(entry, [now](phys_entry &instrument) {
-        if (is_sensor(instrument)) {
-            look_at_sensor(instrument);
-        } else if (!is_current(instrument.look.time, now)) {
-            look_at_indicator(instrument, now);
-        }
-    });
+    for_each_instrument(entry, look_at_sensor);
 }
 
 entity_states states_of(const phys_entry &entry)

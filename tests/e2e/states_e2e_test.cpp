@@ -151,18 +151,6 @@ class described_server
         return type == "fault-sensor" ? major : type == "predictive-sensor" ? warning : 0U;
     }
 
-    static unsigned raised_by_indicator(const json &component)
-    {
-        const json &indicator = component.at("indicator");
-        const json &state = indicator.at("state");
-        const json is_on = {"on", "slow-blink", "fast-blink", "standby-blink", 2, 3, 4, 5};
-        if (std::find(is_on.begin(), is_on.end(), state) == is_on.end()) {
-            return 0;
-        }
-        const string means = indicator.value("means", "");
-        return means == "critical" ? critical : means == "warning" ? warning : 0U;
-    }
-
     static int64_t admin_of(const json &component)
     {
         enum { locked = 2, shutting_down = 3, unlocked = 4 };
@@ -261,9 +249,7 @@ class described_server
         s.standby = standby_of(name, s.oper);
         for (const string &held : held_by(name)) {
             const json &c = this->component(held);
-            s.alarm |= c.contains("sensor")      ? raised_by_sensor(c) & ~unsigned{alarm_unknown}
-                       : c.contains("indicator") ? raised_by_indicator(c)
-                                                 : 0U;
+            s.alarm |= c.contains("sensor") ? raised_by_sensor(c) & ~unsigned{alarm_unknown} : 0U;
         }
         return s;
     }
