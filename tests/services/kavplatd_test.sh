@@ -56,7 +56,7 @@ start_master
 "$build_dir/tools/kavplatd/kavplatd" -x "$scratch/master" >"$scratch/kavplatd.log" 2>&1 &
 kavplatd=$!
 
-# Everything but what counts the time since the agent began.
+# Everything but what tells when the agent began: times, and when states last changed.
 subtrees=(1.3.6.1.2.1.47 1.3.6.1.2.1.99 1.3.6.1.4.1.58213.2.70.101.1.1)
 [[ $(grep -c '^dlmod entityStateMIB' "$source_dir/examples/snmpd.conf.in") -eq 0 ]] ||
     subtrees+=(1.3.6.1.2.1.131)
@@ -64,7 +64,7 @@ walk() { # PORT
     local subtree
     for subtree in "${subtrees[@]}"; do
         snmpbulkwalk -v2c -c public -t 5 -r 1 -Onx "127.0.0.1:$1" "$subtree" 2>/dev/null || return 1
-    done | grep -v -e ' = Timeticks: ' -e '^\.1\.3\.6\.1\.4\.1\.58213\.2\.70\.101\.1\.1\.1\.1\.0 '
+    done | grep -v -e ' = Timeticks: ' -e '^\.1\.3\.6\.1\.2\.1\.131\.1\.1\.1\.1\.' -e '^\.1\.3\.6\.1\.4\.1\.58213\.2\.70\.101\.1\.1\.1\.1\.0 '
 }
 rows() { # PORT: how many names there are
     snmpbulkwalk -v2c -c public -t 1 -r 0 -Cr50 -On "127.0.0.1:$1" 1.3.6.1.2.1.47.1.1.1.1.7 2>/dev/null |
