@@ -19,30 +19,30 @@ namespace
 {
 
 /* Nothing here has a destructor: threads may run until the process is gone. */
-machine *process_machine = nullptr;
+machine *process_machine GUARDED_BY(pointers_mutex) = nullptr;
 /* What a child left behind, still reachable so that no leak is reported. */
 struct abandoned {
     machine *left;
     abandoned *next;
 };
-abandoned *graveyard = nullptr;
+abandoned *graveyard GUARDED_BY(pointers_mutex) = nullptr;
 /* A relative path means the directory that the process was loaded in; a daemon
  * goes to "/" before it asks for anything. Empty: not needed or not known. */
 char start_directory[PATH_MAX];
 
-void before_fork()
+void before_fork() ACQUIRE(log_mutex, pointers_mutex)
 {
     stop_work_before_fork();
     hold_for_fork();
 }
 
-void after_fork_in_parent()
+void after_fork_in_parent() RELEASE(log_mutex, pointers_mutex)
 {
     release_after_fork();
     resume_work_in_parent();
 }
 
-void after_fork_in_child()
+void after_fork_in_child() RELEASE(log_mutex, pointers_mutex)
 {
     forget_work_in_child();
     if (process_machine != nullptr) {
@@ -108,7 +108,7 @@ machine::machine(std::string description_path)
 machine &the_machine()
 {
     {
-        const std::lock_guard lock(pointers_mutex);
+        const scoped_lock lock(pointers_mutex);
         if (process_machine != nullptr) {
             return *process_machine;
         }
@@ -116,7 +116,7 @@ machine &the_machine()
     auto made = std::make_unique<machine>(description_path());
     machine &kept = *made;
     {
-        const std::lock_guard lock(pointers_mutex);
+        const scoped_lock lock(pointers_mutex);
         if (process_machine != nullptr) {
             return *process_machine;
         }
@@ -136,7 +136,7 @@ void described_platform_stop()
     using namespace described_platform;
     machine *stopped = nullptr;
     {
-        const std::lock_guard lock(pointers_mutex);
+        const scoped_lock lock(pointers_mutex);
         std::swap(stopped, process_machine);
     }
     delete stopped;

@@ -3,8 +3,8 @@
 namespace described_platform
 {
 
-constinit std::mutex log_mutex;
-constinit std::mutex pointers_mutex;
+constinit mutex log_mutex;
+constinit mutex pointers_mutex;
 
 void hold_for_fork()
 {

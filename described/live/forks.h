@@ -5,21 +5,21 @@
 #ifndef KAVPLAT_DESCRIBED_FORKS_H
 #define KAVPLAT_DESCRIBED_FORKS_H
 
-#include <mutex>
+#include "described/live/mutex.h"
 
 namespace described_platform
 {
 
 /* Held while a line is written, for the sake of the locks that net-snmp and libc
  * take then: that of syslog does not survive a fork. */
-extern std::mutex log_mutex;
+extern mutex log_mutex;
 
 /* Guards what outlives a fork, a few pointers. Held for no longer than it takes to
  * copy one. */
-extern std::mutex pointers_mutex;
+extern mutex pointers_mutex;
 
-void hold_for_fork();
-void release_after_fork();
+void hold_for_fork() ACQUIRE(log_mutex, pointers_mutex);
+void release_after_fork() RELEASE(log_mutex, pointers_mutex);
 
 } // namespace described_platform
 

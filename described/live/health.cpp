@@ -59,7 +59,7 @@ void value_health::note(const std::string &component, const std::string &key,
     }
     const std::string &file = reading.value->file;
     const std::string place = component + ": " + key + ": " + file + ": ";
-    const std::lock_guard lock(mutex_);
+    const scoped_lock lock(mutex_);
     const auto known = bad_.find({component, key});
     const bool was_bad = known != bad_.end() && known->second.file == file;
     if (reading.fault.kind == fault_kind::none) {
@@ -82,7 +82,7 @@ void value_health::note(const std::string &component, const std::string &key,
 
 void value_health::forget_all_but(const description &all)
 {
-    const std::lock_guard lock(mutex_);
+    const scoped_lock lock(mutex_);
     std::erase_if(bad_, [&](const auto &each) {
         return find_component(all, each.first.first) == nullptr ||
                !std::ranges::binary_search(all.bound_files, each.second.file);

@@ -6,6 +6,7 @@
 #define KAVPLAT_DESCRIBED_HEALTH_H
 
 #include "described/live/live_values.h"
+#include "described/live/mutex.h"
 
 #include <map>
 
@@ -30,8 +31,9 @@ class value_health
         std::string file;
         live_fault fault;
     };
-    std::mutex mutex_;
-    std::map<std::pair<std::string, std::string>, bad_value> bad_; /* by component and key */
+    mutex mutex_;
+    std::map<std::pair<std::string, std::string>, bad_value>
+        bad_ GUARDED_BY(mutex_); /* by component and key */
 };
 
 } // namespace described_platform

@@ -185,12 +185,14 @@ live_values::live_values(std::chrono::milliseconds bound)
 
 live_values::~live_values()
 {
+    std::vector<std::thread> workers;
     {
-        const std::lock_guard lock(mutex_);
+        const scoped_lock lock(mutex_);
         stop_ = true;
+        workers.swap(workers_);
     }
     work_there_.notify_all();
-    for (std::thread &each : workers_) {
+    for (std::thread &each : workers) {
         each.join();
     }
 }
@@ -229,7 +231,7 @@ void live_values::forget_seen_word(file_state &file)
 
 void live_values::add_worker()
 {
-    if (workers_.size() >= most_workers) {
+    if (stop_ || workers_.size() >= most_workers) {
         return;
     }
     try {
@@ -278,14 +280,14 @@ live_values::file_pointer live_values::next_file()
 
 void live_values::work()
 {
-    std::unique_lock lock(mutex_);
+    scoped_lock lock(mutex_);
     while (!stop_) {
         const file_pointer file = next_file();
         if (file == nullptr) {
             ++idle_;
             {
                 const at_rest rest;
-                work_there_.wait(lock);
+                work_there_.wait(mutex_);
                 lock.unlock();
             }
             lock.lock();
@@ -359,23 +361,25 @@ void live_values::read(std::span<live_reading> readings)
         uint64_t number;
     };
     std::vector<waiting> pending;
-    std::unique_lock lock(mutex_, std::defer_lock);
-    clock::time_point begin;
-    clock::duration wait{0};
+    const auto is_bound = [](const live_reading &each) {
+        return each.value != nullptr && !each.value->file.empty();
+    };
     for (live_reading &each : readings) {
-        each.result.reset();
         each.fault = {};
-        if (each.value == nullptr) {
-            continue;
-        }
-        if (each.value->file.empty()) {
+        each.result.reset();
+        if (each.value != nullptr && each.value->file.empty()) {
             each.result = each.value->constant;
-            continue;
         }
-        if (!lock.owns_lock()) {
-            lock.lock();
-            begin = clock::now();
-            wait = affordable_wait(begin);
+    }
+    if (std::ranges::none_of(readings, is_bound)) {
+        return;
+    }
+    const scoped_lock lock(mutex_);
+    const clock::time_point begin = clock::now();
+    const clock::duration wait = affordable_wait(begin);
+    for (live_reading &each : readings) {
+        if (!is_bound(each)) {
+            continue;
         }
         const file_pointer file = state_of(each.value->file);
         /* A file that was never read well and that nobody can afford to wait
@@ -402,13 +406,12 @@ void live_values::read(std::span<live_reading> readings)
         return;
     }
     const auto deadline = begin + std::max<clock::duration>(wait, shortest_wait);
-    read_done_.wait_until(lock, deadline, [&] {
-        return std::ranges::all_of(pending,
-                                   [](const waiting &w) { return w.file->done >= w.number; });
-    });
+    const auto is_read = [](const waiting &w) { return w.file->done >= w.number; };
+    while (!std::ranges::all_of(pending, is_read) && read_done_.wait_until(mutex_, deadline)) {
+    }
     bool in_vain = false;
     for (const waiting &each : pending) {
-        if (each.file->done < each.number) {
+        if (!is_read(each)) {
             each.file->slow = true;
             forget_seen_word(*each.file);
             if (wait == bound_) {
@@ -425,7 +428,7 @@ void live_values::read(std::span<live_reading> readings)
 
 void live_values::set_files(const std::vector<std::string> &files)
 {
-    const std::lock_guard lock(mutex_);
+    const scoped_lock lock(mutex_);
     std::unordered_map<std::string, file_pointer> kept;
     for (const std::string &path : files) {
         const auto known = files_.find(path);
@@ -445,13 +448,13 @@ void live_values::set_files(const std::vector<std::string> &files)
 
 size_t live_values::remembered_files()
 {
-    const std::lock_guard lock(mutex_);
+    const scoped_lock lock(mutex_);
     return files_.size();
 }
 
 size_t live_values::worker_count()
 {
-    const std::lock_guard lock(mutex_);
+    const scoped_lock lock(mutex_);
     return workers_.size();
 }
 

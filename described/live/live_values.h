@@ -14,12 +14,11 @@
 #define KAVPLAT_DESCRIBED_LIVE_VALUES_H
 
 #include "described/format/description.h"
+#include "described/live/mutex.h"
 #include "described/live/pattern.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <span>
 #include <thread>
 
@@ -107,28 +106,28 @@ class live_values
     };
     using file_pointer = std::shared_ptr<file_state>;
 
-    file_pointer state_of(const std::string &path);
+    file_pointer state_of(const std::string &path) REQUIRES(mutex_);
     static void serve(file_state &file, live_reading &reading, clock::time_point now);
     static void forget_seen_word(file_state &file);
-    void enqueue(const file_pointer &file, bool background);
-    void add_worker();
+    void enqueue(const file_pointer &file, bool background) REQUIRES(mutex_);
+    void add_worker() REQUIRES(mutex_);
     void work();
-    file_pointer next_file();
-    clock::duration affordable_wait(clock::time_point now);
+    file_pointer next_file() REQUIRES(mutex_);
+    clock::duration affordable_wait(clock::time_point now) REQUIRES(mutex_);
 
     const std::chrono::milliseconds bound_;
-    std::mutex mutex_;
-    std::condition_variable work_there_;
-    std::condition_variable read_done_;
-    std::unordered_map<std::string, file_pointer> files_;
-    std::deque<file_pointer> foreground_;
-    std::deque<file_pointer> background_;
-    std::vector<std::thread> workers_;
-    size_t idle_ = 0;
-    size_t in_background_ = 0;
-    clock::duration credit_; /* how long callers may still wait in vain */
-    clock::time_point credit_time_;
-    bool stop_ = false;
+    mutex mutex_; /* guards every file_state too */
+    condition work_there_;
+    condition read_done_;
+    std::unordered_map<std::string, file_pointer> files_ GUARDED_BY(mutex_);
+    std::deque<file_pointer> foreground_ GUARDED_BY(mutex_);
+    std::deque<file_pointer> background_ GUARDED_BY(mutex_);
+    std::vector<std::thread> workers_ GUARDED_BY(mutex_);
+    size_t idle_ GUARDED_BY(mutex_) = 0;
+    size_t in_background_ GUARDED_BY(mutex_) = 0;
+    clock::duration credit_ GUARDED_BY(mutex_); /* how long callers may still wait in vain */
+    clock::time_point credit_time_ GUARDED_BY(mutex_);
+    bool stop_ GUARDED_BY(mutex_) = false;
 };
 
 } // namespace described_platform

@@ -11,13 +11,13 @@ namespace described_platform
 
 void log_error(const std::string &line)
 {
-    const std::lock_guard lock(log_mutex);
+    const scoped_lock lock(log_mutex);
     snmp_log(LOG_ERR, "%s\n", line.c_str());
 }
 
 void log_info(const std::string &line)
 {
-    const std::lock_guard lock(log_mutex);
+    const scoped_lock lock(log_mutex);
     snmp_log(LOG_INFO, "%s\n", line.c_str());
 }
 

@@ -1,8 +1,8 @@
 #include "described/live/threads.h"
 
+#include "described/live/mutex.h"
+
 #include <csignal>
-#include <ctime>
-#include <pthread.h>
 
 namespace described_platform
 {
@@ -12,13 +12,11 @@ std::chrono::milliseconds longest_wait_before_fork{5000};
 namespace
 {
 
-/* Not of the C++ library: a child makes the condition anew in its place. */
-pthread_mutex_t work_mutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t work_changed = PTHREAD_COND_INITIALIZER;
-/* Guarded by work_mutex. */
-unsigned working = 0;
-bool forking = false;
-bool waited_in_vain = false;
+mutex work_mutex;
+condition work_changed;
+unsigned working GUARDED_BY(work_mutex) = 0;
+bool forking GUARDED_BY(work_mutex) = false;
+bool waited_in_vain GUARDED_BY(work_mutex) = false;
 
 thread_local bool counted = false;
 
@@ -26,55 +24,49 @@ enum class while_forking { wait, go_on };
 
 void begin_work(while_forking how)
 {
-    pthread_mutex_lock(&work_mutex);
+    const scoped_lock lock(work_mutex);
     while (forking && how == while_forking::wait) {
-        pthread_cond_wait(&work_changed, &work_mutex);
+        work_changed.wait(work_mutex);
     }
     ++working;
-    pthread_mutex_unlock(&work_mutex);
 }
 
 void end_work()
 {
-    pthread_mutex_lock(&work_mutex);
+    const scoped_lock lock(work_mutex);
     if (--working == 0) {
         waited_in_vain = false;
-        pthread_cond_broadcast(&work_changed);
+        work_changed.notify_all();
     }
-    pthread_mutex_unlock(&work_mutex);
 }
 
 } // namespace
 
 /* The mutex is held until the fork is over. */
-void stop_work_before_fork()
+void stop_work_before_fork() ACQUIRE(work_mutex)
 {
-    pthread_mutex_lock(&work_mutex);
+    work_mutex.lock();
     forking = true;
-    const auto until = std::chrono::nanoseconds(
-        std::chrono::steady_clock::now().time_since_epoch() + longest_wait_before_fork);
-    const timespec until_spec{static_cast<time_t>(until.count() / 1000000000),
-                              static_cast<long>(until.count() % 1000000000)};
+    const auto until = std::chrono::steady_clock::now() + longest_wait_before_fork;
     /* A thread that forks does not wait for itself. */
     while (working > (counted ? 1U : 0U) && !waited_in_vain) {
-        waited_in_vain =
-            pthread_cond_clockwait(&work_changed, &work_mutex, CLOCK_MONOTONIC, &until_spec) != 0;
+        waited_in_vain = !work_changed.wait_until(work_mutex, until);
     }
 }
 
-void resume_work_in_parent()
+void resume_work_in_parent() RELEASE(work_mutex)
 {
     forking = false;
-    pthread_cond_broadcast(&work_changed);
-    pthread_mutex_unlock(&work_mutex);
+    work_changed.notify_all();
+    work_mutex.unlock();
 }
 
-void forget_work_in_child()
+void forget_work_in_child() RELEASE(work_mutex)
 {
-    work_changed = PTHREAD_COND_INITIALIZER; /* who waited for it is not in this process */
+    work_changed.renew();
     working = counted ? 1 : 0;
     forking = waited_in_vain = false;
-    pthread_mutex_unlock(&work_mutex); /* this thread has held it since before the fork */
+    work_mutex.unlock(); /* this thread has held it since before the fork */
 }
 
 at_rest::at_rest()

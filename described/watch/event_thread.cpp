@@ -27,7 +27,7 @@ event_thread::event_thread(source &watched) : source_(watched) {}
 event_thread::~event_thread()
 {
     {
-        const std::lock_guard lock(mutex_);
+        const scoped_lock lock(mutex_);
         stop_ = true;
     }
     wake();
@@ -48,7 +48,6 @@ void event_thread::close_descriptors_in_child() noexcept
     }
 }
 
-/* With the lock held. */
 bool event_thread::start()
 {
     if (thread_.joinable()) {
@@ -84,15 +83,21 @@ void event_thread::let_pass(std::chrono::seconds time)
 
 bool event_thread::watching()
 {
-    const std::lock_guard lock(mutex_);
+    const scoped_lock lock(mutex_);
     return looked_;
 }
 
 int event_thread::get_handle(event_mgr_handle &handle, event_mgr_callback callback, void *context)
 {
-    std::unique_lock lock(mutex_);
-    if (!start() || !first_look_.wait_for(lock, longest_first_look, [this] { return looked_; })) {
+    const scoped_lock lock(mutex_);
+    const auto until = clock::now() + longest_first_look;
+    if (!start()) {
         return -1;
+    }
+    while (!looked_) {
+        if (!first_look_.wait_until(mutex_, until) && !looked_) {
+            return -1;
+        }
     }
     handle = audience_.open(callback, context, std::this_thread::get_id(), current_description());
     return 0;
@@ -100,14 +105,14 @@ int event_thread::get_handle(event_mgr_handle &handle, event_mgr_callback callba
 
 int event_thread::subscribe_class(event_mgr_handle handle, int)
 {
-    const std::lock_guard lock(mutex_);
+    const scoped_lock lock(mutex_);
     return audience_.subscribe_class(handle, now()) ? 0 : -1;
 }
 
 int event_thread::subscribe(event_mgr_handle handle, int event_class, int event)
 {
     {
-        const std::lock_guard lock(mutex_);
+        const scoped_lock lock(mutex_);
         if (!audience_.subscribe(handle, event_class, event, now())) {
             return -1;
         }
@@ -118,7 +123,7 @@ int event_thread::subscribe(event_mgr_handle handle, int event_class, int event)
 
 void event_thread::note_enumeration(const description_pointer &listed)
 {
-    const std::lock_guard lock(mutex_);
+    const scoped_lock lock(mutex_);
     const auto self = std::this_thread::get_id();
     if (self != id_) { /* a callback looks at what it was told; it builds nothing anew */
         audience_.note_enumeration(self, listed);
@@ -156,7 +161,7 @@ void event_thread::run()
         }
         uint64_t count = 0;
         [[maybe_unused]] const ssize_t unused = ::read(wake_, &count, sizeof count);
-        const std::lock_guard lock(mutex_);
+        const scoped_lock lock(mutex_);
         if (stop_) {
             inotify_ = -1;
             return;
@@ -181,7 +186,7 @@ void event_thread::look_at_file(file_watch &watch)
         schedule_.was_read(*order, source_.read(*order), begin);
     }
     {
-        const std::lock_guard lock(mutex_);
+        const scoped_lock lock(mutex_);
         looked_ = true;
     }
     first_look_.notify_all();
@@ -205,7 +210,7 @@ void event_thread::note_directory(bool is_there)
 
 bool event_thread::may_tell(event_mgr_handle handle, int event_class, int event)
 {
-    const std::lock_guard lock(mutex_);
+    const scoped_lock lock(mutex_);
     return !stop_ && audience_.is_subscribed(handle, event_class, event);
 }
 
@@ -217,7 +222,7 @@ bool event_thread::deliver_next()
     const description_pointer in_force = current_description();
     std::optional<audience::message> message;
     {
-        const std::lock_guard lock(mutex_);
+        const scoped_lock lock(mutex_);
         const clock::time_point moment = now();
         if (!stop_) {
             message = audience_.take_message(in_force, moment);

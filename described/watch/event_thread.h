@@ -11,12 +11,11 @@
 #ifndef KAVPLAT_DESCRIBED_EVENT_THREAD_H
 #define KAVPLAT_DESCRIBED_EVENT_THREAD_H
 
+#include "described/live/mutex.h"
 #include "described/watch/audience.h"
 #include "described/watch/read_schedule.h"
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
 
 namespace described_platform
 {
@@ -53,7 +52,7 @@ class event_thread
   private:
     using clock = std::chrono::steady_clock;
 
-    bool start();
+    bool start() REQUIRES(mutex_);
     void wake() const;
     clock::time_point now() const { return clock::now() + passed_.load(); }
     int poll_timeout() const;
@@ -64,17 +63,17 @@ class event_thread
     bool may_tell(event_mgr_handle handle, int event_class, int event);
 
     source &source_;
-    std::mutex mutex_;
-    std::condition_variable first_look_;
-    std::thread thread_;
-    std::thread::id id_;
+    mutex mutex_;
+    condition first_look_;
+    std::thread thread_; /* begun with the lock held, and joined without */
+    std::thread::id id_ GUARDED_BY(mutex_);
     std::atomic<int> wake_ = -1;    /* both atomic for close_descriptors_in_child, */
     std::atomic<int> inotify_ = -1; /* which takes no lock */
     /* 32 bits: of more, some processors have no atomic. */
     std::atomic<std::chrono::duration<int32_t>> passed_{};
-    bool stop_ = false;
-    bool looked_ = false; /* at the file, for the first time */
-    audience audience_;
+    bool stop_ GUARDED_BY(mutex_) = false;
+    bool looked_ GUARDED_BY(mutex_) = false; /* at the file, for the first time */
+    audience audience_ GUARDED_BY(mutex_);
 
     /* Of the thread alone. */
     read_schedule schedule_;

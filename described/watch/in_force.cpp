@@ -8,19 +8,19 @@ namespace
 {
 
 /* Without a destructor: threads may run until the process is gone. */
-constinit description_pointer *in_force = nullptr;
+constinit description_pointer *in_force GUARDED_BY(pointers_mutex) = nullptr;
 
 } // namespace
 
 description_pointer current_description()
 {
-    const std::lock_guard lock(pointers_mutex);
+    const scoped_lock lock(pointers_mutex);
     return in_force == nullptr ? nullptr : *in_force;
 }
 
 void put_in_force(description_pointer next)
 {
-    const std::lock_guard lock(pointers_mutex);
+    const scoped_lock lock(pointers_mutex);
     if (in_force == nullptr) {
         in_force = new description_pointer;
     }

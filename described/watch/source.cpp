@@ -22,7 +22,7 @@ source::source(std::string path, live_values &values, value_health &health)
 
 bool source::read(const read_order &order)
 {
-    const std::lock_guard reading(mutex_);
+    const scoped_lock reading(mutex_);
     if (!order.even_if_unchanged && is_known(current_signature(path_))) {
         return true;
     }

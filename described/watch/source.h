@@ -4,6 +4,7 @@
 
 #include "described/format/loader.h"
 #include "described/live/health.h"
+#include "described/live/mutex.h"
 #include "described/watch/read_schedule.h"
 
 namespace described_platform
@@ -21,17 +22,17 @@ class source
     bool read(const read_order &order);
 
   private:
-    bool is_known(const file_signature &now) const;
-    void complain(const std::vector<load_error> &errors);
-    void take(std::unique_ptr<const description> loaded);
+    bool is_known(const file_signature &now) const REQUIRES(mutex_);
+    void complain(const std::vector<load_error> &errors) REQUIRES(mutex_);
+    void take(std::unique_ptr<const description> loaded) REQUIRES(mutex_);
 
     const std::string path_;
     live_values &values_;
     value_health &health_;
 
-    std::mutex mutex_; /* held while the file is read */
-    std::optional<file_signature> seen_;
-    std::string last_complaint_;
+    mutex mutex_; /* held while the file is read */
+    std::optional<file_signature> seen_ GUARDED_BY(mutex_);
+    std::string last_complaint_ GUARDED_BY(mutex_);
 };
 
 } // namespace described_platform

@@ -29,13 +29,13 @@ int32_t precision(const phys_entry &entry)
     return measure_of(entry).precision;
 }
 
-int32_t value(phys_entry &entry)
+int32_t value(phys_entry &entry) KAV_REQUIRES(cache_lock)
 {
     look_at_sensor(entry);
     return value_of(entry);
 }
 
-int32_t oper_status(phys_entry &entry)
+int32_t oper_status(phys_entry &entry) KAV_REQUIRES(cache_lock)
 {
     look_at_sensor(entry);
     return static_cast<int32_t>(status_of(entry));
@@ -46,7 +46,7 @@ const char *units_display(const phys_entry &entry)
     return measure_of(entry).display;
 }
 
-uint32_t time_stamp(phys_entry &entry)
+uint32_t time_stamp(phys_entry &entry) KAV_REQUIRES(cache_lock)
 {
     look_at_sensor(entry);
     return entry.look.time;

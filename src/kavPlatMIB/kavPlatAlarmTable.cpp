@@ -14,7 +14,7 @@ bool is_indicator(const phys_entry &entry)
 }
 
 // An indicator that can not be read is served as it was.
-int32_t indicator_state(phys_entry &entry)
+int32_t indicator_state(phys_entry &entry) KAV_REQUIRES(cache_lock)
 {
     snmp_read_led(&entry);
     return entry.alarmCol2;

@@ -99,7 +99,7 @@ int32_t binary_severity(const phys_entry &entry)
     return severities::cleared;
 }
 
-int32_t compute_severity(phys_entry &entry)
+int32_t compute_severity(phys_entry &entry) KAV_REQUIRES(cache_lock)
 {
     if (entry.entPhysicalClass != PHYSICAL_CLASS_SENSOR ||
         entry.sensorCol2 == kavPlatSensorType::unknown || snmp_read_sensor(&entry) != 0) {
@@ -117,7 +117,7 @@ int32_t compute_severity(phys_entry &entry)
     }
 }
 
-int32_t severity(phys_entry &entry)
+int32_t severity(phys_entry &entry) KAV_REQUIRES(cache_lock)
 {
     entry.equipmentCol3 = compute_severity(entry);
     return entry.equipmentCol3;

@@ -22,7 +22,7 @@ enum class failed_read { any_but_0, minus_1 };
 // Reads the sensor anew. One that can not be read is served as it was, whatever
 // the message says.
 template <failed_read Failed>
-void read_sensor_first(const table &t, phys_entry &entry)
+void read_sensor_first(const table &t, phys_entry &entry) KAV_REQUIRES(cache_lock)
 {
     const int status = snmp_read_sensor(&entry);
     if (Failed == failed_read::minus_1 ? status == -1 : status != 0) {

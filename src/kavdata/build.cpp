@@ -25,7 +25,7 @@ constexpr int inventory_poll_seconds = 3;
 constexpr size_t name_buffer_size = 256;
 
 // Nobody may wait for the cache lock as long as a platform takes to come up.
-void wait_for_inventory()
+void wait_for_inventory() KAV_NOT_ANALYSED
 {
     const bool held = this_thread_holds_cache_lock();
     if (held) {
@@ -228,6 +228,7 @@ void init_local_cache(void)
 {
     using namespace kavplat;
 
+    assume_cache_lock();
     snmp_log(LOG_INFO, "%s:local cache initializing\n", "init_local_cache");
     const bool was_built = cache_is_built();
     while (!make_root_nacname(INT_MAX)) {

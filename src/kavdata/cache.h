@@ -5,10 +5,33 @@
 #define KAVPLAT_KAVDATA_CACHE_H
 
 #include "kavdata/kavdata.h"
+#include "kavdata/mutex.h"
 
 #include <atomic>
 #include <chrono>
 #include <optional>
+
+namespace kavplat
+{
+
+// What fru_mutex is called where the use of locks is checked; there is no such object.
+struct KAV_CAPABILITY cache_lock_name {
+};
+extern cache_lock_name cache_lock;
+
+} // namespace kavplat
+
+// NOLINTBEGIN(readability-redundant-declaration): the headers for C say no such words
+int monitor_fru_lock(void) KAV_ACQUIRE_IF_ZERO(kavplat::cache_lock);
+int monitor_fru_unlock(void) KAV_RELEASE(kavplat::cache_lock);
+uint32_t kav_plat_mib_find_by_nac(const char *nac) KAV_EXCLUDES(kavplat::cache_lock);
+int free_local_cache(void) KAV_EXCLUDES(kavplat::cache_lock);
+void set_fru_absent(const char *nac) KAV_REQUIRES(kavplat::cache_lock);
+void set_fru_prsnt(const char *nac) KAV_REQUIRES(kavplat::cache_lock);
+void partial_reconfigure(const char *nac) KAV_REQUIRES(kavplat::cache_lock);
+int snmp_read_sensor(phys_entry *entry) KAV_REQUIRES(kavplat::cache_lock);
+int snmp_read_led(phys_entry *entry) KAV_REQUIRES(kavplat::cache_lock);
+// NOLINTEND(readability-redundant-declaration)
 
 namespace kavplat
 {
@@ -65,7 +88,7 @@ void begin_agent_pass();
 
 // On the agent's thread, with the cache lock held: at the end of a handler call,
 // when no row is outstanding.
-void end_agent_pass();
+void end_agent_pass() KAV_REQUIRES(cache_lock);
 
 // ---- Indexes that outlive the agent ----
 
@@ -78,7 +101,7 @@ void save_indexes();
 // Asks the platform for a sensor's reading, and for its enable state if it has one,
 // unless each was asked for within the last ten seconds, with whatever result:
 // entry.look is current afterwards. Lock held.
-void look_at_sensor(phys_entry &entry);
+void look_at_sensor(phys_entry &entry) KAV_REQUIRES(cache_lock);
 
 // ---- States (ENTITY-STATE-MIB) ----
 //
@@ -130,6 +153,13 @@ bool has_failed(const char *function, polled_call call, phys_entry &entry, int s
 // reconnect must not touch a lock that another thread holds. Returns the result
 // of that one initialisation.
 int prepare_cache_lock();
+
+// monitor_fru_lock where a failure, which a plain mutex has none of, changes nothing.
+void take_cache_lock() KAV_ACQUIRE(cache_lock);
+
+// Says that the lock is held where that cannot be seen, or not needed since nobody else
+// can change the cache: in the first build and in the child of a fork. Does nothing.
+inline void assume_cache_lock() KAV_ASSUME_HELD(cache_lock) {}
 
 // ---- The modules ----
 

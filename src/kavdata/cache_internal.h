@@ -6,6 +6,12 @@
 
 #include <span>
 
+// NOLINTBEGIN(readability-redundant-declaration): the headers for C say no such words
+extern uint32_t localCacheSize KAV_GUARDED_BY(kavplat::cache_lock);
+extern uint8_t cache_valid KAV_GUARDED_BY(kavplat::cache_lock);
+void free_local_cache_entry(uint32_t index) KAV_REQUIRES(kavplat::cache_lock);
+// NOLINTEND(readability-redundant-declaration)
+
 namespace kavplat
 {
 
@@ -18,22 +24,22 @@ struct slot_array {
 };
 
 // Puts a row that is not served yet into its slot; raising the maximum serves it.
-void store_slot(uint32_t index, phys_entry *entry);
-void publish_max_index(uint32_t index);
+void store_slot(uint32_t index, phys_entry *entry) KAV_REQUIRES(cache_lock);
+void publish_max_index(uint32_t index) KAV_REQUIRES(cache_lock);
 
 // Raises the maximum to an index; a row with a lower one is served already.
 void publish_index(uint32_t index);
 
 // Whether there is a cache that an event can change; if not, it builds one anew.
-bool cache_is_built();
+bool cache_is_built() KAV_REQUIRES(cache_lock);
 
 // Replaces the slots by room for `size` entries, the old rows kept: the new array
 // is complete before it is seen. False when there is no memory; nothing changed.
-bool replace_slots(uint32_t size);
+bool replace_slots(uint32_t size) KAV_REQUIRES(cache_lock);
 
 // Takes the whole cache out of service, its rows and name index included, and
 // leaves it empty and unbuilt; cache_valid is the caller's.
-void drop_cache();
+void drop_cache() KAV_REQUIRES(cache_lock);
 
 // ---- Names (each takes the leaf lock that guards htab; nothing else is taken
 // under it) ----
@@ -85,8 +91,8 @@ class unlocked_read
 };
 
 // With the cache lock held: gives back, now or later, what is no longer reachable.
-void retire(phys_entry *row);
-void retire(slot_array *array);
+void retire(phys_entry *row) KAV_REQUIRES(cache_lock);
+void retire(slot_array *array) KAV_REQUIRES(cache_lock);
 
 // ---- The cache lock ----
 
@@ -98,6 +104,7 @@ bool this_thread_holds_cache_lock();
 
 void renew_cache_lock();
 void renew_names_lock();
+void forget_names();
 void forget_slots();
 void forget_indexes();
 void forget_retired(); // what waits is left to the process
@@ -152,7 +159,7 @@ void let_fork_by();
 // the slot stays empty.
 enum class row_origin { first_build, event };
 bool append_row(const char *caller, uint32_t index, const capi_inventory_record &record,
-                row_origin origin);
+                row_origin origin) KAV_REQUIRES(cache_lock);
 
 // Puts a complete row among what its container holds, takes it out again.
 void link_into_container(phys_entry *entry);

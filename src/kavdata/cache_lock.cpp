@@ -27,6 +27,11 @@ int prepare_cache_lock()
     return prepare_result;
 }
 
+void take_cache_lock() KAV_NOT_ANALYSED
+{
+    monitor_fru_lock();
+}
+
 bool this_thread_holds_cache_lock()
 {
     return holds_cache_lock;
@@ -49,7 +54,7 @@ int monitor_fru_lock(void)
     return result;
 }
 
-int monitor_fru_unlock(void)
+int monitor_fru_unlock(void) KAV_NOT_ANALYSED
 {
     kavplat::holds_cache_lock = false;
     return pthread_mutex_unlock(&fru_mutex);

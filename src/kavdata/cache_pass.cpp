@@ -19,11 +19,10 @@ std::atomic<bool> agent_pass{false};
 std::atomic<unsigned> period{0};
 std::atomic<uint32_t> unlocked_reads[2];
 
-// Guarded by fru_mutex.
 struct {
     phys_entry *rows;
     slot_array *arrays;
-} retired[2];
+} retired[2] KAV_GUARDED_BY(cache_lock);
 
 void free_row(phys_entry *row)
 {
@@ -43,7 +42,7 @@ void free_row(phys_entry *row)
     free(row);
 }
 
-void free_retired_in(unsigned when)
+void free_retired_in(unsigned when) KAV_REQUIRES(cache_lock)
 {
     while (phys_entry *row = retired[when].rows) {
         retired[when].rows = row->next_retired;
@@ -57,7 +56,7 @@ void free_retired_in(unsigned when)
 
 // A period ends when the reads of the one before it did. Two in turn, so that with
 // nobody reading all goes at once.
-void free_retired()
+void free_retired() KAV_REQUIRES(cache_lock)
 {
     if (agent_pass.load(std::memory_order_seq_cst)) {
         return;
@@ -109,6 +108,7 @@ void retire(slot_array *array)
 
 void forget_retired()
 {
+    assume_cache_lock();
     agent_pass = false;
     for (unsigned i = 0; i < 2; i++) {
         unlocked_reads[i] = 0;

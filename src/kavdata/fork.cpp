@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <ctime>
 
 namespace kavplat
 {
@@ -13,12 +12,11 @@ std::chrono::milliseconds longest_wait_before_fork{5000};
 namespace
 {
 
-pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t changed = PTHREAD_COND_INITIALIZER;
-// Guarded by the mutex.
-unsigned threads_at_work = 0;
-bool forking = false;
-bool waited_in_vain = false;
+mutex work_mutex;
+condition changed;
+unsigned threads_at_work KAV_GUARDED_BY(work_mutex) = 0;
+bool forking KAV_GUARDED_BY(work_mutex) = false;
+bool waited_in_vain KAV_GUARDED_BY(work_mutex) = false;
 
 thread_local unsigned depth = 0;
 
@@ -26,58 +24,52 @@ std::atomic<bool> left_behind{false};
 
 void begin_work()
 {
-    pthread_mutex_lock(&mutex);
+    const lock_guard lock(work_mutex);
     while (forking) {
-        pthread_cond_wait(&changed, &mutex);
+        changed.wait(work_mutex);
     }
     threads_at_work++;
-    pthread_mutex_unlock(&mutex);
 }
 
 void end_work()
 {
-    pthread_mutex_lock(&mutex);
+    const lock_guard lock(work_mutex);
     if (--threads_at_work == 0) {
         waited_in_vain = false;
-        pthread_cond_broadcast(&changed);
+        changed.notify_all();
     }
-    pthread_mutex_unlock(&mutex);
 }
 
 // Keeps the mutex until the fork is over.
-void before_fork()
+void before_fork() KAV_ACQUIRE(work_mutex)
 {
-    pthread_mutex_lock(&mutex);
+    work_mutex.lock();
     // A platform may fork inside a call of ours: who waits for that must not be
     // waited for.
     if (depth != 0 || this_thread_holds_cache_lock()) {
         return;
     }
     forking = true;
-    const auto until = std::chrono::nanoseconds(
-        std::chrono::steady_clock::now().time_since_epoch() + longest_wait_before_fork);
-    constexpr long nanoseconds = 1000000000;
-    const timespec deadline = {static_cast<time_t>(until.count() / nanoseconds),
-                               static_cast<long>(until.count() % nanoseconds)};
+    const auto until = std::chrono::steady_clock::now() + longest_wait_before_fork;
     while (threads_at_work != 0 && !waited_in_vain) {
-        waited_in_vain = pthread_cond_clockwait(&changed, &mutex, CLOCK_MONOTONIC, &deadline) != 0;
+        waited_in_vain = !changed.wait_until(work_mutex, until);
     }
 }
 
-void after_fork_in_parent()
+void after_fork_in_parent() KAV_RELEASE(work_mutex)
 {
     forking = false;
-    pthread_cond_broadcast(&changed);
-    pthread_mutex_unlock(&mutex);
+    changed.notify_all();
+    work_mutex.unlock();
 }
 
-void after_fork_in_child()
+void after_fork_in_child() KAV_RELEASE(work_mutex)
 {
-    changed = PTHREAD_COND_INITIALIZER; // who waited for it is not in this process
+    changed.renew();
     threads_at_work = depth != 0 ? 1 : 0;
     forking = false;
     waited_in_vain = false;
-    pthread_mutex_unlock(&mutex); // this thread has held it since before the fork
+    work_mutex.unlock(); // this thread has held it since before the fork
     renew_cache_lock();
     renew_names_lock();
     left_behind = true;
@@ -148,6 +140,7 @@ void forget_cache_after_fork()
 {
     left_behind = false;
     forget_slots();
+    forget_names();
     forget_indexes();
     forget_retired();
 }

@@ -30,7 +30,7 @@ void stamp_change()
 
 // Makes room for `added` more rows. Without memory the whole cache is dropped
 // rather than part of it kept, and the next event builds it anew.
-bool grow(const char *caller, uint32_t added)
+bool grow(const char *caller, uint32_t added) KAV_REQUIRES(cache_lock)
 {
     if (uint64_t{highest_given()} + added <= localCacheSize) {
         return true;
@@ -56,7 +56,7 @@ bool grow(const char *caller, uint32_t added)
 
 // Nobody looks whether the component already has a row: a repeated insert gives
 // it another. Meant.
-void append(const char *caller, const capi_inventory_record &record)
+void append(const char *caller, const capi_inventory_record &record) KAV_REQUIRES(cache_lock)
 {
     KAV_TRACE_AS(caller, KAVPLAT_ROOM, "kavdata::cache", "%s:new cache entry %s\n", caller,
                  record_name(record));
@@ -96,7 +96,7 @@ void free_local_cache_entry(uint32_t index)
 
 int free_local_cache(void)
 {
-    monitor_fru_lock();
+    kavplat::take_cache_lock();
     for (uint32_t i = 1; i <= maxPhysicalIndex; i++) {
         free_local_cache_entry(i);
     }

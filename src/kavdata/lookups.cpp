@@ -107,7 +107,7 @@ uint32_t kav_plat_mib_find_by_nac(const char *nac)
         kavplat::log_failure("kav_plat_mib_find_by_nac", "nac NULL");
         return 0;
     }
-    monitor_fru_lock();
+    kavplat::take_cache_lock();
     const uint32_t index = hash_nac(nac);
     monitor_fru_unlock();
     return index;

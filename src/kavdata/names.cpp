@@ -4,9 +4,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
-
-struct hashtable *htab = nullptr;
 
 namespace kavplat
 {
@@ -17,16 +14,19 @@ namespace
 // Guards htab and all it holds. A leaf: nothing else is taken under it. The
 // first build does not hold the cache lock while other modules already look
 // names up, so the cache lock alone would not do.
-pthread_mutex_t names_mutex = PTHREAD_MUTEX_INITIALIZER;
+mutex names_mutex;
 
-class names_lock
+} // namespace
+
+} // namespace kavplat
+
+struct hashtable *htab KAV_GUARDED_BY(kavplat::names_mutex) = nullptr;
+
+namespace kavplat
 {
-  public:
-    names_lock() { pthread_mutex_lock(&names_mutex); }
-    ~names_lock() { pthread_mutex_unlock(&names_mutex); }
-    names_lock(const names_lock &) = delete;
-    names_lock &operator=(const names_lock &) = delete;
-};
+
+namespace
+{
 
 // A key cell holds the pointer to the text.
 const char *text_of(const void *key)
@@ -64,27 +64,27 @@ int same_name(const void *a, const void *b)
 
 bool name_index_exists()
 {
-    const names_lock lock;
+    const lock_guard lock(names_mutex);
     return htab != nullptr;
 }
 
 bool create_name_index()
 {
-    const names_lock lock;
+    const lock_guard lock(names_mutex);
     htab = create_hashtable(16, hash_name, equal_names);
     return htab != nullptr;
 }
 
 void destroy_name_index(bool free_values)
 {
-    const names_lock lock;
+    const lock_guard lock(names_mutex);
     hashtable_destroy(htab, free_values);
     htab = nullptr;
 }
 
 uint32_t find_name(const char *nac)
 {
-    const names_lock lock;
+    const lock_guard lock(names_mutex);
     const auto *index = static_cast<const uint32_t *>(hashtable_search(htab, &nac));
     return index ? *index : 0;
 }
@@ -99,7 +99,7 @@ bool insert_name(phys_entry *entry)
         bool inserted = false;
         bool crowded = false;
         {
-            const names_lock lock;
+            const lock_guard lock(names_mutex);
             inserted = hashtable_insert(htab, key, value) != 0;
             crowded = inserted && htab->entry_count > htab->load_limit &&
                       htab->prime_index + 1 < prime_table_length;
@@ -122,7 +122,7 @@ bool remove_name(const phys_entry *entry)
     if (!entry->entPhysicalName) {
         return false;
     }
-    const names_lock lock;
+    const lock_guard lock(names_mutex);
     if (!htab) {
         return false;
     }
@@ -137,7 +137,13 @@ bool remove_name(const phys_entry *entry)
 
 void renew_names_lock()
 {
-    names_mutex = PTHREAD_MUTEX_INITIALIZER;
+    names_mutex.renew();
+}
+
+void forget_names()
+{
+    const lock_guard lock(names_mutex);
+    htab = nullptr;
 }
 
 } // namespace kavplat

@@ -25,7 +25,7 @@ namespace
 
 // No array is smaller than one before it, so that an index which a reader took
 // from an older cache lies within whatever array it then sees.
-uint32_t largest_size = 0;
+uint32_t largest_size KAV_GUARDED_BY(cache_lock) = 0;
 
 slot_array *array_of(phys_entry **slots)
 {
@@ -34,7 +34,7 @@ slot_array *array_of(phys_entry **slots)
 }
 
 // Room for indexes 0 to size, all slots empty.
-phys_entry **allocate_slots(uint32_t size)
+phys_entry **allocate_slots(uint32_t size) KAV_REQUIRES(cache_lock)
 {
     // The array's own first slot is that of index 0.
     const size_t count = std::max(size, largest_size);
@@ -153,10 +153,10 @@ void drop_cache()
 
 void forget_slots()
 {
+    assume_cache_lock();
     physicalTable = nullptr;
     maxPhysicalIndex = 0;
     localCacheSize = 0;
-    htab = nullptr;
     cache_valid = 1;
     count_change();
 }

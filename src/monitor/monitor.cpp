@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 pthread_t monitor_id;
-event_mgr_handle emHandle = 0;
 
 namespace kavplat
 {
@@ -24,9 +23,21 @@ std::atomic<uint8_t> need_init_local_cache{1};
 
 // Held for a whole registration, so that a disconnect during the build waits its
 // turn.
-pthread_mutex_t registration_mutex = PTHREAD_MUTEX_INITIALIZER;
+mutex registration_mutex;
 
-bool obtain_handle(const char *caller)
+} // namespace
+
+} // namespace kavplat
+
+event_mgr_handle emHandle KAV_GUARDED_BY(kavplat::registration_mutex) = 0;
+
+namespace kavplat
+{
+
+namespace
+{
+
+bool obtain_handle(const char *caller) KAV_REQUIRES(registration_mutex)
 {
     for (int attempt = 1; event_mgr_get_handle(&emHandle, evtmgr_callback, nullptr) != 0;
          attempt++) {
@@ -63,7 +74,7 @@ constexpr subscription subscriptions[] = {
      "%s:subscribe internal sensor refresh failed, rc=%d\n"},
 };
 
-bool subscribe(const char *caller)
+bool subscribe(const char *caller) KAV_REQUIRES(registration_mutex)
 {
     if (event_mgr_subscribe_event_class(emHandle, EVENT_MGR_CLASS_HARDWARE) != 0) {
         KAV_TRACE_AS(caller, KAVPLAT_ROOM, "monitor", "%s:unabled to subscribe event class\n",
@@ -81,7 +92,7 @@ bool subscribe(const char *caller)
     return true;
 }
 
-int register_once()
+int register_once() KAV_REQUIRES(registration_mutex)
 {
     constexpr const char *caller = "evtmgr_register";
     if (prepare_cache_lock() != 0) {
@@ -139,10 +150,12 @@ void apply(const change &what, const char *payload)
 
 void restart_monitor_after_fork()
 {
-    // Whoever held it is not in this process.
-    registration_mutex = PTHREAD_MUTEX_INITIALIZER;
-    need_init_local_cache = 1;
-    emHandle = 0;
+    registration_mutex.renew();
+    {
+        const lock_guard lock(registration_mutex);
+        need_init_local_cache = 1;
+        emHandle = 0;
+    }
     forget_cache_after_fork();
     snmpd_monitor_fru_devices();
 }
@@ -176,10 +189,10 @@ int evtmgr_register(void)
 {
     {
         const kavplat::at_rest rest;
-        pthread_mutex_lock(&kavplat::registration_mutex);
+        kavplat::registration_mutex.lock();
     }
     const int result = kavplat::register_once();
-    pthread_mutex_unlock(&kavplat::registration_mutex);
+    kavplat::registration_mutex.unlock();
     return result;
 }
 

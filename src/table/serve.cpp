@@ -1,13 +1,11 @@
 #include "table/serve.h"
 
-#include "kavdata/cache.h"
-
 namespace kavplat
 {
 
 request_lock::request_lock()
 {
-    monitor_fru_lock();
+    take_cache_lock();
 }
 
 request_lock::~request_lock()
@@ -83,6 +81,7 @@ void log_unsupported_mode(const table &t, int mode)
 // One request of a table that treats each for itself. The result is what the
 // handler returns for it.
 int handle_each(const table &t, netsnmp_agent_request_info *reqinfo, netsnmp_request_info *request)
+    KAV_REQUIRES(cache_lock)
 {
     void *row = netsnmp_extract_iterator_context(request);
     if (t.on_request) {
@@ -121,6 +120,7 @@ int refuse_all(netsnmp_agent_request_info *reqinfo, netsnmp_request_info *reques
 
 // A table that refuses a call as a whole leaves a request without a row alone.
 int handle_all(const table &t, netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)
+    KAV_REQUIRES(cache_lock)
 {
     if (is_set_mode(reqinfo->mode)) {
         return refuse_all(reqinfo, requests);

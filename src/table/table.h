@@ -11,7 +11,7 @@
 #ifndef KAVPLAT_TABLE_TABLE_H
 #define KAVPLAT_TABLE_TABLE_H
 
-#include "kavdata/kavdata.h"
+#include "kavdata/cache.h"
 
 #include <net-snmp/net-snmp-config.h>
 
@@ -72,6 +72,7 @@ std::type_identity<Row> argument_of(Result (*)(Row &)); // keeps its const
 template <auto Function>
 auto call(void *row)
 {
+    assume_cache_lock(); // which serve wants held; the pointers in between say no such thing
     using Row = typename decltype(argument_of(Function))::type;
     return Function(*static_cast<Row *>(row));
 }
