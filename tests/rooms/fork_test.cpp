@@ -24,11 +24,13 @@ class fork_of_the_agent : public cache_test
     fork_of_the_agent() { kavplat::watch_forks(); }
     ~fork_of_the_agent() override { kavplat::longest_wait_before_fork = usual; }
 
+    // A child that hangs is ended, and gives -1.
     template <class Body>
     static int in_child(Body body)
     {
         const pid_t child = fork();
         if (child == 0) {
+            alarm(10);
             _exit(body());
         }
         int status = 0;
@@ -39,6 +41,47 @@ class fork_of_the_agent : public cache_test
     {
         EXPECT_EQ(in_child([] { return 0; }), 0);
     }
+};
+
+// Another thread, at a place that it reaches and stays in until this goes.
+class thread_that_stays
+{
+  public:
+    template <class Reach>
+    explicit thread_that_stays(Reach reach) : thread_([this, reach] { reach([this] { stay(); }); })
+    {
+        there_.wait(false);
+    }
+    ~thread_that_stays()
+    {
+        go_on_ = true;
+        go_on_.notify_all();
+        thread_.join();
+    }
+    thread_that_stays(const thread_that_stays &) = delete;
+    thread_that_stays &operator=(const thread_that_stays &) = delete;
+
+  private:
+    void stay()
+    {
+        there_ = true;
+        there_.notify_all();
+        go_on_.wait(false);
+    }
+
+    std::atomic<bool> there_{false};
+    std::atomic<bool> go_on_{false};
+    std::thread thread_;
+};
+
+constexpr auto at_work = [](const auto &stay) {
+    const kavplat::at_work work;
+    stay();
+};
+constexpr auto at_rest = [](const auto &stay) {
+    const kavplat::at_work work;
+    const kavplat::at_rest rest;
+    stay();
 };
 
 TEST_F(fork_of_the_agent, finds_no_thread_at_work)
@@ -73,40 +116,20 @@ TEST_F(fork_of_the_agent, finds_no_thread_at_work)
 
 TEST_F(fork_of_the_agent, child_may_work_at_once)
 {
-    std::atomic<bool> resting{false};
-    std::atomic<bool> go_on{false};
-    std::thread other([&] {
-        const kavplat::at_work work;
-        const kavplat::at_rest rest;
-        resting = true;
-        resting.notify_all();
-        go_on.wait(false);
-    });
-    resting.wait(false);
+    const thread_that_stays other(at_rest);
     EXPECT_EQ(in_child([] {
                   const kavplat::at_work work;
                   pass();
                   return kavplat::was_left_behind_by_fork() ? 0 : 1;
               }),
               0);
-    go_on = true;
-    go_on.notify_all();
-    other.join();
     EXPECT_FALSE(kavplat::was_left_behind_by_fork());
 }
 
 // A platform's call may start a program with a fork of its own.
 TEST_F(fork_of_the_agent, waits_for_nobody_when_others_may_wait_for_the_one_who_forks)
 {
-    std::atomic<bool> working{false};
-    std::atomic<bool> go_on{false};
-    std::thread other([&] {
-        const kavplat::at_work work;
-        working = true;
-        working.notify_all();
-        go_on.wait(false);
-    });
-    working.wait(false);
+    const thread_that_stays other(at_work);
     {
         const kavplat::at_work work;
         pass();
@@ -115,31 +138,77 @@ TEST_F(fork_of_the_agent, waits_for_nobody_when_others_may_wait_for_the_one_who_
         const cache_lock_held lock;
         pass();
     }
-    go_on = true;
-    go_on.notify_all();
-    other.join();
 }
 
 TEST_F(fork_of_the_agent, waits_once_for_a_thread_that_never_rests)
 {
-    std::atomic<bool> working{false};
-    std::atomic<bool> go_on{false};
-    std::thread other([&] {
-        const kavplat::at_work work;
-        working = true;
-        working.notify_all();
-        go_on.wait(false);
-    });
-    working.wait(false);
+    const thread_that_stays other(at_work);
     kavplat::longest_wait_before_fork = 300ms;
     const auto begin = clock::now();
     pass();
     EXPECT_GE(clock::now() - begin, 300ms);
     kavplat::longest_wait_before_fork = 1h;
     pass();
-    go_on = true;
-    go_on.notify_all();
-    other.join();
+}
+
+// The locks that a thread outside of any work may hold: a module of the platform that
+// looks a name up.
+TEST_F(fork_of_the_agent, child_has_the_cache_lock_anew)
+{
+    const thread_that_stays other([](const auto &stay) {
+        const cache_lock_held lock;
+        stay();
+    });
+    EXPECT_EQ(in_child([] { return monitor_fru_lock() + monitor_fru_unlock(); }), 0);
+}
+
+TEST_F(fork_of_the_agent, child_has_the_names_lock_anew)
+{
+    const thread_that_stays other([](const auto &stay) {
+        fake_system::on_pthread_mutex_unlock.set([&stay](pthread_mutex_t *mutex) {
+            stay();
+            return pthread_mutex_unlock(mutex);
+        });
+        EXPECT_EQ(kavplat::find_name("/SYS/NONE"), 0U);
+    });
+    fake_system::on_pthread_mutex_unlock.clear();
+    EXPECT_EQ(in_child([] { return kavplat::name_index_exists() ? 1 : 0; }), 0);
+}
+
+// A thread waits for the end of the parent's fork, which waits for another in vain. In
+// the child, whose own forks wait for threads of its own, there is none of them.
+TEST_F(fork_of_the_agent, child_waits_for_its_own_threads_alone)
+{
+    const auto fork_beside_work = [] {
+        std::atomic<bool> is_over{false};
+        std::atomic<bool> works{false};
+        std::thread other([&] {
+            const kavplat::at_work work;
+            works = true;
+            works.notify_all();
+            std::this_thread::sleep_for(20ms); // the fork begins to wait
+            is_over = true;
+        });
+        works.wait(false);
+        const int status = in_child([&] { return is_over ? 0 : 1; });
+        other.join();
+        return status;
+    };
+    std::thread waits_for_the_fork;
+    {
+        const thread_that_stays other(at_work);
+        waits_for_the_fork = std::thread([] {
+            std::this_thread::sleep_for(20ms); // the fork begins to wait
+            const kavplat::at_work later;
+        });
+        kavplat::longest_wait_before_fork = 100ms;
+        EXPECT_EQ(in_child([&] {
+                      kavplat::longest_wait_before_fork = 1h;
+                      return fork_beside_work() + fork_beside_work();
+                  }),
+                  0);
+    }
+    waits_for_the_fork.join();
 }
 
 TEST_F(fork_of_the_agent, comes_between_two_rows_of_a_build)

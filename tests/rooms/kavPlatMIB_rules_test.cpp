@@ -286,6 +286,59 @@ TEST_P(platform_table_rules, index_dumps)
     }
 }
 
+// A table whose rows are all entries of a class looks them up by it, and that is traced.
+TEST_P(platform_table_rules, lookups_by_class)
+{
+    static const std::map<std::string, int> class_of = {
+        {"kavPlatPhysicalTable", 1},    {"kavPlatEquipmentHolderTable", 5},
+        {"kavPlatPowerSupplyTable", 6}, {"kavPlatFanTable", 7},
+        {"kavPlatSensorTable", 8},      {"kavPlatCircuitPackTable", 9},
+    };
+    build_with_rows({2, 4});
+    const auto found_class = class_of.find(table.name);
+    const int wanted = found_class != class_of.end() ? found_class->second : 0;
+    const auto at = [&](unsigned index) {
+        return std::vector<std::string>{
+            text_of("get_entry_by_ent_class idx=%u, class=%d\n", index, wanted),
+            text_of("get_entry:idx=%u\n", index)};
+    };
+    const auto after = [](unsigned index) {
+        return text_of("getnext_entry_by_ent_class idx=%u, maxPhysicalIndex=6\n", index);
+    };
+    const auto row = [](unsigned index, const char *caller) {
+        const phys_entry *e = kavplat::entry_at(index);
+        return text_of("%4u %4u    6 0x%8x %s %s\n", index, index,
+                       static_cast<unsigned>(reinterpret_cast<uintptr_t>(e)), e->entPhysicalName,
+                       caller);
+    };
+    const std::string end =
+        text_of("getnext_entry_by_ent_class: index 7 for class %d NOT FOUND\n", wanted);
+
+    struct {
+        unsigned start;
+        std::vector<std::string> lookups;
+        std::vector<std::string> rows;
+    } cases[] = {
+        {1, at(1), {row(1, "get_entry"), row(2, "getnext_entry_by_ent_class")}},
+        {2, at(2), {row(2, "get_entry"), row(2, "get_entry_by_ent_class")}},
+    };
+    cases[0].lookups.push_back(
+        text_of("get_entry_by_ent_class: index 1 for class %d NOT FOUND\n", wanted));
+    cases[0].lookups.push_back(after(1));
+    for (auto &[start, lookups, rows] : cases) {
+        lookups.insert(lookups.end(), {after(2), after(4), end});
+        rows.push_back(row(4, "getnext_entry_by_ent_class"));
+        if (wanted == 0) {
+            lookups.clear();
+            rows.clear();
+        }
+        const agent_log log({"IDX", "kavdata:index"});
+        EXPECT_EQ(walked(start), found({2, 4}));
+        EXPECT_EQ(log.debug_texts("IDX"), lookups) << "from " << start;
+        EXPECT_EQ(log.debug_texts("kavdata:index"), rows) << "from " << start;
+    }
+}
+
 TEST_P(platform_table_rules, nothing_is_dumped_while_debugging_is_off)
 {
     build_with_rows({2, 4});
