@@ -5,6 +5,7 @@
 #include "trace/trace.h"
 
 #include <atomic>
+#include <cstring>
 #include <unistd.h>
 
 pthread_t monitor_id;
@@ -224,6 +225,10 @@ void evtmgr_callback(void *, int event_class, int event, const char *payload)
         if (const int rc = snmpd_monitor_fru_devices(); rc != 0) {
             KAV_TRACE("monitor", "%s:unable to start the monitor thread, rc=%d\n",
                       "evtmgr_callback", rc);
+            snmp_log(LOG_ERR,
+                     "%s:FAILED:%s, status=%d (%s): what changes in the server from now on is not "
+                     "noticed; restart the agent where it may have more threads\n",
+                     "evtmgr_callback", "snmpd_monitor_fru_devices", rc, strerrordesc_np(rc));
         }
     }
 }

@@ -2,8 +2,8 @@
  * The FRU event monitor: connects to the platform's event manager, builds the
  * cache at start-up and turns the platform's events into cache changes.
  *
- * Everything that it has to say goes to the agent's debug facility under the
- * token "monitor".
+ * What it has to say goes to the agent's debug facility under the token "monitor";
+ * that it can not follow the platform any more, to the log as well.
  */
 #ifndef KAVPLAT_MONITOR_MONITOR_H
 #define KAVPLAT_MONITOR_MONITOR_H

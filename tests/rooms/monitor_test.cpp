@@ -461,7 +461,12 @@ TEST_F(monitor, a_disconnect_whose_thread_cannot_be_made_is_told)
     EXPECT_TRUE(log.traced(
         "monitor", text_of("evtmgr_callback:unable to start the monitor thread, rc=%d\n", EAGAIN),
         "evtmgr_callback", "monitor"));
-    EXPECT_EQ(log.texts(LOG_ERR), strings());
+    EXPECT_EQ(log.texts(LOG_ERR),
+              (strings{text_of("evtmgr_callback:FAILED:snmpd_monitor_fru_devices, status=%d "
+                               "(Resource temporarily unavailable): what changes in the server "
+                               "from now on is not noticed; restart the agent where it may have "
+                               "more threads\n",
+                               EAGAIN)}));
 }
 
 TEST_F(monitor, a_reconnect_does_not_touch_a_lock_that_is_held)
