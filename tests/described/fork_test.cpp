@@ -156,6 +156,36 @@ TEST_F(forked, a_thread_that_never_rests_is_waited_for_once)
     described_platform::longest_wait_before_fork = usual;
 }
 
+/* A thread waits for the end of the parent's fork, which waits for another in vain. In
+ * the child, whose own forks wait for a thread of its own, there is none of them. */
+TEST_F(forked, the_child_waits_for_its_own_threads_alone)
+{
+    const auto usual =
+        std::exchange(described_platform::longest_wait_before_fork, std::chrono::milliseconds(100));
+    std::atomic<bool> go_on = false;
+    {
+        const busy_thread stuck([&] { go_on.wait(false); });
+        const busy_thread waits_for_the_fork([] {});
+        EXPECT_EQ(0, in_child([] {
+                      described_platform::longest_wait_before_fork = patience;
+                      std::atomic<int> at_work = 0;
+                      const busy_thread own([&] {
+                          ++at_work;
+                          std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                          --at_work;
+                      });
+                      int found = 0;
+                      for (int i = 0; i < 20; ++i) {
+                          found += in_child([&] { return at_work.load(); });
+                      }
+                      return found;
+                  }));
+        go_on = true;
+        go_on.notify_all();
+    }
+    described_platform::longest_wait_before_fork = usual;
+}
+
 TEST_F(forked, the_child_may_log_though_others_were_logging)
 {
     std::atomic<bool> stop = false;
