@@ -217,14 +217,3 @@ snmp_value expected_value(const expected_row &row, unsigned column)
         throw std::out_of_range("no column " + std::to_string(column));
     }
 }
-
-std::vector<varbind> expected_table(const std::vector<expected_row> &rows)
-{
-    std::vector<varbind> all;
-    for (unsigned column = first_column; column <= last_column; column++) {
-        for (const expected_row &row : rows) {
-            all.push_back({ent_cell(column, row.index), expected_value(row, column)});
-        }
-    }
-    return all;
-}

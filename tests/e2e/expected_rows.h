@@ -40,7 +40,4 @@ inline constexpr unsigned last_column = 16;
 
 snmp_value expected_value(const expected_row &row, unsigned column);
 
-/* The whole table in the order of a walk. */
-std::vector<varbind> expected_table(const std::vector<expected_row> &rows);
-
 #endif

@@ -1,23 +1,16 @@
-// KAV-PLATFORM-MIB as clients of a real agent see it: every cell of every table, by
-// every kind of request; what net-snmp's commands make of it with the module loaded;
-// live values that change.
+// KAV-PLATFORM-MIB as clients of a real agent see it: what net-snmp's commands make of
+// it with the module loaded; live values that change.
 #include <algorithm>
-#include <array>
 #include <chrono>
-#include <cstdio>
-#include <ctime>
 #include <filesystem>
 #include <map>
 #include <optional>
-#include <random>
 #include <regex>
-#include <set>
 #include <sstream>
 
 #include <gtest/gtest.h>
 
-#include "e2e/expected_platform.h"
-#include "e2e/expected_rows.h"
+#include "e2e/expected_tables.h"
 #include "harness/agent.h"
 #include "harness/client.h"
 #include "mibs/mib_modules.h"
@@ -29,229 +22,11 @@ using std::string;
 using std::vector;
 using namespace std::chrono_literals;
 
-void expect_same(const vector<varbind> &found, const vector<varbind> &wanted)
-{
-    for (size_t i = 0; i < std::min(found.size(), wanted.size()); i++) {
-        ASSERT_EQ(found[i], wanted[i]) << "varbind " << i;
-    }
-    ASSERT_EQ(found.size(), wanted.size());
-}
-
 object_name cell(unsigned long arc, unsigned long column, unsigned long index)
 {
     object_name name = platform_table(arc);
     name.insert(name.end(), {1, column, index});
     return name;
-}
-
-// The subtree without its scalar, which tells the time of the start.
-vector<varbind> tables_of(vector<varbind> walked)
-{
-    EXPECT_FALSE(walked.empty());
-    EXPECT_EQ(walked.empty() ? object_name() : walked.front().name, start_time());
-    if (!walked.empty()) {
-        walked.erase(walked.begin());
-    }
-    return walked;
-}
-
-class platform_subtree : public testing::TestWithParam<const char *>
-{
-  protected:
-    agent server{{.description = string("servers/") + GetParam() + ".json"}};
-    std::map<unsigned long, expected_cells> expected;
-    vector<varbind> cells;
-
-    void SetUp() override
-    {
-        ASSERT_NO_THROW(server.start());
-        expected = expected_platform_tables(server.description());
-        cells = expected_platform(expected);
-        ASSERT_FALSE(cells.empty());
-        // A column that is served before the first read of its sensor shows what was
-        // before it.
-        snmp_client(server.port()).bulk_walk(platform_root(), 40);
-    }
-};
-
-INSTANTIATE_TEST_SUITE_P(of, platform_subtree, testing::Values("minimal", "rack-2u"),
-                         [](const auto &info) {
-                             string name = info.param;
-                             std::ranges::replace(name, '-', '_');
-                             return name;
-                         });
-
-TEST_P(platform_subtree, by_getnext)
-{
-    snmp_client client(server.port());
-    expect_same(tables_of(client.walk(platform_root())), cells);
-}
-
-TEST_P(platform_subtree, by_getbulk)
-{
-    snmp_client client(server.port());
-    for (const long repetitions : {1L, 7L, 40L}) {
-        SCOPED_TRACE(repetitions);
-        expect_same(tables_of(client.bulk_walk(platform_root(), repetitions)), cells);
-    }
-}
-
-TEST_P(platform_subtree, by_get)
-{
-    snmp_client client(server.port());
-    for (const varbind &wanted : cells) {
-        const snmp_answer answer = client.get({wanted.name});
-        ASSERT_EQ(answer.error, 0);
-        ASSERT_EQ(answer.varbinds, vector<varbind>{wanted});
-    }
-}
-
-// Cells of all tables of both modules, in no order, many to a PDU.
-TEST_P(platform_subtree, by_gets_of_many_cells_in_any_order)
-{
-    snmp_client client(server.port());
-    vector<varbind> wanted = cells;
-    for (const varbind &entity : expected_table(expected_rows(server.description(), "5.0.1\n"))) {
-        wanted.push_back(entity);
-    }
-    std::mt19937 random(7);
-    std::ranges::shuffle(wanted, random);
-    for (size_t i = 0; i < wanted.size(); i += 25) {
-        const auto begin = wanted.begin() + static_cast<std::ptrdiff_t>(i);
-        const vector<varbind> some(
-            begin, begin + static_cast<std::ptrdiff_t>(std::min<size_t>(25, wanted.size() - i)));
-        vector<object_name> names;
-        for (const varbind &v : some) {
-            names.push_back(v.name);
-        }
-        const snmp_answer answer = client.get(names);
-        ASSERT_EQ(answer.error, 0);
-        expect_same(answer.varbinds, some);
-    }
-}
-
-// GETNEXT of many, in no order: each gets the cell behind it.
-TEST_P(platform_subtree, by_getnexts_of_many_cells_in_any_order)
-{
-    snmp_client client(server.port());
-    vector<size_t> order(cells.size() - 1);
-    for (size_t i = 0; i < order.size(); i++) {
-        order[i] = i;
-    }
-    std::mt19937 random(11);
-    std::ranges::shuffle(order, random);
-    for (size_t i = 0; i < order.size(); i += 25) {
-        vector<object_name> names;
-        vector<varbind> wanted;
-        for (size_t j = i; j < std::min(order.size(), i + 25); j++) {
-            names.push_back(cells[order[j]].name);
-            wanted.push_back(cells[order[j] + 1]);
-        }
-        const snmp_answer answer = client.get_next(names);
-        ASSERT_EQ(answer.error, 0);
-        expect_same(answer.varbinds, wanted);
-    }
-}
-
-// A manager's way: all columns of a table in one GETNEXT, row by row.
-TEST_P(platform_subtree, row_by_row)
-{
-    snmp_client client(server.port());
-    for (const auto &[arc, rows] : expected) {
-        if (rows.empty()) {
-            continue;
-        }
-        const size_t columns = rows.begin()->second.size();
-        vector<object_name> at;
-        for (unsigned long column = 1; column <= columns; column++) {
-            object_name name = platform_table(arc);
-            name.insert(name.end(), {1, column});
-            at.push_back(name);
-        }
-        for (const auto &[index, values] : rows) {
-            const snmp_answer answer = client.get_next(at);
-            ASSERT_EQ(answer.error, 0);
-            vector<varbind> wanted;
-            for (unsigned long column = 1; column <= columns; column++) {
-                at[column - 1] = cell(arc, column, index);
-                wanted.push_back({at[column - 1], values[column - 1]});
-            }
-            expect_same(answer.varbinds, wanted);
-        }
-    }
-}
-
-TEST_P(platform_subtree, has_nothing_else)
-{
-    snmp_client client(server.port());
-    const unsigned long behind = 1 + expected_rows(server.description(), "").size();
-    for (const auto &[arc, rows] : expected) {
-        for (unsigned long index = 0; index <= behind; index++) {
-            if (!rows.contains(index) && arc != 10) {
-                const snmp_answer answer = client.get({cell(arc, 1, index)});
-                ASSERT_EQ(answer.varbinds, (vector<varbind>{{cell(arc, 1, index), no_instance()}}));
-            }
-        }
-    }
-    for (const unsigned long arc : {13UL, 16UL, 0UL}) {
-        const snmp_answer answer = client.get({cell(arc, 1, 1)});
-        ASSERT_EQ(answer.varbinds.size(), 1U);
-        EXPECT_EQ(answer.varbinds[0].value.type, snmp_no_such_object) << "arc " << arc;
-    }
-}
-
-TEST_P(platform_subtree, refuses_every_set)
-{
-    snmp_client client(server.port(), "private");
-    constexpr long not_writable = 17;
-    std::set<unsigned long> tried;
-    for (const varbind &v : cells) {
-        // One cell of each column.
-        if (!tried.insert(v.name[12] * 100 + v.name[14]).second) {
-            continue;
-        }
-        const snmp_answer answer = client.set({v});
-        EXPECT_EQ(answer.error, not_writable) << to_text(v.name);
-        EXPECT_EQ(answer.error_index, 1);
-    }
-    EXPECT_EQ(client.set({{start_time(), text_value("12345678")}}).error, not_writable);
-    expect_same(tables_of(client.bulk_walk(platform_root(), 40)), cells);
-}
-
-TEST_P(platform_subtree, start_time_is_that_of_the_agent)
-{
-    snmp_client client(server.port());
-    const snmp_answer answer = client.get({start_time()});
-    ASSERT_EQ(answer.varbinds.size(), 1U);
-    const string octets = answer.varbinds[0].value.text;
-    ASSERT_EQ(octets.size(), 8U);
-    const auto octet = [&](size_t i) { return int{static_cast<unsigned char>(octets[i])}; };
-    struct tm utc = {};
-    utc.tm_year = octet(0) * 256 + octet(1) - 1900;
-    utc.tm_mon = octet(2) - 1;
-    utc.tm_mday = octet(3);
-    utc.tm_hour = octet(4);
-    utc.tm_min = octet(5);
-    utc.tm_sec = octet(6);
-    EXPECT_EQ(octet(7), 0);
-    const time_t start = timegm(&utc);
-    // The agent of this test: started within the last minutes.
-    EXPECT_LE(start, time(nullptr));
-    EXPECT_GT(start, time(nullptr) - 300);
-}
-
-// ---- What the example shows ----
-
-TEST(rack_server, has_rows_in_every_table_that_can_have_some)
-{
-    agent server({.description = "servers/rack-2u.json"});
-    ASSERT_NO_THROW(server.start());
-    snmp_client client(server.port());
-    const std::set<unsigned long> empty = {9, 10, 13, 15};
-    for (unsigned long arc = 2; arc <= 15; arc++) {
-        EXPECT_EQ(client.bulk_walk(platform_table(arc), 40).empty(), empty.contains(arc))
-            << "table " << arc;
-    }
 }
 
 // ---- With the module loaded ----
@@ -344,16 +119,17 @@ TEST_P(named_walk, shows_names_and_labels)
             }
         }
     }
-    const size_t cells = expected_platform(expected_platform_tables(server.description())).size() +
-                         expected_table(expected_rows(server.description(), "")).size();
+    size_t cells = cells_of(expected_entity_table(expected_rows(server.description(), ""))).size();
+    for (const auto &[arc, table] : expected_platform_tables(server.description())) {
+        cells += cells_of(table).size();
+    }
     EXPECT_EQ(lines, cells + 2) << "and the two scalars";
     EXPECT_GT(labelled, 0U);
 }
 
 TEST_P(named_walk, every_table_can_be_printed_as_one)
 {
-    const auto expected = expected_platform_tables(server.description());
-    for (const auto &[arc, rows] : expected) {
+    for (const auto &[arc, expected] : expected_platform_tables(server.description())) {
         const auto nodes =
             mib_modules::below("1.3.6.1.4.1.58213.2.70.101.1.1." + std::to_string(arc));
         ASSERT_FALSE(nodes.empty());
@@ -362,7 +138,7 @@ TEST_P(named_walk, every_table_can_be_printed_as_one)
             run("snmptable",
                 "-Ci -CB -Cw 1000 " + address_of(server) + " KAV-PLATFORM-MIB::" + name, server);
         EXPECT_EQ(table.output.find("Wrong Type"), string::npos) << table.output;
-        if (rows.empty()) {
+        if (expected.rows.empty()) {
             EXPECT_NE(table.output.find("No entries"), string::npos) << table.output;
             continue;
         }

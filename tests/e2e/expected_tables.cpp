@@ -1,4 +1,4 @@
-#include "e2e/expected_platform.h"
+#include "e2e/expected_tables.h"
 
 #include <algorithm>
 #include <array>
@@ -10,8 +10,6 @@
 #include <tuple>
 
 #include <nlohmann/json.hpp>
-
-#include "e2e/expected_rows.h"
 
 namespace
 {
@@ -339,7 +337,37 @@ std::vector<snmp_value> alarm_cells(const json &component)
 
 } // namespace
 
-std::map<unsigned long, expected_cells>
+object_name expected_table::cell(unsigned long column, unsigned long index) const
+{
+    object_name name = entry;
+    name.insert(name.end(), {column, index});
+    return name;
+}
+
+std::vector<varbind> cells_of(const expected_table &table)
+{
+    std::vector<varbind> all;
+    const size_t columns = table.rows.empty() ? 0 : table.rows.begin()->second.size();
+    for (size_t column = 0; column < columns; column++) {
+        for (const auto &[index, values] : table.rows) {
+            all.push_back({table.cell(table.first_column + column, index), values.at(column)});
+        }
+    }
+    return all;
+}
+
+expected_table expected_entity_table(const std::vector<expected_row> &rows)
+{
+    expected_table table = {ent_table(), first_column, {}};
+    for (const expected_row &row : rows) {
+        for (unsigned column = first_column; column <= last_column; column++) {
+            table.rows[row.index].push_back(expected_value(row, column));
+        }
+    }
+    return table;
+}
+
+std::map<unsigned long, expected_table>
 expected_platform_tables(const std::filesystem::path &description)
 {
     const json document = json::parse(std::ifstream(description));
@@ -349,10 +377,12 @@ expected_platform_tables(const std::filesystem::path &description)
     }
     const std::vector<expected_row> rows = expected_rows(description, "");
 
-    std::map<unsigned long, expected_cells> tables;
+    std::map<unsigned long, expected_table> tables;
     for (unsigned long arc = 2; arc <= 15; arc++) {
         if (arc != 13) { // watchdogs are for another module to ask for
-            tables[arc] = {};
+            object_name entry = platform_table(arc);
+            entry.push_back(1);
+            tables[arc] = {entry, 1, {}};
         }
     }
     for (const expected_row &row : rows) {
@@ -361,40 +391,40 @@ expected_platform_tables(const std::filesystem::path &description)
         std::optional<sensor> s;
         if (row.kind == "sensor") {
             s = sensor_of(component, row.component_type);
-            tables[6][row.index] = {integer_value(s->is_numeric ? 2 : 1), integer_value(s->type),
-                                    gauge(0)};
+            tables[6].rows[row.index] = {integer_value(s->is_numeric ? 2 : 1),
+                                         integer_value(s->type), gauge(0)};
             if (s->is_numeric) {
-                tables[8][row.index] = numeric_cells(*s);
+                tables[8].rows[row.index] = numeric_cells(*s);
             } else {
-                tables[7][row.index] = {integer_value(truth(s->current)),
-                                        integer_value(truth(s->expected)), text_value(s->when_true),
-                                        text_value(s->when_false)};
+                tables[7].rows[row.index] = {integer_value(truth(s->current)),
+                                             integer_value(truth(s->expected)),
+                                             text_value(s->when_true), text_value(s->when_false)};
             }
         }
         if (physical_class == 1 || (physical_class >= 3 && physical_class <= 9)) {
             const std::string container =
                 row.contained_in == 0 ? "unknown"
                                       : rows.at(static_cast<size_t>(row.contained_in) - 1).name;
-            tables[2][row.index] = equipment_cells(component, row, s, container);
+            tables[2].rows[row.index] = equipment_cells(component, row, s, container);
         }
         switch (physical_class) {
         case 1:
-            tables[5][row.index] = {integer_value(row.kind == "indicator" ? 2 : 1)};
+            tables[5].rows[row.index] = {integer_value(row.kind == "indicator" ? 2 : 1)};
             if (row.kind == "indicator") {
-                tables[12][row.index] = alarm_cells(component);
+                tables[12].rows[row.index] = alarm_cells(component);
             }
             break;
         case 5:
-            tables[3][row.index] = holder_cells(component, row, by_name);
+            tables[3].rows[row.index] = holder_cells(component, row, by_name);
             break;
         case 6:
-            tables[14][row.index] = {integer_value(2)};
+            tables[14].rows[row.index] = {integer_value(2)};
             break;
         case 7:
-            tables[11][row.index] = {integer_value(2)};
+            tables[11].rows[row.index] = {integer_value(2)};
             break;
         case 9:
-            tables[4][row.index] = circuit_pack_cells(component);
+            tables[4].rows[row.index] = circuit_pack_cells(component);
             break;
         default:
             break;
@@ -413,20 +443,4 @@ object_name start_time()
     object_name name = platform_table(1);
     name.push_back(0);
     return name;
-}
-
-std::vector<varbind> expected_platform(const std::map<unsigned long, expected_cells> &tables)
-{
-    std::vector<varbind> all;
-    for (const auto &[arc, rows] : tables) {
-        const size_t columns = rows.empty() ? 0 : rows.begin()->second.size();
-        for (size_t column = 0; column < columns; column++) {
-            for (const auto &[index, cells] : rows) {
-                object_name name = platform_table(arc);
-                name.insert(name.end(), {1, column + 1, index});
-                all.push_back({name, cells.at(column)});
-            }
-        }
-    }
-    return all;
 }
