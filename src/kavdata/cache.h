@@ -113,7 +113,7 @@ void look_at_sensor(phys_entry &entry) KAV_REQUIRES(cache_lock);
 // the last ten seconds, with whatever result: the administrative and the enable state
 // where there are such; of a sensor a look at it; of a component a look at each sensor
 // that it holds.
-void look_at_states(phys_entry &entry);
+void look_at_states(phys_entry &entry) KAV_REQUIRES(cache_lock);
 
 // The states by what the cache holds now; asks nobody.
 entity_states states_of(const phys_entry &entry);
@@ -131,12 +131,12 @@ struct states_change {
 // Remembers the states as they are now, and if they are others than those remembered
 // the time of day too (entry.noted), and tells what changed. The first that is known of
 // an entity is no change. Does nothing while the states are not known.
-std::optional<states_change> note_states(phys_entry &entry);
+std::optional<states_change> note_states(phys_entry &entry) KAV_REQUIRES(cache_lock);
 
 // For one who tells of changes of the operational state: whether the state noted is
 // another than at the last call, whoever noted it in between; before has that of then
 // and else the same as after. The first state that was noted is no change.
-std::optional<states_change> take_oper_change(phys_entry &entry);
+std::optional<states_change> take_oper_change(phys_entry &entry) KAV_REQUIRES(cache_lock);
 
 // ---- Failures of the platform ----
 

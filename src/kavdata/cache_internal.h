@@ -162,8 +162,8 @@ bool append_row(const char *caller, uint32_t index, const capi_inventory_record 
                 row_origin origin) KAV_REQUIRES(cache_lock);
 
 // Puts a complete row among what its container holds, takes it out again.
-void link_into_container(phys_entry *entry);
-void unlink_from_container(phys_entry *entry);
+void link_into_container(phys_entry *entry) KAV_REQUIRES(cache_lock);
+void unlink_from_container(phys_entry *entry) KAV_REQUIRES(cache_lock);
 
 // The name that a record gives its row: a component without one is "Unknown".
 const char *record_name(const capi_inventory_record &record);
