@@ -28,7 +28,7 @@ void store_slot(uint32_t index, phys_entry *entry) KAV_REQUIRES(cache_lock);
 void publish_max_index(uint32_t index) KAV_REQUIRES(cache_lock);
 
 // Raises the maximum to an index; a row with a lower one is served already.
-void publish_index(uint32_t index);
+void publish_index(uint32_t index) KAV_REQUIRES(cache_lock);
 
 // Whether there is a cache that an event can change; if not, it builds one anew.
 bool cache_is_built() KAV_REQUIRES(cache_lock);

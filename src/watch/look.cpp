@@ -24,11 +24,11 @@ constexpr uint32_t longest_call = 1000;
 // Rows that are looked through in one go under the lock.
 constexpr uint32_t rows_at_a_time = 256;
 
-class cache_guard
+class KAV_SCOPED_CAPABILITY cache_guard
 {
   public:
-    cache_guard() { monitor_fru_lock(); }
-    ~cache_guard() { monitor_fru_unlock(); }
+    cache_guard() KAV_ACQUIRE(cache_lock) { take_cache_lock(); }
+    ~cache_guard() KAV_RELEASE() { monitor_fru_unlock(); }
     cache_guard(const cache_guard &) = delete;
     cache_guard &operator=(const cache_guard &) = delete;
 };

@@ -116,7 +116,7 @@ next_step wait_for_next(const look_memory &memory, steady_clock::time_point last
 
 void end_promise()
 {
-    monitor_fru_lock();
+    take_cache_lock();
     renew_no_more();
     monitor_fru_unlock();
 }
