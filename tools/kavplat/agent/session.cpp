@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <list>
 #include <unistd.h>
 
 #include <net-snmp/net-snmp-config.h>
@@ -57,6 +58,14 @@ const char *version_name(long version)
     default:
         return "SNMPv3";
     }
+}
+
+/* What the library's parser of options allocates for a session it has no call to free:
+ * it lasts as long as the process. */
+netsnmp_session &lasting_session()
+{
+    static auto *const all = new std::list<netsnmp_session>;
+    return all->emplace_back();
 }
 
 std::string seconds(long microseconds)
@@ -116,7 +125,7 @@ std::string session::open(const address &whom)
         arguments.push_back(each.data());
     }
     arguments.push_back(nullptr);
-    netsnmp_session wanted;
+    netsnmp_session &wanted = lasting_session();
     optind = 1;
     const int parsed = netsnmp_parse_args(static_cast<int>(words.size()), arguments.data(), &wanted,
                                           "", nullptr, NETSNMP_PARSE_ARGS_NOZERO);
