@@ -1,7 +1,6 @@
 #include "tools/kavplat/describe/locations.h"
 
 #include <algorithm>
-#include <charconv>
 
 namespace kavplat_describe
 {
@@ -38,21 +37,6 @@ std::string root_text(std::string_view part)
 }
 
 } // namespace
-
-bool is_pci_address(std::string_view part)
-{
-    constexpr std::string_view form = "0000:00:00.0";
-    if (part.size() != form.size()) {
-        return false;
-    }
-    for (size_t i = 0; i < form.size(); ++i) {
-        const bool digit = (part[i] >= '0' && part[i] <= '9') || (part[i] >= 'a' && part[i] <= 'f');
-        if (form[i] == '0' ? !digit : part[i] != form[i]) {
-            return false;
-        }
-    }
-    return true;
-}
 
 component *slot_at(const machine &all, std::string_view pci_address)
 {
@@ -101,17 +85,6 @@ component *exactly_at(const machine &all, const std::string &path)
     component *here = all.at_device(path);
     return here == nullptr || here == all.at_device(std::string(without_last_part(path))) ? nullptr
                                                                                           : here;
-}
-
-std::optional<unsigned> number_after(std::string_view name, std::string_view stem)
-{
-    unsigned number = 0;
-    if (!name.starts_with(stem) || name.size() == stem.size()) {
-        return std::nullopt;
-    }
-    const char *end = name.data() + name.size();
-    const auto [stop, error] = std::from_chars(name.data() + stem.size(), end, number);
-    return error == std::errc() && stop == end ? std::optional(number) : std::nullopt;
 }
 
 std::string_view last_part(std::string_view path)

@@ -5,17 +5,14 @@
 #ifndef KAVPLAT_DESCRIBE_LOCATIONS_H
 #define KAVPLAT_DESCRIBE_LOCATIONS_H
 
+#include "tools/kavplat/describe/counted_names.h"
 #include "tools/kavplat/describe/machine.h"
 
-#include <optional>
 #include <string>
 #include <string_view>
 
 namespace kavplat_describe
 {
-
-/* Such as 0000:3b:00.0 */
-bool is_pci_address(std::string_view part);
 
 /* Null: there is no such slot. Which function of it a slot's address names does not
  * matter. */
@@ -34,9 +31,6 @@ location locate(machine &all, const std::string &path);
 
 /* The component that this very device is; null: none is. */
 component *exactly_at(const machine &all, const std::string &path);
-
-/* The number in "nvme0" or "hwmon12" after the stem; empty where that is all. */
-std::optional<unsigned> number_after(std::string_view name, std::string_view stem);
 
 std::string_view last_part(std::string_view path);
 std::string_view without_last_part(std::string_view path);

@@ -1,4 +1,5 @@
 #include "tools/kavplat/describe/locations.h"
+#include "tools/kavplat/describe/parts.h"
 #include "tools/kavplat/describe/pci_names.h"
 #include "tools/kavplat/describe/sources.h"
 
@@ -78,6 +79,33 @@ void identify(const pci_device &each, const pci_names &names, component &into)
          names.subsystem(each.vendor, each.device, each.subsystem_vendor, each.subsystem_device));
 }
 
+/* Slots in which cards come and go. What the board's table says of one is kept. */
+void find_slots(const tree &files, machine &into)
+{
+    const std::string directory = "/sys/bus/pci/slots";
+    for (const std::string &name : files.names(directory)) {
+        const std::string path = directory + '/' + name;
+        const std::string address = files.text(path + "/address");
+        if (!is_pci_address(address + ".0")) {
+            continue;
+        }
+        component *slot = slot_at(into, address);
+        if (slot == nullptr) {
+            slot = &into.add(into.board(), "SLOT" + label_of(name), "pcie-slot", address);
+            slot->capabilities = {"holder"};
+            into.slots[address + ".0"] = slot;
+        }
+        if (files.is_file(path + "/power")) {
+            slot->capabilities.emplace_back("power-readable");
+            slot->keys["power"] = bound_to(files, path + "/power", 1, 1);
+        }
+        if (files.is_file(path + "/adapter")) {
+            add_presence(files, into, *slot, path + "/adapter");
+        }
+        add_indicator(files, into, *slot, "ATTENTION", "led", path + "/attention");
+    }
+}
+
 /* The bridges above a device become components, but for the ports of the root, which
  * are part of processor and chip set, and those that a slot stands for. */
 void add_bridges_above(const pci_devices &devices, const std::string &path, const pci_names &names,
@@ -109,6 +137,7 @@ void find_pci(const tree &files, machine &into)
 {
     const pci_devices devices = devices_of(files);
     const pci_names names;
+    find_slots(files, into);
     for (const auto &[address, each] : devices) {
         const auto *kind = std::ranges::find_if(
             kinds, [&](const auto &known) { return each.number.starts_with(known.number); });

@@ -9,6 +9,7 @@ std::span<const source> sources()
 {
     static constexpr source all[] = {
         {"SMBIOS", find_smbios},
+        {"processors", find_processors},
         {"PCI", find_pci},
         {"drives", find_drives},
         {"network ports", find_network_ports},

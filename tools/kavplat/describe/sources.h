@@ -26,6 +26,9 @@ void find_all(const tree &files, machine &into);
  * sockets, memory, slots. */
 void find_smbios(const tree &files, machine &into);
 
+/* Where SMBIOS has none: by the packages that the kernel knows. */
+void find_processors(const tree &files, machine &into);
+
 /* Cards and devices by their slot, or else by the way to them from the root of PCI; and
  * the bridges above them that are no ports of the root. */
 void find_pci(const tree &files, machine &into);

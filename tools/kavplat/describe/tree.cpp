@@ -1,5 +1,7 @@
 #include "tools/kavplat/describe/tree.h"
 
+#include "described/live/pattern.h"
+#include "tools/kavplat/describe/counted_names.h"
 #include "tools/kavplat/describe/machine.h"
 
 #include <algorithm>
@@ -37,14 +39,6 @@ void push_parts(std::vector<std::string> &onto, std::string_view path)
 bool is_control(char c)
 {
     return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
-}
-
-/* For "hwmon3" the kind "hwmon"; empty when it does not end in a number. */
-std::string_view without_number(std::string_view name)
-{
-    const size_t last = name.find_last_not_of("0123456789");
-    return last == std::string_view::npos || last + 1 == name.size() ? std::string_view()
-                                                                     : name.substr(0, last + 1);
 }
 
 class descriptor
@@ -295,20 +289,22 @@ std::string tree::bound(const std::string &path) const
     std::vector<std::string> parts;
     push_parts(parts, real_path);
     std::ranges::reverse(parts);
+    std::string before;
     for (size_t i = 0; i < parts.size(); i++) {
-        const std::string_view kind = without_number(parts[i]);
         std::string part = parts[i];
-        // Such as hwmon/hwmon3 and nvme/nvme0, when there is no hwmon4 or nvme1 beside it.
-        if (!kind.empty() && i > 0 && parts[i - 1] == kind && so_far.starts_with("/sys/devices/")) {
+        // A file is where it is; below a device there may be a second of the kind.
+        if (std::string star = with_star(part, before);
+            !star.empty() && i + 1 < parts.size() && so_far.starts_with("/sys/devices/")) {
             const std::vector<std::string> beside = names(so_far);
-            if (std::ranges::count_if(beside, [kind](const std::string &each) {
-                    return each.starts_with(kind);
+            if (std::ranges::count_if(beside, [&star](const std::string &each) {
+                    return described_platform::fits(each, star);
                 }) == 1) {
-                part = std::string(kind) + '*';
+                part = std::move(star);
             }
         }
         so_far += '/' + parts[i];
         result += '/' + part;
+        before = parts[i];
     }
     return root_ + result;
 }
