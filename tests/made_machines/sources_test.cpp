@@ -1,0 +1,771 @@
+#include "made_machines/made_machine.h"
+
+#include "check.h"
+#include "described/format/component_types.h"
+#include "described/format/loader.h"
+#include "described/live/live_values.h"
+#include "tools/kavplat/describe/describe.h"
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+
+using namespace kavplat_describe_test;
+namespace platform = described_platform;
+
+namespace
+{
+
+using order = made_machine::order;
+
+kavplat_describe::described describe(const made_machine &machine)
+{
+    kavplat_describe::options asked;
+    asked.root = machine.root();
+    return kavplat_describe::describe(asked);
+}
+
+std::unique_ptr<const platform::description> load(const kavplat_describe::described &it)
+{
+    platform::load_result result = platform::load_text(it.text, "/");
+    for (const platform::load_error &each : result.errors) {
+        ADD_FAILURE() << to_text("description", each);
+    }
+    return std::move(result.loaded);
+}
+
+std::optional<double> value_of(const platform::live_value &value)
+{
+    static platform::live_values values(std::chrono::seconds(5));
+    platform::live_reading reading{&value};
+    values.read({&reading, 1});
+    return reading.result;
+}
+
+std::map<std::string, double> limits_of(const platform::sensor &it)
+{
+    static const std::tuple<const char *, platform::threshold, int> all[] = {
+        {"upper_fatal", platform::upper_fatal, CAPI_UPPER_FATAL_VALID},
+        {"upper_critical", platform::upper_critical, CAPI_UPPER_CRITICAL_VALID},
+        {"upper_non_critical", platform::upper_non_critical, CAPI_UPPER_NON_CRITICAL_VALID},
+        {"lower_fatal", platform::lower_fatal, CAPI_LOWER_FATAL_VALID},
+        {"lower_critical", platform::lower_critical, CAPI_LOWER_CRITICAL_VALID},
+        {"lower_non_critical", platform::lower_non_critical, CAPI_LOWER_NON_CRITICAL_VALID},
+    };
+    std::map<std::string, double> found;
+    for (const auto &[key, which, flag] : all) {
+        if ((it.flags & flag) != 0) {
+            found[key] = std::round(static_cast<double>(it.thresholds[which]) * 1000) / 1000;
+        }
+    }
+    return found;
+}
+
+std::string type_name(uint32_t number)
+{
+    for (const platform::component_type &each : platform::component_types()) {
+        if (each.number == number) {
+            return each.name;
+        }
+    }
+    return std::to_string(number);
+}
+
+void expect_as_built(const built &expected, const platform::component &found)
+{
+    SCOPED_TRACE(found.name);
+    EXPECT_EQ(expected.type, type_name(found.type));
+    const platform::fru_identity fru = found.fru ? *found.fru : platform::fru_identity();
+    EXPECT_EQ(expected.serial, fru.serial);
+    if (!expected.model.empty()) {
+        EXPECT_EQ(expected.model, fru.model);
+    }
+    EXPECT_EQ(expected.revision, fru.software_revision);
+    if (found.sensor != nullptr) {
+        const auto reading = value_of(found.sensor->reading);
+        EXPECT_EQ(expected.reading.has_value(), reading.has_value());
+        EXPECT_NEAR(expected.reading.value_or(0), reading.value_or(0), 1e-6);
+        EXPECT_EQ(expected.limits, limits_of(*found.sensor));
+    } else if (found.indicator) {
+        EXPECT_EQ(expected.reading, value_of(*found.indicator));
+    } else {
+        EXPECT_FALSE(expected.reading.has_value());
+    }
+}
+
+void expect_as_built(const made_machine &machine)
+{
+    const auto description = load(describe(machine));
+    ASSERT_NE(nullptr, description);
+    std::map<std::string, built> missing = machine.list();
+    missing.erase("/SYS");
+    for (const platform::component &each : description->components) {
+        const auto expected = missing.find(each.name);
+        if (expected != missing.end()) {
+            expect_as_built(expected->second, each);
+            missing.erase(expected);
+        } else {
+            EXPECT_TRUE(each.name == "/SYS" || each.name == "/SYS/MB")
+                << each.name << " was not built";
+        }
+    }
+    for (const auto &[name, unused] : missing) {
+        ADD_FAILURE() << name << " is not described";
+    }
+}
+
+const texts core_sensors = {{"temp1_input", "45000"},
+                            {"temp1_label", "Package id 0"},
+                            {"temp1_max", "80000"},
+                            {"temp1_crit", "90000"},
+                            {"temp1_crit_alarm", "0"}};
+
+void expect_cores(made_machine &it, const std::string &on)
+{
+    it.expect(on + "/T_PACKAGE_ID_0",
+              {.type = "temperature-sensor",
+               .reading = 45,
+               .limits = {{"upper_non_critical", 80}, {"upper_critical", 90}}});
+    it.expect(on + "/T_PACKAGE_ID_0_CRIT_ALARM", {.type = "fault-sensor", .reading = 1});
+}
+
+void build_nvme(made_machine &it, const std::string &device, const std::string &name, unsigned n)
+{
+    const built drive{.type = "nvme-disk",
+                      .serial = "S64GNE0T" + std::to_string(1000 + n),
+                      .model = "Flash 960",
+                      .revision = "GDC5902Q"};
+    const std::string controller = it.nvme(device, drive);
+    it.expect(name, drive);
+    /* What a drive says that has no limits of its own. */
+    it.hwmon(controller, "nvme",
+             {{"temp1_input", std::to_string(30000 + 1000 * n)},
+              {"temp1_label", "Composite"},
+              {"temp1_max", "65261850"},
+              {"temp1_min", "-273150"},
+              {"temp1_crit", "84850"},
+              {"temp1_alarm", "0"}});
+    it.expect(
+        name + "/T_COMPOSITE",
+        {.type = "temperature-sensor", .reading = 30.0 + n, .limits = {{"upper_critical", 84.85}}});
+    it.expect(name + "/T_COMPOSITE_ALARM", {.type = "fault-sensor", .reading = 1});
+}
+
+void build_card(made_machine &it, const std::string &bridge, const std::string &name)
+{
+    for (unsigned i = 0; i < 2; ++i) {
+        const std::string function = it.below(bridge, "00." + std::to_string(i), "020000");
+        const std::string mac = "00:1b:21:00:00:0" + std::to_string(i);
+        const std::string adapter = name + std::to_string(i);
+        it.port(function, 0, mac);
+        it.expect(adapter, {.type = "network-adapter"});
+        it.expect(adapter + "/PORT0", {.type = "network-port", .serial = mac});
+    }
+    /* A share for a guest. */
+    const std::string share = it.below(bridge, "02.0", "020000");
+    it.link(share + "/physfn", bridge);
+    it.port(share, 0, "02:00:00:00:00:99");
+}
+
+void build_shelf(made_machine &it)
+{
+    const std::string controller = it.below(it.pci("0000:ae", "00.0", "060400"), "00.0", "010700");
+    it.expect("/SYS/MB/HBAAE-0-0", {.type = "storage-controller"});
+    const std::string number = it.counted("host").substr(4);
+    const std::string host = controller + "/host" + number;
+    it.file("/sys/class/scsi_host/host" + number + "/proc_name", "mpt3sas\n");
+    const std::string shelf =
+        it.shelf(host + "/end_device-" + number + ":9", 40, "500304801f3b6c7f");
+    const std::string name = "/SYS/SHELF_500304801F3B6C7F";
+    it.expect(name, {.type = "enclosure",
+                     .serial = "SH-500304801f3b6c7f",
+                     .model = "S4-24",
+                     .revision = "0105"});
+    for (unsigned slot = 0; slot < 12; ++slot) {
+        const std::string bay = name + "/HDD" + std::to_string(slot);
+        const bool full = slot % 4 != 3;
+        std::string device;
+        if (full) {
+            const built drive{.type = "disk",
+                              .serial = "ZA1000" + std::to_string(slot),
+                              .model = "ST8000NM",
+                              .revision = "E004"};
+            device =
+                it.scsi(host, "end_device-" + number + ':' + std::to_string(slot), slot, drive);
+            it.expect(bay + "/DISK", drive);
+        }
+        const int fault = slot == 1 ? 2 : slot == 2 ? 4 : 0;
+        it.bay(shelf, slot, device, fault, slot == 5 ? 1 : 0);
+        it.expect(bay, {.type = "drive-bay"});
+        it.expect(bay + "/PRSNT", {.type = "presence-sensor", .reading = full ? 2 : 1});
+        it.expect(bay + "/LOCATE", {.type = "locate-led", .reading = slot == 5 ? 2 : 1});
+        it.expect(bay + "/FAULT", {.type = "fault-led", .reading = 1 + fault / 2});
+        it.expect(bay + "/ACT", {.type = "led", .reading = 1});
+    }
+    /* An array is made of drives, and is none. */
+    it.scsi(host, "target", 90,
+            {.type = "disk", .serial = "ARRAY", .model = "Array", .revision = "1"});
+}
+
+void build_server(made_machine &it)
+{
+    it.processors(2, 4, "Processor 6230R");
+    for (unsigned i = 0; i < 2; ++i) {
+        const std::string name = "/SYS/MB/P" + std::to_string(i);
+        it.expect(name, {.type = "processor", .model = "Processor 6230R"});
+        it.hwmon("/sys/devices/platform/coretemp." + std::to_string(i), "coretemp", core_sensors);
+        expect_cores(it, name);
+    }
+    for (unsigned i = 0; i < 8; ++i) {
+        const std::string bridge = it.pci("0000:17", "0" + std::to_string(i) + ".0", "060400");
+        const std::string drive = it.below(bridge, "00.0", "010802");
+        const std::string slot = std::to_string(20 + i);
+        it.slot(slot, drive, true);
+        build_nvme(it, drive, "/SYS/MB/SLOT" + slot + "/NVME0", i);
+    }
+    build_shelf(it);
+    const std::string bridge = it.pci("0000:85", "02.0", "060400");
+    it.slot("4", bridge, false);
+    build_card(it, bridge, "/SYS/MB/SLOT4/NET");
+    const std::string errors = "/sys/devices/system/edac/mc/mc0/dimm0/";
+    it.file(errors + "dimm_label", "CPU_SrcID#0_Chan#0_DIMM#0\n");
+    it.file(errors + "dimm_location", "channel 0 slot 0\n");
+    it.file(errors + "size", "32768\n");
+    it.file(errors + "dimm_ue_count", "3\n");
+    it.file(errors + "dimm_ce_count", "60\n");
+    const std::string module = "/SYS/MB/DIMM_MC0_CHANNEL_0_SLOT_0";
+    it.expect(module, {.type = "memory-module"});
+    it.expect(module + "/UE",
+              {.type = "fault-sensor", .reading = 3, .limits = {{"upper_critical", 1}}});
+    it.expect(module + "/CE",
+              {.type = "predictive-sensor", .reading = 60, .limits = {{"upper_non_critical", 50}}});
+}
+
+void build_workstation(made_machine &it)
+{
+    it.processors(1, 8, "Processor 9 5900X");
+    it.expect("/SYS/MB/P0", {.type = "processor", .model = "Processor 9 5900X"});
+    const std::string node = it.pci("0000:00", "18.3", "060000");
+    it.hwmon(node, "k10temp", {{"temp1_input", "51250"}, {"temp1_label", "Tctl"}});
+    it.expect("/SYS/MB/P0/T_TCTL", {.type = "temperature-sensor", .reading = 51.25});
+    const std::string board = "/sys/devices/platform/nct6775.656";
+    it.hwmon(board, "nct6798",
+             {{"in0_input", "992"},
+              {"in0_min", "0"},
+              {"in0_max", "1744"},
+              {"in0_alarm", "1"},
+              {"fan2_input", "1180"},
+              {"fan2_min", "300"},
+              {"temp1_input", "34000"},
+              {"temp1_label", "SYSTIN"},
+              {"temp1_max", "0"},
+              {"temp2_input", "35000"},
+              {"temp2_label", "AUX"},
+              {"temp3_input", "36000"},
+              {"temp3_label", "AUX"},
+              {"temp3_fault", "0"},
+              {"intrusion0_alarm", "0"},
+              {"pwm2", "128"}});
+    const std::string chip = "NCT6798_";
+    it.expect(
+        "/SYS/MB/V_" + chip + "0",
+        {.type = "voltage-sensor", .reading = 0.992, .limits = {{"upper_non_critical", 1.744}}});
+    it.expect("/SYS/MB/V_" + chip + "0_ALARM", {.type = "fault-sensor", .reading = 2});
+    it.expect("/SYS/MB/FAN_" + chip + "2",
+              {.type = "tachometer", .reading = 1180, .limits = {{"lower_non_critical", 300}}});
+    it.expect("/SYS/MB/T_" + chip + "SYSTIN", {.type = "temperature-sensor", .reading = 34});
+    it.expect("/SYS/MB/T_" + chip + "AUX_2", {.type = "temperature-sensor", .reading = 35});
+    it.expect("/SYS/MB/T_" + chip + "AUX_3", {.type = "temperature-sensor", .reading = 36});
+    it.expect("/SYS/MB/T_" + chip + "AUX_3_FAULT", {.type = "fault-sensor", .reading = 1});
+    it.expect("/SYS/MB/INTRUSION_" + chip + "0_ALARM", {.type = "fault-sensor", .reading = 1});
+
+    const std::string controller = it.pci("0000:00", "17.0", "010601");
+    it.expect("/SYS/MB/HBA17.0", {.type = "storage-controller"});
+    const built ssd{.type = "solid-state-disk",
+                    .serial = "S3Z8NB0K123456",
+                    .model = "Solid State Drive 860 PRO 512GB",
+                    .revision = "RVM01B6Q"};
+    const built dvd{
+        .type = "optical-drive", .serial = "K8YD", .model = "DVDRAM GH24NSD1", .revision = "LG00"};
+    const std::string drive = it.sata(controller, 3, ssd);
+    it.sata(controller, 6, dvd);
+    it.hwmon(drive, "drivetemp",
+             {{"temp1_input", "29000"},
+              {"temp1_lcrit", "-40000"},
+              {"temp1_min", "0"},
+              {"temp1_max", "70000"},
+              {"temp1_crit", "60000"}});
+    it.expect("/SYS/MB/HBA17.0/DISK2", ssd);
+    it.expect("/SYS/MB/HBA17.0/DVD5", dvd);
+    it.expect(
+        "/SYS/MB/HBA17.0/DISK2/T_1",
+        {.type = "temperature-sensor",
+         .reading = 29,
+         .limits = {{"lower_critical", -40}, {"lower_non_critical", 0}, {"upper_critical", 60}}});
+
+    /* A card with a switch on it, of which two chips hang. */
+    const std::string root = it.pci("0000:00", "01.1", "060400");
+    const std::string top = it.below(root, "00.0", "060400");
+    for (const char *port : {"08.0", "09.0"}) {
+        const std::string part = std::string("/SYS/MB/BRIDGE1.1-0/BRIDGE") + port[1] + ".0";
+        it.below(it.below(top, port, "060400"), "00.0", "030200");
+        it.expect(part, {.type = "io-module"});
+        it.expect(part + "/GPU0", {.type = "accelerator"});
+    }
+    it.below(top, "0a.0", "060400"); /* nothing hangs below this one */
+    it.expect("/SYS/MB/BRIDGE1.1-0", {.type = "io-module"});
+    const std::string usb = it.pci("0000:00", "14.0", "0c0330");
+    it.port(usb + "/usb1/1-2/1-2.1/1-2.1:1.0", 0, "00:e0:4c:68:00:01");
+    it.expect("/SYS/MB/NET_USB2.1", {.type = "network-port", .serial = "00:e0:4c:68:00:01"});
+    it.file("/sys/devices/virtual/block/loop0/size", "8\n");
+    it.link("/sys/block/loop0", "/sys/devices/virtual/block/loop0");
+    it.file("/sys/devices/virtual/net/lo/address", "00:00:00:00:00:00\n");
+    it.link("/sys/class/net/lo", "/sys/devices/virtual/net/lo");
+}
+
+void build_laptop(made_machine &it)
+{
+    it.processors(1, 4, "Processor i7-8565U");
+    it.expect("/SYS/MB/P0", {.type = "processor", .model = "Processor i7-8565U"});
+    it.hwmon("/sys/devices/platform/coretemp.0", "coretemp", core_sensors);
+    expect_cores(it, "/SYS/MB/P0");
+    const std::string battery = it.supply("BAT0", {{"type", "Battery"},
+                                                   {"present", "1"},
+                                                   {"status", "Discharging"},
+                                                   {"health", "Overheat"},
+                                                   {"capacity", "87"},
+                                                   {"voltage_now", "12345000"},
+                                                   {"power_now", "8100000"},
+                                                   {"energy_full", "45000000"},
+                                                   {"energy_full_design", "50000000"},
+                                                   {"manufacturer", "Cells"},
+                                                   {"model_name", "45N1"},
+                                                   {"serial_number", "4711"}});
+    /* The same once more, by its own driver. */
+    it.hwmon(battery, "BAT0", {{"in0_input", "12345"}});
+    it.supply("AC", {{"type", "Mains"}, {"online", "0"}});
+    it.supply("hidpp_battery_0", {{"type", "Battery"}, {"scope", "Device"}});
+    it.expect("/SYS/BAT0", {.type = "battery", .serial = "4711", .model = "45N1"});
+    it.expect("/SYS/BAT0/PRSNT", {.type = "presence-sensor", .reading = 2});
+    it.expect("/SYS/BAT0/CHARGE", {.type = "usage-sensor", .reading = 87});
+    it.expect("/SYS/BAT0/V", {.type = "voltage-sensor", .reading = 12.345});
+    it.expect("/SYS/BAT0/V_0", {.type = "voltage-sensor", .reading = 12.345});
+    it.expect("/SYS/BAT0/P", {.type = "power-sensor", .reading = 8.1});
+    it.expect("/SYS/BAT0/LIFE", {.type = "usage-sensor", .reading = 90});
+    it.expect("/SYS/BAT0/CHARGING", {.type = "state-sensor", .reading = 1});
+    it.expect("/SYS/BAT0/DISCHARGING", {.type = "state-sensor", .reading = 2});
+    it.expect("/SYS/BAT0/HEALTH", {.type = "fault-sensor", .reading = 2});
+    it.expect("/SYS/AC", {.type = "ac-power-supply"});
+    it.expect("/SYS/AC/ONLINE", {.type = "state-sensor", .reading = 1});
+    const std::string bridge = it.pci("0000:00", "1d.4", "060400");
+    build_nvme(it, it.below(bridge, "00.0", "010802"), "/SYS/MB/NVME1D.4-0", 3);
+    const auto light = [&](const std::string &path, const char *brightest, const char *brightness) {
+        it.file(path + "/brightness", brightness);
+        it.file(path + "/max_brightness", brightest);
+        it.link("/sys/class/leds/" + path.substr(path.rfind('/') + 1), path);
+    };
+    light("/sys/devices/platform/i8042/serio0/input/input3/input3::capslock", "1\n", "1\n");
+    light("/sys/devices/platform/thinkpad/leds/tpacpi::power", "255\n", "255\n");
+    light("/sys/devices/platform/thinkpad/leds/tpacpi::kbd_backlight", "2\n", "0\n");
+    it.expect("/SYS/LED_TPACPI_POWER", {.type = "power-led", .reading = 2});
+    const auto zone = [&](const char *type, const char *temperature) {
+        const std::string path = "/sys/devices/virtual/thermal/" + it.counted("thermal_zone");
+        it.file(path + "/type", type);
+        it.file(path + "/temp", temperature);
+        it.file(path + "/trip_point_0_type", "critical\n");
+        it.file(path + "/trip_point_0_temp", "110000\n");
+        it.link("/sys/class/thermal/" + path.substr(path.rfind('/') + 1), path);
+    };
+    zone("x86_pkg_temp\n", "45000\n"); /* as the processor's own sensor says */
+    zone("INT3400 Thermal\n", "20000\n");
+    it.expect("/SYS/MB/T_INT3400_THERMAL",
+              {.type = "temperature-sensor", .reading = 20, .limits = {{"upper_fatal", 110}}});
+}
+
+void build_small_computer(made_machine &it)
+{
+    it.processors(1, 4, "");
+    it.expect("/SYS/MB/P0", {.type = "processor"});
+    const std::string zone = "/sys/devices/virtual/thermal/" + it.counted("thermal_zone");
+    it.file(zone + "/type", "cpu-thermal\n");
+    it.file(zone + "/temp", "48312\n");
+    it.link("/sys/class/thermal/" + zone.substr(zone.rfind('/') + 1), zone);
+    it.expect("/SYS/MB/P0/T_CPU-THERMAL", {.type = "temperature-sensor", .reading = 48.312});
+    it.port("/sys/devices/platform/scb/fd580000.ethernet", 0, "dc:a6:32:00:00:01");
+    it.expect("/SYS/MB/NET_FD580000.ETHERNET_0",
+              {.type = "network-port", .serial = "dc:a6:32:00:00:01"});
+    const std::string led = "/sys/devices/platform/leds/leds/ACT";
+    it.file(led + "/brightness", "0\n");
+    it.file(led + "/max_brightness", "255\n");
+    it.link("/sys/class/leds/ACT", led);
+    it.expect("/SYS/LED_ACT", {.type = "led", .reading = 1});
+    const std::string dog = "/sys/devices/platform/soc/fe100000.watchdog";
+    it.file(dog + "/watchdog/watchdog0/state", "active\n");
+    it.link(dog + "/watchdog/watchdog0/device", dog);
+    it.link("/sys/class/watchdog/watchdog0", dog + "/watchdog/watchdog0");
+    it.expect("/SYS/MB/WATCHDOG_FE100000.WATCHDOG", {.type = "state-sensor", .reading = 2});
+}
+
+struct kind_of_machine {
+    const char *name;
+    void (*build)(made_machine &it);
+};
+
+std::ostream &operator<<(std::ostream &out, const kind_of_machine &each)
+{
+    return out << each.name;
+}
+
+class machines : public testing::TestWithParam<kind_of_machine>
+{
+};
+
+INSTANTIATE_TEST_SUITE_P(all, machines,
+                         testing::Values(kind_of_machine{"rack_server", build_server},
+                                         kind_of_machine{"workstation", build_workstation},
+                                         kind_of_machine{"laptop", build_laptop},
+                                         kind_of_machine{"virtual_machine", [](made_machine &) {}},
+                                         kind_of_machine{"single_board_computer",
+                                                         build_small_computer}),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+TEST_P(machines, are_described_as_they_were_built)
+{
+    made_machine machine;
+    GetParam().build(machine);
+    expect_as_built(machine);
+}
+
+std::vector<std::string> names_in_order(const made_machine &machine)
+{
+    std::vector<std::string> names;
+    const auto description = nlohmann::json::parse(describe(machine).text);
+    for (const auto &each : description.at("components")) {
+        names.push_back(each.at("name"));
+    }
+    EXPECT_EQ("/SYS", names.at(0));
+    return names;
+}
+
+TEST_P(machines, keep_names_and_order_when_the_kernel_counts_otherwise)
+{
+    made_machine one;
+    made_machine other(order::backwards);
+    GetParam().build(one);
+    GetParam().build(other);
+    EXPECT_EQ(names_in_order(one), names_in_order(other));
+    expect_as_built(other);
+}
+
+TEST_P(machines, pass_the_check_without_a_warning)
+{
+    made_machine machine;
+    GetParam().build(machine);
+    const auto description = load(describe(machine));
+    ASSERT_NE(nullptr, description);
+    for (const auto &each : kavplat_check::warnings(*description)) {
+        ADD_FAILURE() << to_text("", each);
+    }
+    for (const auto &each : kavplat_check::file_warnings(*description, "")) {
+        ADD_FAILURE() << to_text("", each);
+    }
+}
+
+/* What is in one order in both, and all of the second. */
+bool is_part_of(const std::vector<std::string> &all, const std::vector<std::string> &some)
+{
+    auto from = all.begin();
+    return std::ranges::all_of(some, [&](const std::string &name) {
+        from = std::find(from, all.end(), name);
+        return from != all.end();
+    });
+}
+
+/* Each thing goes with all that hangs on it, as when it is pulled. */
+TEST_P(machines, keep_all_other_names_when_one_thing_is_gone)
+{
+    namespace fs = std::filesystem;
+    constexpr size_t most_of_one = 12; /* a battery, or the chip on the board, with its sensors */
+    made_machine machine;
+    GetParam().build(machine);
+    const std::vector<std::string> before = names_in_order(machine);
+    std::map<fs::path, fs::path> links; /* and where on the disk they lead */
+    for (const char *place : {"/sys/class/nvme", "/sys/class/hwmon", "/sys/class/net", "/sys/block",
+                              "/sys/class/leds", "/sys/class/power_supply"}) {
+        if (fs::exists(machine.on_disk(place))) {
+            for (const auto &each : fs::directory_iterator(machine.on_disk(place))) {
+                links[each.path()] = fs::canonical(each.path());
+            }
+        }
+    }
+    for (const auto &[thing, device] : links) {
+        std::map<fs::path, fs::path> gone;
+        for (const auto &[link, target] : links) {
+            if (link == thing || target.string().starts_with(device.string() + '/')) {
+                gone[link] = fs::read_symlink(link);
+                fs::remove(link);
+            }
+        }
+        /* A zone may show itself now, of which a sensor said the same. */
+        std::vector<std::string> after = names_in_order(machine);
+        std::erase_if(after, [&](const std::string &name) {
+            return std::ranges::find(before, name) == before.end();
+        });
+        EXPECT_TRUE(is_part_of(before, after)) << thing;
+        EXPECT_GE(after.size() + most_of_one, before.size()) << thing;
+        for (const auto &[link, target] : gone) {
+            fs::create_symlink(target, link);
+        }
+    }
+}
+
+TEST(drives, are_those_of_the_machine_and_no_others)
+{
+    made_machine machine;
+    const std::string controller = machine.pci("0000:00", "03.0", "010400");
+    const built drive{.type = "disk", .serial = "S1", .model = "M1", .revision = "R1"};
+    const auto host_of = [&](const char *driver, const std::string &below) {
+        const std::string host = machine.counted("host");
+        machine.file("/sys/class/scsi_host/" + host + "/proc_name", driver);
+        return below + '/' + host;
+    };
+    machine.expect("/SYS/MB/HBA3.0", {.type = "storage-controller"});
+    const std::string raid = host_of("megaraid_sas", controller);
+    machine.scsi(raid, "target", 4, drive);
+    machine.expect("/SYS/MB/HBA3.0/DISK0.4", drive);
+    machine.scsi(host_of("hpsa", controller), "x", 0, drive, {{"raid_level", "RAID 5\n"}});
+    machine.scsi(host_of("aacraid", controller), "x", 0, drive);
+    machine.scsi(host_of("iscsi_tcp", "/sys/devices/platform"), "session1", 0, drive);
+    machine.scsi(host_of("qla2xxx", controller), "rport-3:0-0", 0, drive);
+    machine.scsi(host_of("usb-storage", controller + "/usb2/2-1/2-1:1.0"), "x", 0, drive);
+    machine.scsi(host_of("virtio_scsi", controller + "/virtio3"), "x", 0, drive);
+    built made_up = drive;
+    made_up.model = "VBOX HARDDISK";
+    machine.scsi(host_of("ahci", controller), "x", 0, made_up);
+    machine.file("/sys/devices/virtual/nvme-fabrics/ctl/nvme7/model", "Far away\n");
+    machine.link("/sys/class/nvme/nvme7", "/sys/devices/virtual/nvme-fabrics/ctl/nvme7");
+    expect_as_built(machine);
+}
+
+TEST(drives, are_identified_by_udev_where_the_kernel_says_less)
+{
+    made_machine machine;
+    const std::string host = machine.pci("0000:00", "03.0", "010700") + "/host0";
+    const built drive{.type = "disk", .model = "Short model", .revision = "1"};
+    const std::string device = machine.scsi(host, "end_device-0:1", 1, drive, {{"vpd_pg80", ""}});
+    machine.file(host + "/end_device-0:1/sas_device/end_device-0:1/bay_identifier", "7\n");
+    machine.file("/run/udev/data/b8:0", "S:disk/by-id/x\nE:ID_MODEL=Short_model\n"
+                                        "E:ID_MODEL_ENC=Long\\x20model\\x20\n"
+                                        "E:ID_SERIAL_SHORT=5000c500\nE:ID_SCSI_SERIAL=ZC1\n"
+                                        "E:ID_REVISION=E004\n");
+    machine.expect("/SYS/MB/HBA3.0", {.type = "storage-controller"});
+    machine.expect("/SYS/MB/HBA3.0/DISK7",
+                   {.type = "disk", .serial = "ZC1", .model = "Long model", .revision = "E004"});
+    expect_as_built(machine);
+}
+
+TEST(network, a_port_of_a_bond_has_its_own_address)
+{
+    made_machine machine;
+    const std::string adapter = machine.pci("0000:00", "03.0", "020000");
+    machine.port(adapter, 0, "02:00:00:00:00:01");
+    machine.port(adapter, 1, "02:00:00:00:00:01");
+    machine.file(adapter + "/net/eth0/addr_assign_type", "3\n");
+    machine.file(adapter + "/net/eth0/bonding_slave/perm_hwaddr", "00:1b:21:00:00:01\n");
+    machine.file(adapter + "/net/eth1/addr_assign_type", "1\n");
+    machine.expect("/SYS/MB/NET3.0", {.type = "network-adapter"});
+    machine.expect("/SYS/MB/NET3.0/PORT0", {.type = "network-port", .serial = "00:1b:21:00:00:01"});
+    machine.expect("/SYS/MB/NET3.0/PORT1", {.type = "network-port"});
+    expect_as_built(machine);
+}
+
+TEST(sensors, have_the_kernel_s_units_and_the_limits_that_make_sense)
+{
+    using limits = std::map<std::string, double>;
+    const struct {
+        const char *stem;
+        texts files;
+        const char *label;
+        built expected;
+    } cases[] = {
+        {"temp1",
+         {{"input", "-5000"},
+          {"lcrit", "-10000"},
+          {"min", "-8000"},
+          {"max", "70000"},
+          {"crit", "80000"},
+          {"emergency", "90000"}},
+         "T",
+         {"temperature-sensor", "", "", "", -5,
+          limits{{"lower_critical", -10},
+                 {"lower_non_critical", -8},
+                 {"upper_non_critical", 70},
+                 {"upper_critical", 80},
+                 {"upper_fatal", 90}}}},
+        {"temp1",
+         {{"input", "1000"}, {"max", "127000"}, {"crit", "100000"}, {"min", "100000"}},
+         "T",
+         {"temperature-sensor", "", "", "", 1, limits{{"upper_critical", 100}}}},
+        {"temp1",
+         {{"input", "1000"}, {"max", "hot"}, {"crit", "0"}},
+         "T",
+         {"temperature-sensor", "", "", "", 1, {}}},
+        {"temp1", {{"input", ""}}, "T", {"temperature-sensor", "", "", "", std::nullopt, {}}},
+        {"in1",
+         {{"input", "12050"}, {"min", "11400"}, {"max", "12600"}, {"crit", "12600"}},
+         "V",
+         {"voltage-sensor", "", "", "", 12.05,
+          limits{{"lower_non_critical", 11.4},
+                 {"upper_non_critical", 12.6},
+                 {"upper_critical", 12.6}}}},
+        {"curr1", {{"input", "250"}, {"max", "0"}}, "I", {"current-sensor", "", "", "", 0.25, {}}},
+        {"power1",
+         {{"average", "65500000"}, {"crit", "250000000"}},
+         "P",
+         {"power-sensor", "", "", "", 65.5, limits{{"upper_critical", 250}}}},
+        {"energy1", {{"input", "2500000"}}, "E", {"usage-sensor", "", "", "", 2.5, {}}},
+        {"humidity1", {{"input", "45300"}}, "RH", {"humidity-sensor", "", "", "", 45.3, {}}},
+        {"fan1",
+         {{"input", "0"}, {"min", "600"}, {"max", "500"}},
+         "FAN",
+         {"tachometer", "", "", "", 0, limits{{"upper_non_critical", 500}}}},
+    };
+    for (const auto &each : cases) {
+        made_machine machine;
+        texts files;
+        for (const auto &[key, text] : each.files) {
+            files.emplace_back(std::string(each.stem) + '_' + key, text);
+        }
+        machine.hwmon("/sys/devices/platform/chip.1", "chip", files);
+        machine.expect(std::string("/SYS/MB/") + each.label + "_CHIP.1_1", each.expected);
+        SCOPED_TRACE(each.stem);
+        expect_as_built(machine);
+    }
+}
+
+TEST(bindings, survive_another_count_and_another_card)
+{
+    made_machine machine;
+    const std::string bridge = machine.pci("0000:00", "1d.4", "060400");
+    build_nvme(machine, machine.below(bridge, "00.0", "010802"), "/SYS/MB/NVME1D.4-0", 3);
+    const auto description = load(describe(machine));
+    const auto reading = [&] {
+        return value_of(platform::find_component(*description, "/SYS/MB/NVME1D.4-0/T_COMPOSITE")
+                            ->sensor->reading);
+    };
+    EXPECT_EQ(33, reading());
+    const std::filesystem::path below = machine.on_disk(bridge);
+    std::filesystem::rename(below / "0000:64:00.0/nvme/nvme0/hwmon0",
+                            below / "0000:64:00.0/nvme/nvme0/hwmon9");
+    EXPECT_EQ(33, reading());
+    std::filesystem::rename(below / "0000:64:00.0/nvme/nvme0", below / "0000:64:00.0/nvme/nvme4");
+    EXPECT_EQ(33, reading());
+    std::filesystem::rename(below / "0000:64:00.0", below / "0000:66:00.0");
+    EXPECT_EQ(33, reading());
+}
+
+/* A description comes out, and nothing in it had to be left out. */
+void expect_good(const made_machine &machine, const std::string &what)
+{
+    const kavplat_describe::described result = describe(machine);
+    const auto description = load(result);
+    EXPECT_NE(nullptr, description) << what;
+    for (const std::string &each : result.complaints) {
+        EXPECT_EQ(std::string::npos, each.find("left out")) << what << ": " << each;
+    }
+}
+
+TEST(hostile_trees, give_a_good_description_in_bounded_time)
+{
+    made_machine machine;
+    build_workstation(machine);
+    const std::filesystem::path classes = machine.on_disk("/sys/class");
+    for (int i = 0; i < 50; ++i) {
+        const std::string number = std::to_string(i);
+        std::filesystem::create_directory_symlink(".", classes / ("hwmon/hwmon" + number + "0"));
+        machine.link("/sys/class/power_supply/loop" + number,
+                     "/sys/class/power_supply/loop" + std::to_string((i + 1) % 50));
+    }
+    const std::string many = "/sys/devices/platform/many";
+    texts channels;
+    for (int i = 0; i < 1000; ++i) {
+        channels.emplace_back("temp" + std::to_string(i) + "_label", std::string(300, 'x'));
+    }
+    channels.emplace_back("temp7_input", std::string(100000, '7'));
+    channels.emplace_back("temp8_input", "8");
+    machine.hwmon(many, "many\x1b[2J\n\xff", channels);
+    const std::string pipe = "/sys/devices/platform/pipe/hwmon/hwmon77";
+    machine.directory(pipe);
+    machine.link("/sys/class/hwmon/hwmon77", pipe);
+    for (const char *name : {"/name", "/temp1_input", "/temp1_label", "/temp1_max"}) {
+        ASSERT_EQ(0, ::mkfifo(machine.on_disk(pipe + name).c_str(), 0600));
+    }
+    machine.file("/sys/devices/platform/odd/leds/a\nb::c/brightness", "1");
+    machine.link("/sys/class/leds/a\nb::c", "/sys/devices/platform/odd/leds/a\nb::c");
+    const std::clock_t begin = std::clock();
+    expect_good(machine, "hostile");
+    EXPECT_LT(static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC, 20);
+    EXPECT_TRUE(is_part_of(names_in_order(machine), {"/SYS/MB/HBA17.0", "/SYS/MB/HBA17.0/DISK2"}));
+}
+
+/* One file or link after the other becomes something else. */
+TEST(hostile_trees, of_any_kind_give_a_good_description)
+{
+    constexpr int rounds = 20;
+    constexpr size_t changes = 25;
+    uint32_t state = 20240607;
+    const auto random = [&state](size_t below) {
+        state = state * 1664525U + 1013904223U;
+        return static_cast<size_t>(state >> 8U) % below;
+    };
+    for (int round = 0; round < rounds; ++round) {
+        made_machine machine;
+        void (*const build)(made_machine &) = round % 2 == 0 ? build_workstation : build_laptop;
+        build(machine);
+        std::vector<std::filesystem::path> all;
+        for (const auto &each : std::filesystem::recursive_directory_iterator(machine.root())) {
+            all.push_back(each.path());
+        }
+        std::ranges::sort(all);
+        for (size_t i = 0; i < changes; ++i) {
+            const std::filesystem::path &path = all[random(all.size())];
+            std::error_code ignored;
+            std::filesystem::remove_all(path, ignored);
+            static const std::string texts_of_old[] = {"",
+                                                       "-1\n",
+                                                       "9223372036854775807",
+                                                       "0x",
+                                                       "\xff\xfe\x00\x01",
+                                                       "../../..",
+                                                       std::string(5000, 'A'),
+                                                       "1e999",
+                                                       "/SYS//x\n",
+                                                       "\xc3",
+                                                       std::string(40, '\x07')};
+            switch (random(5)) {
+            case 0:
+                ::mkfifo(path.c_str(), 0600);
+                break;
+            case 1:
+                std::filesystem::create_symlink(all[random(all.size())], path, ignored);
+                break;
+            case 2:
+                std::filesystem::create_symlink("..", path, ignored);
+                break;
+            case 3:
+                std::filesystem::create_directory(path, ignored);
+                break;
+            default:
+                std::ofstream(path) << texts_of_old[random(std::size(texts_of_old))];
+            }
+        }
+        expect_good(machine, "round " + std::to_string(round));
+    }
+}
+
+} // namespace
