@@ -66,7 +66,7 @@ std::string example_configuration()
         text.replace(at, installed.size(), KAVPLAT_MODULE);
         at += sizeof KAVPLAT_MODULE - 1;
     }
-    EXPECT_EQ(modules, 3U);
+    EXPECT_EQ(modules, 5U);
     return text;
 }
 
