@@ -13,13 +13,13 @@ namespace
 constexpr oid root[] = {1, 3, 6, 1, 2, 1, 131, 1, 1};
 
 // What is served is what is noted, so that states and time go together.
-void look_and_note(phys_entry &entry)
+void look_and_note(phys_entry &entry) KAV_REQUIRES(cache_lock)
 {
     look_at_states(entry);
     note_states(entry);
 }
 
-entity_states current(phys_entry &entry)
+entity_states current(phys_entry &entry) KAV_REQUIRES(cache_lock)
 {
     look_and_note(entry);
     // In the first hundredth of a second of its up-time the agent knows no time of a
@@ -28,7 +28,7 @@ entity_states current(phys_entry &entry)
 }
 
 // A DateAndTime of 11 octets: in UTC, and saying so.
-cell last_changed(phys_entry &entry)
+cell last_changed(phys_entry &entry) KAV_REQUIRES(cache_lock)
 {
     using namespace std::chrono;
     look_and_note(entry);
@@ -48,12 +48,12 @@ cell last_changed(phys_entry &entry)
 }
 
 template <int32_t entity_states::*State>
-int32_t state(phys_entry &entry)
+int32_t state(phys_entry &entry) KAV_REQUIRES(cache_lock)
 {
     return current(entry).*State;
 }
 
-cell alarm(phys_entry &entry)
+cell alarm(phys_entry &entry) KAV_REQUIRES(cache_lock)
 {
     return {.length = 1, .octets = {static_cast<u_char>(current(entry).alarm)}};
 }

@@ -534,7 +534,7 @@ class watcher : public watching
     {
         init_snmp_once();
         fake_system::on_snmp_alarm_register.set(
-            [this](unsigned, unsigned flags, SNMPAlarmCallback *callback, void *) {
+            [](unsigned, unsigned flags, SNMPAlarmCallback *callback, void *) {
                 EXPECT_EQ(flags, unsigned{SA_REPEAT});
                 last_alarm = callback;
                 return 1U;

@@ -139,8 +139,9 @@ void find_pci(const tree &files, machine &into)
     const pci_names names;
     find_slots(files, into);
     for (const auto &[address, each] : devices) {
-        const auto *kind = std::ranges::find_if(
-            kinds, [&](const auto &known) { return each.number.starts_with(known.number); });
+        const auto *kind = std::ranges::find_if(kinds, [&number = each.number](const auto &known) {
+            return number.starts_with(known.number);
+        });
         if (kind == std::end(kinds) || files.is_directory(each.path + "/physfn")) {
             continue; /* virtual functions come and go as somebody sets them up */
         }

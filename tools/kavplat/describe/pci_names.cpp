@@ -18,8 +18,8 @@ constexpr int longest = 256;
 /* Such as of a database that is not there. */
 void say_nothing(char *, ...) {}
 
-/* Without memory; the library expects no return. */
-[[noreturn]] void give_up(char *, ...)
+/* Without memory; the library expects no return, and that of the function's type. */
+__attribute__((noreturn)) void give_up(char *, ...)
 {
     std::abort();
 }
