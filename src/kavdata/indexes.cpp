@@ -1,6 +1,7 @@
 // Which index a new row gets, and how that is remembered.
 #include "kavdata/cache_internal.h"
 #include "kavdata/index_file.h"
+#include "kavdata/mutex.h"
 
 #include <algorithm>
 #include <climits>
@@ -27,28 +28,16 @@ struct memory {
 };
 
 // Guards the memory. Only the lock of the names is taken under it.
-pthread_mutex_t indexes_mutex = PTHREAD_MUTEX_INITIALIZER;
-memory *remembered = nullptr; // null: nothing is remembered
-bool is_prepared = false;
+mutex indexes_mutex;
+memory *remembered KAV_GUARDED_BY(indexes_mutex) = nullptr; // null: nothing is remembered
+bool is_prepared KAV_GUARDED_BY(indexes_mutex) = false;
 
 // One write at a time, in the order of the changes. Before the other.
-pthread_mutex_t writing_mutex = PTHREAD_MUTEX_INITIALIZER;
+mutex writing_mutex;
 
 // The lock of the file: open to the end of the process and in every fork of it.
-int file_lock = -1;
-char locked_path[PATH_MAX];
-
-class held
-{
-  public:
-    explicit held(pthread_mutex_t &mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
-    ~held() { pthread_mutex_unlock(&mutex_); }
-    held(const held &) = delete;
-    held &operator=(const held &) = delete;
-
-  private:
-    pthread_mutex_t &mutex_;
-};
+int file_lock KAV_GUARDED_BY(indexes_mutex) = -1;
+char locked_path[PATH_MAX] KAV_GUARDED_BY(indexes_mutex);
 
 void log_no_memory()
 {
@@ -56,7 +45,7 @@ void log_no_memory()
 }
 
 // Of a file that this process, or the parent of a fork, has locked it is kept.
-bool take_lock(const char *path, std::string &why)
+bool take_lock(const char *path, std::string &why) KAV_REQUIRES(indexes_mutex)
 {
     if (file_lock >= 0 && strcmp(path, locked_path) == 0) {
         return true;
@@ -70,7 +59,7 @@ bool take_lock(const char *path, std::string &why)
 }
 
 // Null, with what is wrong told, where nothing can be remembered.
-std::unique_ptr<memory> open_memory(const char *path)
+std::unique_ptr<memory> open_memory(const char *path) KAV_REQUIRES(indexes_mutex)
 {
     constexpr const char *caller = "prepare_indexes";
     if (path[0] != '/') {
@@ -154,7 +143,7 @@ uint32_t give_remembered(memory &known, const capi_inventory_record &record)
 void prepare_indexes()
 {
     const char *path = getenv("KAVPLAT_INDEX_FILE");
-    const held lock(indexes_mutex);
+    const lock_guard lock(indexes_mutex);
     if (is_prepared) {
         return;
     }
@@ -170,7 +159,7 @@ void prepare_indexes()
 
 uint32_t give_index(const capi_inventory_record &record)
 {
-    const held lock(indexes_mutex);
+    const lock_guard lock(indexes_mutex);
     if (remembered) {
         try {
             return give_remembered(*remembered, record);
@@ -186,17 +175,17 @@ uint32_t give_index(const capi_inventory_record &record)
 
 uint32_t highest_remembered()
 {
-    const held lock(indexes_mutex);
+    const lock_guard lock(indexes_mutex);
     return remembered ? remembered->indexes.highest : 0;
 }
 
 void save_indexes()
 try {
-    const held writing(writing_mutex);
+    const lock_guard writing(writing_mutex);
     std::string path;
     std::string text;
     {
-        const held lock(indexes_mutex);
+        const lock_guard lock(indexes_mutex);
         if (!remembered || !remembered->has_changed) {
             return;
         }
@@ -206,7 +195,7 @@ try {
     }
     std::string why;
     const bool is_written = write_index_file(path, text, why);
-    const held lock(indexes_mutex);
+    const lock_guard lock(indexes_mutex);
     if (is_written && remembered->has_failed) {
         snmp_log(LOG_INFO, "%s:%s is written again\n", "save_indexes", path.c_str());
     } else if (!is_written && !remembered->has_failed) {
@@ -220,11 +209,11 @@ try {
     log_no_memory();
 }
 
-void forget_indexes()
+void forget_indexes() KAV_NOT_ANALYSED
 {
     // Who held them is not in this process, and may have stopped half-way.
-    indexes_mutex = PTHREAD_MUTEX_INITIALIZER;
-    writing_mutex = PTHREAD_MUTEX_INITIALIZER;
+    indexes_mutex.renew();
+    writing_mutex.renew();
     static memory *left_behind = nullptr;
     if (remembered) {
         remembered->left = left_behind;
