@@ -584,6 +584,33 @@ TEST(network, a_port_of_a_bond_has_its_own_address)
     expect_as_built(machine);
 }
 
+TEST(network, a_port_says_what_the_kernel_calls_its_interface)
+{
+    for (const order each : {order::forwards, order::backwards}) {
+        made_machine machine(each);
+        const std::string adapter = machine.pci("0000:00", "03.0", "020000");
+        machine.port(adapter, 0, "02:00:00:00:00:01");
+        const auto description = load(describe(machine));
+        EXPECT_EQ(each == order::forwards ? "eth0" : "eth99",
+                  platform::find_component(*description, "/SYS/MB/NET3.0/PORT0")->interface);
+        EXPECT_EQ("", platform::find_component(*description, "/SYS/MB/NET3.0")->interface);
+    }
+}
+
+TEST(slots, say_whether_their_card_has_power_where_the_kernel_can_tell)
+{
+    made_machine machine;
+    machine.slot("1", machine.pci("0000:17", "00.0", "060400"), true);
+    machine.slot("2", machine.pci("0000:17", "01.0", "060400"), false);
+    const auto description = load(describe(machine));
+    const auto &power = platform::find_component(*description, "/SYS/MB/SLOT1")->power;
+    ASSERT_TRUE(power);
+    EXPECT_EQ(CAPI_POWER_ON, value_of(*power));
+    machine.file("/sys/bus/pci/slots/1/power", "0\n");
+    EXPECT_EQ(CAPI_POWER_OFF, value_of(*power));
+    EXPECT_FALSE(platform::find_component(*description, "/SYS/MB/SLOT2")->power);
+}
+
 TEST(sensors, have_the_kernel_s_units_and_the_limits_that_make_sense)
 {
     using limits = std::map<std::string, double>;
