@@ -569,6 +569,25 @@ TEST(drives, are_identified_by_udev_where_the_kernel_says_less)
     expect_as_built(machine);
 }
 
+TEST(cards, have_no_alias_that_is_their_model_once_more)
+{
+    made_machine machine;
+    const std::string adapter = machine.pci("0000:00", "03.0", "020000");
+    for (const char *vendor : {"/vendor", "/subsystem_vendor"}) {
+        machine.file(adapter + vendor, "0x1af4\n");
+    }
+    for (const char *device : {"/device", "/subsystem_device"}) {
+        machine.file(adapter + device, "0x1041\n");
+    }
+    const auto description = load(describe(machine));
+    const auto &fru = platform::find_component(*description, "/SYS/MB/NET3.0")->fru;
+    if (!fru) {
+        GTEST_SKIP() << "built without the library of names";
+    }
+    EXPECT_NE("", fru->model);
+    EXPECT_EQ("", fru->alias);
+}
+
 TEST(network, a_port_of_a_bond_has_its_own_address)
 {
     made_machine machine;

@@ -75,8 +75,11 @@ void identify(const pci_device &each, const pci_names &names, component &into)
     };
     give(into.fru.model, names.device(each.vendor, each.device));
     give(into.fru.manufacturer, names.vendor(each.vendor));
-    give(into.fru.alias,
-         names.subsystem(each.vendor, each.device, each.subsystem_vendor, each.subsystem_device));
+    std::string card =
+        names.subsystem(each.vendor, each.device, each.subsystem_vendor, each.subsystem_device);
+    if (card != into.fru.model) { /* which the database gives where it knows no card */
+        give(into.fru.alias, std::move(card));
+    }
 }
 
 /* Slots in which cards come and go. What the board's table says of one is kept. */
