@@ -56,7 +56,8 @@ END
 for command in g++ cmake ninja snmpd snmpwalk perl pgrep unshare pidof; do
     stub "$command" </dev/null
 done
-printf '%s\n' libsnmp-dev libbsd-dev nlohmann-json3-dev libcli11-dev libpci-dev >"$KAVPLAT_INSTALLED"
+printf '%s\n' libsnmp-dev libbsd-dev nlohmann-json3-dev libcli11-dev libpci-dev libudev-dev \
+    >"$KAVPLAT_INSTALLED"
 
 # The directories of system commands are appended by the script: a case can only
 # take away what this machine has not got there. So the script is run with those

@@ -2,6 +2,7 @@
 
 #include "tools/kavplat/describe/describe.h"
 #include "tools/kavplat/describe/output.h"
+#include "tools/kavplat/describe/watch.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>
@@ -43,19 +44,27 @@ const kavplat::subcommand kavplat::describe = {
                         "Look at another machine, whose /sys, /proc and /run stand below DIR")
             ->type_name("DIR")
             ->capture_default_str();
-        command
-            .add_option("--output", asked->output,
-                        "Write here, at once and never half, and only what differs; without it to "
-                        "standard output")
-            ->type_name("FILE");
+        CLI::Option *output =
+            command
+                .add_option(
+                    "--output", asked->output,
+                    "Write here, at once and never half, and only what differs; without it to "
+                    "standard output")
+                ->type_name("FILE");
         command.add_flag("!--no-serials", asked->serials,
                          "Leave out what tells this machine from another of the same make");
         command
             .add_option("--merge", asked->merge,
                         "A description whose components and keys are laid over what was found")
             ->type_name("FILE");
+        const auto is_watch = std::make_shared<bool>(false);
+        command
+            .add_flag("--watch", *is_watch,
+                      "Go on until SIGTERM and write the file anew when the machine changes")
+            ->needs(output);
         command.footer(
             "Exits with 0 when there is a description, whatever could not be read, with 1\n"
             "when there is none, and with 2 when it was called in another way than this.");
-        return [asked] { return run(*asked); };
+        return
+            [asked, is_watch] { return *is_watch ? kavplat_describe::watch(*asked) : run(*asked); };
     }};
