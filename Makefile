@@ -27,7 +27,7 @@ help:
 	@echo "make soak           agents under load while everything changes   MINUTES=n  of each build"
 	@echo "make bench          how quick the agent is, beside others, as ratios   ROUNDS=n  of measuring"
 	@echo "make mutants        does a test of the rooms notice each changed line?   SAMPLE=n SEED=n ROOMS=a,b"
-	@echo "make tidy           clang-tidy over src/, described/ and tools/"
+	@echo "make tidy           clang-tidy over DIRECTORIES: src described tools"
 	@echo "make format-check   is everything formatted?   make format  formats it"
 	@echo "make clean          remove build/"
 	@echo "run, test, test-portability, coverage, bench, mutants, tidy and format-check install what Debian packages they miss."
@@ -108,10 +108,11 @@ mutants: ROOMS := hashtable,kavdata,table,monitor,kavPlatMIB
 mutants: setup-check
 	tests/mutants/run --sample $(SAMPLE) --seed $(SEED) --rooms $(ROOMS)
 
+tidy: DIRECTORIES := src described tools
 tidy: setup-check
 	cmake --preset dev
 	cmake --build --preset dev
-	git ls-files 'src/*.cpp' 'described/*.cpp' 'tools/*.cpp' | xargs -P $(JOBS) -n 1 clang-tidy --quiet -p build/dev
+	git ls-files $(DIRECTORIES:%='%/*.cpp') | xargs -P $(JOBS) -n 1 clang-tidy --quiet -p build/dev
 
 format:
 	$(SOURCES) | xargs clang-format -i
