@@ -245,7 +245,7 @@ std::string set_aside(const std::string &path, std::string &why)
 {
     constexpr int most_kept = 1000;
     for (int i = 1; i <= most_kept; i++) {
-        const std::string kept = path + ".broken-" + std::to_string(i);
+        std::string kept = path + ".broken-" + std::to_string(i);
         struct stat status;
         if (lstat(kept.c_str(), &status) == 0) {
             continue;
