@@ -35,7 +35,7 @@ pci_names::pci_names() : access_(::pci_alloc())
 {
     /* Only names are asked for, nothing is probed; and no file of the user's is read.
      * The probing would have set what the library calls. */
-    access_->id_lookup_mode = PCI_LOOKUP_NO_NUMBERS;
+    access_->id_lookup_mode = PCI_LOOKUP_NO_NUMBERS | PCI_LOOKUP_NO_HWDB; // which it leaks
     access_->error = give_up;
     access_->warning = say_nothing;
     access_->debug = say_nothing;
