@@ -13,7 +13,8 @@
 #include <memory>
 #include <sys/stat.h>
 
-// Null where the platform does without it.
+// Null where the platform does without it, which is all that this adds to the header.
+// NOLINTNEXTLINE(readability-redundant-declaration)
 extern "C" int capi_get_interface_name(const char *nac_name, char *buffer, int length)
     __attribute__((weak));
 
