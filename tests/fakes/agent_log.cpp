@@ -186,8 +186,10 @@ agent_log::agent_log(std::initializer_list<const char *> debug_tokens)
         }
         handler->handler = catch_piece;
     }
-    // net-snmp announces each token in the log; that is not for the test.
+    // net-snmp announces each token in the log; that is not for the test. It frees the
+    // names of those before, but goes on counting them, up to the 256 that it takes.
     snmp_debug_shutdown();
+    debug_num_tokens = 0;
     for (const char *token : debug_tokens) {
         std::string copy = token;
         debug_register_tokens(copy.data());
