@@ -261,7 +261,8 @@ TEST_P(slow_readings, are_waited_for_only_while_nobody_watches)
     if (GetParam() != 0) {
         EXPECT_LT(worst, 1);
     } else {
-        EXPECT_GE(worst, 2 * sensors) << "else nothing was slow";
+        // One reading at least: both at once only if the second grew old during the first.
+        EXPECT_GE(worst, 2) << "else nothing was slow";
     }
 }
 
