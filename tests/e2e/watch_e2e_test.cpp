@@ -162,10 +162,12 @@ TEST_F(watched_server, tells_of_changed_hardware_five_seconds_apart_and_of_the_l
             ASSERT_TRUE(receiver.comes(config_change)) << receiver.output();
         }
     }
-    ASSERT_LT(seconds_since(begin), 5) << "the machine is too slow for this test";
+    const double changing = seconds_since(begin);
     ASSERT_TRUE(receiver.comes(config_change, 2)) << receiver.output();
     EXPECT_GE(seconds_since(begin), 5);
-    EXPECT_EQ(receiver.lines_with(config_change).size(), 2U) << receiver.text();
+    // One more for each five seconds that a busy machine needed for the changes.
+    EXPECT_LE(receiver.lines_with(config_change).size(), 2 + static_cast<size_t>(changing / 5))
+        << receiver.text();
     EXPECT_EQ(receiver.lines_with(raised).size(), 0U);
 }
 
