@@ -1,7 +1,7 @@
 # What people type. CMake and CTest do the work; see CMakePresets.json.
 
-# KAVPLAT_PORT, DESCRIPTION and DESTDIR reach the commands through the environment.
-export KAVPLAT_PORT DESCRIPTION DESTDIR
+# KAVPLAT_PORT, MACHINE, DESCRIPTION and DESTDIR reach the commands through the environment.
+export KAVPLAT_PORT MACHINE DESCRIPTION DESTDIR
 PREFIX ?= /usr/local
 SOURCES = git ls-files '*.c' '*.cpp' '*.h'
 JOBS := $(shell nproc)
@@ -12,6 +12,7 @@ TEST_JOBS := $(shell echo $$((2 * $$(nproc))))
 
 help:
 	@echo "make run            serve servers/rack-2u.json by a private snmpd on 127.0.0.1:1161"
+	@echo "                    MACHINE=1  this machine itself, and what changes"
 	@echo "                    DESCRIPTION=file  another server    KAVPLAT_PORT=n  another port"
 	@echo "make test           build everything and run all tests"
 	@echo "make test-portability   the tests and the agent on foreign architectures, by qemu"

@@ -6,25 +6,27 @@ set -euo pipefail
 source_dir=$1 build_dir=$2 case=$3
 scratch=$(mktemp -d)
 export KAVPLAT_RUN=$scratch/run
-unset DESCRIPTION KAVPLAT_WAIT
+unset MACHINE DESCRIPTION KAVPLAT_WAIT
 output=$scratch/output
 runner=
 
-# The agent's command line names the scratch directory, which no other has.
-agents() {
+# Their command lines name the scratch directory, which no other has.
+running() { # COMMAND
     local file
     for file in /proc/[0-9]*/cmdline; do
-        if { tr '\0' ' ' <"$file"; } 2>/dev/null | grep -q "snmpd .*$scratch/run"; then
+        if { tr '\0' ' ' <"$file"; } 2>/dev/null | grep -q "$1 .*$scratch/run"; then
             file=${file%/cmdline}
             echo "${file##*/}"
         fi
     done
 }
+agents() { running snmpd; }
+watchers() { running 'kavplat describe --watch'; }
 # shellcheck disable=SC2317 # called by the trap
 clean_up() {
     [[ -z $runner ]] || kill -KILL "$runner" 2>/dev/null || true
     local pid
-    for pid in $(agents); do
+    for pid in $(agents) $(watchers); do
         kill -KILL "$pid" 2>/dev/null || true
     done
     rm -rf -- "$scratch"
@@ -44,7 +46,7 @@ until_so() { # WHAT COMMAND...: within 60 seconds
         sleep 0.05
     done
 }
-no_agents() { [[ -z $(agents) ]]; }
+no_agents() { [[ -z $(agents) && -z $(watchers) ]]; }
 said() { grep -q -- "$1" "$output"; }
 
 free_port() {
@@ -149,6 +151,39 @@ refuses_a_port_in_use)
     [[ $status -eq 1 ]] || fail "exit status $status"
     said "UDP port $KAVPLAT_PORT on 127.0.0.1 is not to be had: Address already in use" ||
         fail "it does not say why"
+    [[ ! -e $scratch/run ]] || fail "it had begun before it looked"
+    ;;
+serves_this_machine | ends_what_watches_this_machine_when_killed)
+    export MACHINE=1
+    start
+    machine=$scratch/run/machine.json
+    in_file=$(grep -c '"name":' "$machine")
+    said "serving $in_file entities of $machine" || fail "not all $in_file are served"
+    said '^ *1 */SYS ' || fail "the sample does not show the root"
+    ! said 'edit .*and ask again' || fail "it tells to edit what is written anew"
+    [[ $(watchers | wc -l) -eq 1 ]] || fail "nobody keeps the description current"
+    until_so "what watches says that it does" \
+        grep -q "kavplat describe: $machine: describes this machine" "$scratch/run/agent.log"
+    if [[ $case == serves_this_machine ]]; then
+        kill -INT -- "-$runner"
+        status_of_runner
+        [[ $(<"$scratch/status") -eq 0 ]] || fail "exit status $(<"$scratch/status")"
+        no_agents || fail "it left an agent behind, or what watches"
+    else
+        kill -KILL "$runner"
+        status_of_runner
+        until_so "both end with a killed run-agent" no_agents
+    fi
+    ;;
+refuses_another_machine_and_two_servers)
+    refused() { # MACHINE DESCRIPTION WHY
+        local status=0
+        MACHINE=$1 DESCRIPTION=$2 "$source_dir/tools/run-agent" "$build_dir" >"$output" 2>&1 || status=$?
+        [[ $status -eq 1 ]] || fail "exit status $status"
+        said "$3" || fail "it does not say why"
+    }
+    refused yes '' "MACHINE is 'yes', but it is 1, or not set"
+    refused 1 "$source_dir/servers/minimal.json" 'MACHINE and DESCRIPTION are both set, but'
     [[ ! -e $scratch/run ]] || fail "it had begun before it looked"
     ;;
 refuses_a_bad_description)
