@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <filesystem>
+#include <map>
 #include <regex>
 #include <set>
 
@@ -175,46 +177,92 @@ TEST(kavplat_commands, end_with_the_status_that_they_document)
     EXPECT_TRUE(read_file(page).starts_with("<!DOCTYPE html>"));
 }
 
-// The long options of a text; a hyphen may be written as roff has it.
-std::set<string> options_in(string text)
+// What of a text is like this; a hyphen may be written as roff has it.
+std::set<string> all_like(const char *pattern, string text)
 {
     for (size_t at = text.find("\\-"); at != string::npos; at = text.find("\\-", at)) {
         text.erase(at, 1);
     }
     std::set<string> found;
-    const std::regex option("--[a-z]+(-[a-z]+)*");
-    for (std::sregex_iterator at(text.begin(), text.end(), option), end; at != end; ++at) {
-        found.insert(at->str());
+    const std::regex wanted(pattern);
+    for (std::sregex_iterator at(text.begin(), text.end(), wanted), end; at != end; ++at) {
+        found.insert(at->str(1));
     }
-    found.erase("--help");
     return found;
 }
 
-TEST(kavplat_manual, has_each_option_that_the_help_has_and_no_other)
+string help_of(const string &subcommand)
 {
-    const std::pair<const char *, std::vector<string>> pages[] = {
-        {"kavplat-tree.1", {"tree"}},
-        {"kavplat-health.1", {"health"}},
-        {"kavplat-watch.1", {"watch"}},
-        {"kavplat-plug.1", {"plug", "unplug", "set"}}};
-    for (const auto &[page, commands] : pages) {
-        const string manual = read_file(string(KAVPLAT_SOURCE_DIR "/docs/man/") + page);
-        std::set<string> wanted;
-        for (const string &command : commands) {
-            const command_result help =
-                run_command(quoted(KAVPLAT_COMMAND) + " " + command + " --help");
-            EXPECT_EQ(help.status, 0);
-            EXPECT_NE(help.output.find("Example:\n  kavplat " + command), string::npos) << command;
-            EXPECT_NE(help.output.find("Exits with 0"), string::npos) << command;
-            wanted.merge(options_in(help.output));
-        }
-        EXPECT_EQ(options_in(manual), wanted) << page;
-        const command_result formatted = run_command(
-            "groff -man -ww -z -Tutf8 " + quoted(string(KAVPLAT_SOURCE_DIR "/docs/man/") + page));
-        if (formatted.status != 127) {
-            EXPECT_EQ(formatted.output, "") << page;
-        }
+    const command_result help = run_command(quoted(KAVPLAT_COMMAND) + " " + subcommand + " --help");
+    EXPECT_EQ(help.status, 0) << subcommand;
+    return help.output;
+}
+
+string section(const string &manual, const string &title)
+{
+    const size_t begin = manual.find("\n.SH " + title + "\n");
+    return begin == string::npos ? ""
+                                 : manual.substr(begin, manual.find("\n.SH ", begin + 1) - begin);
+}
+
+TEST(kavplat_manual, says_of_each_subcommand_what_its_help_says)
+{
+    const string command = help_of("");
+    const std::set<string> subcommands =
+        all_like("\n  ([a-z]+) ", command.substr(command.find("Subcommands:")));
+    EXPECT_GE(subcommands.size(), 9U) << command;
+
+    // One page may be that of several, which refer to it.
+    std::map<string, std::vector<string>> pages;
+    const string directory = KAVPLAT_SOURCE_DIR "/docs/man/";
+    for (const string &each : subcommands) {
+        const string page = "kavplat-" + each + ".1";
+        ASSERT_TRUE(std::filesystem::exists(directory + page)) << each << " has no page";
+        const std::set<string> other =
+            all_like("^[.]so man1/(kavplat-[a-z]+[.]1)\n$", read_file(directory + page));
+        pages[other.empty() ? page : *other.begin()].push_back(each);
     }
+    for (const auto &[page, commands] : pages) {
+        const string manual = read_file(directory + page);
+        const char *const long_option = "(--[a-z]+(?:-[a-z]+)*)";
+        std::set<string> options;
+        std::set<string> statuses;
+        for (const string &each : commands) {
+            const string help = help_of(each);
+            EXPECT_NE(help.find("\nExample:\n  kavplat " + each + " "), string::npos) << help;
+            options.merge(all_like(long_option, help));
+            statuses.merge(all_like("\\bwith ([0-9])\\b", help));
+            for (const string &option : all_like("\n  (-[A-Za-z])[, ]", help)) {
+                EXPECT_TRUE(option == "-h" || all_like("(-[A-Za-z])\\b", manual).contains(option))
+                    << page << " says nothing of " << option;
+            }
+            EXPECT_TRUE(
+                all_like("\n[.]B kavplat ([a-z]+)", section(manual, "SYNOPSIS")).contains(each))
+                << page;
+        }
+        options.erase("--help");
+        EXPECT_EQ(all_like(long_option, manual), options) << page;
+        EXPECT_EQ(all_like("[.]TP\n([0-9])\n", section(manual, "EXIT STATUS")), statuses) << page;
+        EXPECT_GE(statuses.size(), 3U) << page;
+        EXPECT_NE(section(manual, "EXAMPLE"), "") << page;
+    }
+}
+
+TEST(kavplat_manual, is_roff_without_a_fault)
+{
+    // A page that refers to another names it as it is installed.
+    const temporary_directory installed;
+    std::filesystem::create_directory_symlink(KAVPLAT_SOURCE_DIR "/docs/man", installed / "man1");
+    size_t pages = 0;
+    for (const auto &each : std::filesystem::directory_iterator(KAVPLAT_SOURCE_DIR "/docs/man")) {
+        const command_result formatted =
+            run_command("cd " + quoted(installed.path()) +
+                        " && groff -man -ww -z -Tutf8 -rCHECKSTYLE=3 " + quoted(each.path()));
+        EXPECT_EQ(formatted.output, "") << each.path();
+        EXPECT_EQ(formatted.status, 0) << each.path();
+        pages++;
+    }
+    EXPECT_GE(pages, 10U);
 }
 
 TEST(kavplat_completion, knows_subcommands_options_and_names)

@@ -242,7 +242,8 @@ std::function<int()> add_to(CLI::App &command)
     CLI::Option *list = command.add_flag("--list", asked->list,
                                          "Print the checks and what each one checks, no more");
     const CLI::Option *library =
-        command.add_option("LIBRARY", asked->library, "What implements the platform contract");
+        command.add_option("LIBRARY", asked->library, "What implements the platform contract")
+            ->type_name("");
     command.add_option("--only", asked->only, "Run this check alone; may be given again")
         ->type_name("NAME")
         ->allow_extra_args(false)
@@ -263,8 +264,11 @@ std::function<int()> add_to(CLI::App &command)
             throw CLI::RequiredError("LIBRARY or --list");
         }
     });
-    command.footer("Exits with 0 when no promise is broken, 1 when one is, 2 when the library\n"
-                   "cannot be loaded, an option is wrong or the command failed.");
+    command.footer(
+        "Example:\n"
+        "  kavplat conformance ./libminimal.so\n"
+        "Exits with 0 when no promise is broken, with 1 when one is, with 2 when the library\n"
+        "cannot be loaded, an option is wrong or the command failed.");
     return [asked] { return hold_to_the_contract(*asked); };
 }
 

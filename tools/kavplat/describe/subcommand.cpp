@@ -51,8 +51,9 @@ const kavplat::subcommand kavplat::describe = {
                     "Write here, at once and never half, and only what differs; without it to "
                     "standard output")
                 ->type_name("FILE");
-        command.add_flag("!--no-serials", asked->serials,
-                         "Leave out what tells this machine from another of the same make");
+        command.add_flag_callback(
+            "--no-serials", [asked] { asked->serials = false; },
+            "Leave out what tells this machine from another of the same make");
         command
             .add_option("--merge", asked->merge,
                         "A description whose components and keys are laid over what was found")
@@ -63,6 +64,8 @@ const kavplat::subcommand kavplat::describe = {
                       "Go on until SIGTERM and write the file anew when the machine changes")
             ->needs(output);
         command.footer(
+            "Example:\n"
+            "  kavplat describe --output /etc/kavplat/server.json\n"
             "Exits with 0 when there is a description, whatever could not be read, with 1\n"
             "when there is none, and with 2 when it was called in another way than this.");
         return
