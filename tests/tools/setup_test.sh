@@ -129,7 +129,7 @@ expect "no root, no sudo: nothing is tried" not called '^apt-get'
 expect "no root, no sudo: nothing is fetched" not called '^fetch'
 
 # What else the tasks ask for, where it is no package of the same name.
-for command in nm smilint clang++ {s390x,i686,powerpc}-linux-gnu-g++ qemu-s390x dpkg-source; do
+for command in nm smilint systemd-analyze clang++ {s390x,i686,powerpc}-linux-gnu-g++ qemu-s390x dpkg-source; do
     stub "$command" </dev/null
 done
 stub ninja </dev/null
