@@ -306,6 +306,17 @@ int capi_get_indicator(int, const char *nac_name, struct capi_indicator_record *
     });
 }
 
+int capi_get_indicator_meaning(const char *nac_name, int32_t *meaning)
+{
+    return with_component(nac_name, [&](const component &found) {
+        if (found.indicator_meaning == 0 || meaning == nullptr) {
+            return failure;
+        }
+        *meaning = found.indicator_meaning;
+        return 0;
+    });
+}
+
 int capi_get_fru_info(const char *nac_name, struct capi_fru_record *record)
 {
     return with_component(nac_name, [&](const component &found) {

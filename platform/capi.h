@@ -162,6 +162,13 @@ enum capi_indicator_state {
     CAPI_INDICATOR_STANDBY_BLINK = 5
 };
 
+/* What it means that an indicator is on: capi_get_indicator_meaning. An indicator that
+ * shows an activity or a place, or that all is well, has none of these. */
+enum capi_indicator_meaning {
+    CAPI_MEANS_SERVICE = 1, /* somebody is to look after the component: a warning */
+    CAPI_MEANS_FAULT = 2    /* the component has failed: critical */
+};
+
 /* capi_get_power_state; any other value is an unknown state */
 enum capi_power_state {
     CAPI_POWER_OFF = 1,
@@ -350,6 +357,13 @@ int capi_is_sensor_with_OK_semantics(const void *sensor);
 
 /* Reads an indicator. The first argument is always 0. */
 int capi_get_indicator(int reserved, const char *nac_name, struct capi_indicator_record *record);
+
+/* *meaning becomes an enum capi_indicator_meaning: what is raised on the component that
+ * holds this indicator while that is on or blinks, however it blinks. It is asked once,
+ * when the row of an indicator is made. Fails for an indicator that means none of these,
+ * and for what is no indicator.
+ * Optional: a platform may do without this call, and then no indicator raises anything. */
+int capi_get_indicator_meaning(const char *nac_name, int32_t *meaning);
 
 /* *state becomes an enum capi_power_state. The first argument is always 0. */
 int capi_get_power_state(int reserved, const char *nac_name, int32_t *state);

@@ -67,6 +67,12 @@ inline constexpr named_code indicator_codes[] = {
     {"standby-blink", CAPI_INDICATOR_STANDBY_BLINK},
 };
 
+/* What it means that an indicator is on. */
+inline constexpr named_code meaning_codes[] = {
+    {"service", CAPI_MEANS_SERVICE},
+    {"fault", CAPI_MEANS_FAULT},
+};
+
 inline constexpr named_code sensor_class_codes[] = {
     {"threshold", CAPI_SENSOR_THRESHOLD},
     {"discrete", CAPI_SENSOR_DISCRETE},

@@ -212,10 +212,27 @@ void read_sensor(reading_state &state, const json &value, const place &here, com
     }
 }
 
+/* By its name alone: managers are told a severity for it, so it has to be one of these. */
+void read_meaning(reading_state &state, const json &value, const place &here, component &into)
+{
+    const auto *found = value.is_string()
+                            ? std::ranges::find(meaning_codes, value.get_ref<const std::string &>(),
+                                                &named_code::name)
+                            : std::end(meaning_codes);
+    if (found == std::end(meaning_codes)) {
+        complain(state, here, "\"service\" or \"fault\"", value, {"service", "fault"});
+        return;
+    }
+    into.indicator_meaning = static_cast<int32_t>(found->value);
+}
+
 void read_indicator(reading_state &state, const json &value, const place &here, component &into)
 {
     fields object(state, value, here);
     object.live("state", indicator_codes, any_code, into.indicator, need::required);
+    if (const json *meaning = object.value("means"); meaning != nullptr) {
+        read_meaning(state, *meaning, object.at("means"), into);
+    }
     object.end();
 }
 

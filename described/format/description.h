@@ -101,9 +101,10 @@ struct component {
     rare<live_value> enable;
     std::unique_ptr<struct sensor> sensor;
     rare<live_value> indicator;
-    size_t position = 0;    /* in the file's array */
-    size_t subtree_end = 0; /* the components from this one up to here, exclusive, are
-                               this one and all below it */
+    int32_t indicator_meaning = 0; /* enum capi_indicator_meaning; 0: none */
+    size_t position = 0;           /* in the file's array */
+    size_t subtree_end = 0;        /* the components from this one up to here, exclusive, are
+                                      this one and all below it */
 };
 
 /* Says whether a file may have changed since it was read. */

@@ -38,6 +38,7 @@ difference compare(const component &before, const component &after)
     const bool is_sensor = before.sensor != nullptr;
     if (before.type != after.type || before.capabilities != after.capabilities ||
         before.fru != after.fru || before.interface != after.interface ||
+        before.indicator_meaning != after.indicator_meaning ||
         is_sensor != (after.sensor != nullptr) ||
         (is_sensor && !same_identity(*before.sensor, *after.sensor))) {
         return difference::identity;

@@ -112,7 +112,7 @@ void look_at_sensor(phys_entry &entry) KAV_REQUIRES(cache_lock);
 // Asks the platform for what the entity's states depend on and was not asked for within
 // the last ten seconds, with whatever result: the administrative and the enable state
 // where there are such; of a sensor a look at it; of a component a look at each sensor
-// that it holds.
+// that it holds, and at each indicator of which is known what it means.
 void look_at_states(phys_entry &entry) KAV_REQUIRES(cache_lock);
 
 // The states by what the cache holds now; asks nobody.

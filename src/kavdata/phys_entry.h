@@ -189,6 +189,10 @@ typedef struct phys_entry {
     uint8_t capiCaps[10];
     uint32_t capiComponentType;
 
+    /* What it means that this indicator is on, enum capi_indicator_meaning; 0: nothing
+     * that is known. */
+    int32_t indicatorMeaning;
+
     /* The host's name of the network interface that a port is; owned, null: none. */
     char *interfaceName;
 

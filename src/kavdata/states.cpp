@@ -31,18 +31,31 @@ bool is_instrument(const phys_entry &entry)
     return is_sensor(entry) && entry.capiComponentType != CAPI_TYPE_SLOT_IDENTITY;
 }
 
-// Calls f with each of the instruments of a component; other entities have none.
+// As an instrument, but of what is raised alone: somebody said what it means that it is on.
+bool is_telling_indicator(const phys_entry &entry)
+{
+    return is_indicator(entry) && entry.indicatorMeaning != 0;
+}
+
+// Calls f with each that `is_one` of what a component holds; a sensor or an indicator is
+// no component that something is said of.
 template <class F>
-void for_each_instrument(const phys_entry &component, F &&f)
+void for_each_held(const phys_entry &component, bool (*is_one)(const phys_entry &), F &&f)
 {
     if (is_sensor(component) || is_indicator(component)) {
         return;
     }
     for (phys_entry *held = first_held(component); held; held = next_held(*held)) {
-        if (is_instrument(*held)) {
+        if (is_one(*held)) {
             f(*held);
         }
     }
+}
+
+template <class F>
+void for_each_instrument(const phys_entry &component, F &&f)
+{
+    for_each_held(component, is_instrument, f);
 }
 
 // ---- What a sensor says ----
@@ -143,6 +156,32 @@ uint32_t alarms_of_sensor(const phys_entry &sensor)
     }
 }
 
+// However it blinks: who built it chose that. One that cannot be read, or shows what is not
+// known here, raises nothing.
+bool is_lit(const phys_entry &indicator)
+{
+    return indicator.look.outcome == LOOK_READ && !indicator.look.disabled &&
+           (indicator.alarmCol2 == kavPlatAlarmState::steady ||
+            indicator.alarmCol2 == kavPlatAlarmState::alternating);
+}
+
+// What an indicator raises on the component that holds it; nothing on its own row, for it
+// is not what has failed.
+uint32_t alarms_by_indicator(const phys_entry &indicator)
+{
+    if (!is_lit(indicator)) {
+        return 0;
+    }
+    switch (indicator.indicatorMeaning) {
+    case CAPI_MEANS_SERVICE:
+        return bit(entStateAlarm::warning);
+    case CAPI_MEANS_FAULT:
+        return bit(entStateAlarm::critical);
+    default:
+        return 0;
+    }
+}
+
 uint32_t alarms_of(const phys_entry &entry)
 {
     if (is_sensor(entry)) {
@@ -151,6 +190,9 @@ uint32_t alarms_of(const phys_entry &entry)
     uint32_t raised = 0;
     for_each_instrument(
         entry, [&raised](const phys_entry &instrument) { raised |= alarms_of_sensor(instrument); });
+    for_each_held(entry, is_telling_indicator, [&raised](const phys_entry &indicator) {
+        raised |= alarms_by_indicator(indicator);
+    });
     // That one of its sensors does not read is an alarm of that sensor's row.
     return raised & ~bit(entStateAlarm::unknown);
 }
@@ -248,28 +290,53 @@ int32_t standby_of(const phys_entry &entry, int32_t oper)
                                                  : entStateStandby::providingService;
 }
 
+// ---- Asking ----
+
+constexpr char looking[] = "look_at_states";
+
+// Of all but sensors, which are looked at as a whole.
+void look_at_enable_state(phys_entry &entry, uint32_t now)
+{
+    if (!has_enable_state(entry) || is_current(entry.look.state_time, now)) {
+        return;
+    }
+    const uint32_t last_read = entry.lastReadTime;
+    apply_enable_state(looking, entry, ask_enable_state(entry.entPhysicalName), now);
+    if (is_indicator(entry)) {
+        // Or its table would take the indicator as read.
+        entry.lastReadTime = last_read;
+    }
+}
+
+void look_at_indicator(phys_entry &entry)
+{
+    const uint32_t now = agent_uptime();
+    look_at_enable_state(entry, now);
+    if (is_current(entry.look.time, now)) {
+        return;
+    }
+    const call_answer answer = ask_indicator(entry.entPhysicalName);
+    if (answer.status != 0) {
+        log_failed_indicator(entry.entPhysicalName);
+    }
+    apply_indicator(entry, answer, now);
+}
+
 } // namespace
 
 void look_at_states(phys_entry &entry)
 {
-    constexpr char caller[] = "look_at_states";
     const uint32_t now = agent_uptime();
     if (has_admin_state(entry) && !is_current(entry.adminTime, now)) {
-        apply_admin_state(caller, entry, ask_admin_state(entry.entPhysicalName), now);
+        apply_admin_state(looking, entry, ask_admin_state(entry.entPhysicalName), now);
     }
     if (is_sensor(entry)) {
         look_at_sensor(entry);
         return;
     }
-    if (has_enable_state(entry) && !is_current(entry.look.state_time, now)) {
-        const uint32_t last_read = entry.lastReadTime;
-        apply_enable_state(caller, entry, ask_enable_state(entry.entPhysicalName), now);
-        if (is_indicator(entry)) {
-            // Or its table would take the indicator as read.
-            entry.lastReadTime = last_read;
-        }
-    }
+    look_at_enable_state(entry, now);
     for_each_instrument(entry, look_at_sensor);
+    for_each_held(entry, is_telling_indicator, look_at_indicator);
 }
 
 entity_states states_of(const phys_entry &entry)
@@ -290,9 +357,11 @@ bool are_states_known(const phys_entry &entry)
         return false;
     }
     bool are_known = true;
-    for_each_instrument(entry, [&are_known](const phys_entry &instrument) {
-        are_known = are_known && instrument.look.time != 0;
-    });
+    const auto count_in = [&are_known](const phys_entry &held) {
+        are_known = are_known && held.look.time != 0;
+    };
+    for_each_instrument(entry, count_in);
+    for_each_held(entry, is_telling_indicator, count_in);
     return are_known;
 }
 

@@ -13,10 +13,13 @@
 #include <memory>
 #include <sys/stat.h>
 
-// Null where the platform does without it, which is all that this adds to the header.
-// NOLINTNEXTLINE(readability-redundant-declaration)
-extern "C" int capi_get_interface_name(const char *nac_name, char *buffer, int length)
-    __attribute__((weak));
+// Null where the platform does without them, which is all that this adds to the header.
+// NOLINTBEGIN(readability-redundant-declaration)
+extern "C" {
+int capi_get_interface_name(const char *nac_name, char *buffer, int length) __attribute__((weak));
+int capi_get_indicator_meaning(const char *nac_name, int32_t *meaning) __attribute__((weak));
+}
+// NOLINTEND(readability-redundant-declaration)
 
 namespace kavplat
 {
@@ -203,6 +206,18 @@ void read_interface_name(phys_entry *entry)
     }
 }
 
+// As above: one that the platform may do without, and most indicators mean nothing of that.
+void read_indicator_meaning(phys_entry *entry)
+{
+    if (!capi_get_indicator_meaning || !entry->entPhysicalName) {
+        return;
+    }
+    int32_t meaning = 0;
+    if (capi_get_indicator_meaning(entry->entPhysicalName, &meaning) == 0) {
+        entry->indicatorMeaning = meaning;
+    }
+}
+
 bool is_type(int (*ask)(uint32_t, int32_t *), const char *call, const phys_entry &entry,
              uint32_t type)
 {
@@ -268,6 +283,7 @@ void read_static_data(phys_entry *entry, uint32_t component_type)
     } else if (is_type(capi_is_indicator_type, "capi_is_indicator_type", *entry, component_type)) {
         entry->entPhysicalClass = PHYSICAL_CLASS_OTHER;
         entry->platPhysicalClass = kavPlatPhysicalClass::alarm;
+        read_indicator_meaning(entry);
     } else {
         read_class(entry, component_type);
         read_interface_name(entry);

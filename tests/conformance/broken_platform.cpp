@@ -30,6 +30,7 @@ decltype(capi_get_sensor) fake_capi_get_sensor;
 decltype(capi_get_sensor_info) fake_capi_get_sensor_info;
 decltype(capi_is_sensor_with_OK_semantics) fake_capi_is_sensor_with_OK_semantics;
 decltype(capi_get_indicator) fake_capi_get_indicator;
+decltype(capi_get_indicator_meaning) fake_capi_get_indicator_meaning;
 decltype(capi_get_power_state) fake_capi_get_power_state;
 decltype(capi_get_rdy2rm_status) fake_capi_get_rdy2rm_status;
 decltype(capi_get_enable_disable_state) fake_capi_get_enable_disable_state;
@@ -143,6 +144,7 @@ fake_platform &platform()
         s.indicators[led] = indicator(CAPI_INDICATOR_ON);
         set_text(s.frus[board].serial, "MB-1");
         s.interfaces[board] = "e0";
+        s.meanings[led] = CAPI_MEANS_FAULT;
         s.power_states[board] = CAPI_POWER_ON;
         s.ready_to_remove[board] = CAPI_NOT_READY_TO_REMOVE;
         s.enable_states[board] = {CAPI_ENABLED, "as the operator of the machine wishes"};
@@ -475,6 +477,22 @@ int capi_get_indicator(int reserved, const char *nac_name, capi_indicator_record
     const int status = fake_capi_get_indicator(reserved, nac_name, record);
     if (breaks("indicator of 257 bytes") && status == 0) {
         reinterpret_cast<char *>(record)[sizeof *record] = '\0';
+    }
+    return status;
+}
+
+int capi_get_indicator_meaning(const char *nac_name, int32_t *meaning)
+{
+    platform();
+    const int status = fake_capi_get_indicator_meaning(nac_name, meaning);
+    if (breaks("every component a service indicator")) {
+        *meaning = CAPI_MEANS_SERVICE;
+        return 0;
+    }
+    if (status == 0 && breaks("meaning of 3")) {
+        *meaning = CAPI_MEANS_FAULT + 1;
+    } else if (status == 0 && breaks("meaning of 8 bytes")) {
+        meaning[1] = 0;
     }
     return status;
 }

@@ -138,6 +138,12 @@ constexpr defect defects[] = {
      "/SYS/MB/STATE: 1 for the name, 0 for its record (\"a sensor\")"},
     {"indicator of 257 bytes", "indicators",
      "capi_get_indicator(/SYS/LOCATE) writes behind the 256 bytes"},
+    {"every component a service indicator", "indicator_meanings",
+     "capi_get_indicator_meaning(/SYS/NO_SUCH_COMPONENT) gives 0, but that is no indicator"},
+    {"meaning of 3", "indicator_meanings",
+     "capi_get_indicator_meaning(/SYS/LOCATE): the code is 3"},
+    {"meaning of 8 bytes", "indicator_meanings",
+     "capi_get_indicator_meaning(/SYS/LOCATE) writes behind the 4 bytes"},
     {"power state refused", "power_states", "capi_get_power_state(/SYS/MB) gives -1"},
     {"power state of 8 bytes", "power_states",
      "capi_get_power_state(/SYS/MB) writes behind the 4 bytes"},
@@ -348,9 +354,9 @@ TEST(conformance, the_described_platform_with_little_to_describe_breaks_none)
 {
     const temporary_directory here;
     // The indicator goes and one of another name comes.
-    expect_all_kept(
-        run_on_described(here, "minimal.json", "s/LOCATE/BEACON/"),
-        {"power_states", "ready_to_remove", "enable_states", "fru_records", "interface_names"});
+    expect_all_kept(run_on_described(here, "minimal.json", "s/LOCATE/BEACON/"),
+                    {"indicator_meanings", "power_states", "ready_to_remove", "enable_states",
+                     "fru_records", "interface_names"});
 }
 
 #endif

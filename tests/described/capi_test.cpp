@@ -431,6 +431,24 @@ TEST_F(capi, indicators_have_their_states)
     }
 }
 
+TEST_F(capi, an_indicator_tells_what_it_means_and_nothing_else_does)
+{
+    describe(R"({"name": "/SYS/A", "type": 30, "indicator": {"state": 1, "means": "service"}},
+                {"name": "/SYS/B", "type": 30, "indicator": {"state": 1, "means": "fault"}},
+                {"name": "/SYS/C", "type": 30, "indicator": {"state": 1}},
+                {"name": "/SYS/D", "type": 11})");
+    int32_t meaning = 0;
+    EXPECT_EQ(0, capi_get_indicator_meaning("/SYS/A", &meaning));
+    EXPECT_EQ(CAPI_MEANS_SERVICE, meaning);
+    EXPECT_EQ(0, capi_get_indicator_meaning("/SYS/B", &meaning));
+    EXPECT_EQ(CAPI_MEANS_FAULT, meaning);
+    EXPECT_EQ(-1, capi_get_indicator_meaning("/SYS/A", nullptr));
+    for (const char *name : {"/SYS/C", "/SYS/D", "/SYS/E", static_cast<const char *>(nullptr)}) {
+        EXPECT_EQ(-1, capi_get_indicator_meaning(name, &meaning)) << (name ? name : "null");
+    }
+    EXPECT_EQ(CAPI_MEANS_FAULT, meaning) << "left alone";
+}
+
 TEST_F(capi, a_port_tells_its_interface_to_whoever_has_room_for_the_name)
 {
     describe(R"({"name": "/SYS/A", "type": 11, "interface": "fifteen-letters"},

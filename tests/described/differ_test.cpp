@@ -98,6 +98,19 @@ TEST_F(differ, changed_identity_goes_and_comes_with_all_below)
                                 described(plain("/SYS/MB", R"(, "fru": {"serial": "2"})"))));
 }
 
+TEST_F(differ, another_meaning_of_an_indicator_is_another_identity)
+{
+    const auto led = [](const char *means) {
+        return described(R"({"name": "/SYS/L", "type": "led", "indicator": {"state": 1)" +
+                         std::string(means) + "}}");
+    };
+    const std::string service = led(R"(, "means": "service")");
+    const events expected{removed("/SYS/L"), inserted("/SYS/L")};
+    EXPECT_EQ(expected, between(led(""), service));
+    EXPECT_EQ(expected, between(led(R"(, "means": "fault")"), service));
+    EXPECT_EQ(expected, between(service, led("")));
+}
+
 TEST_F(differ, what_changes_below_a_component_that_comes_anew_is_not_told_apart)
 {
     EXPECT_EQ(

@@ -91,7 +91,7 @@ TEST_F(loader, takes_every_key_that_there_is)
           "valid": false, "state": "ok", "ok_semantics": true, "record_name": "T",
           "thresholds": {"upper_fatal": 1, "upper_critical": 2, "upper_non_critical": 3,
                          "lower_fatal": 4, "lower_critical": 5, "lower_non_critical": 6}}},
-        {"name": "/SYS/L", "type": "led", "indicator": {"state": "slow-blink"}}]})");
+        {"name": "/SYS/L", "type": "led", "indicator": {"state": "slow-blink", "means": "fault"}}]})");
     ASSERT_NE(nullptr, result.loaded) << all_of(result);
     EXPECT_EQ(std::vector<std::string>{(directory / "t").string()}, result.loaded->bound_files);
 }

@@ -100,6 +100,7 @@ TEST(KeysDoc, EveryNameOfACodeIsExplained)
     EXPECT_TRUE(are_documented(ready_codes));
     EXPECT_TRUE(are_documented(enable_codes));
     EXPECT_TRUE(are_documented(indicator_codes));
+    EXPECT_TRUE(are_documented(meaning_codes));
     EXPECT_TRUE(are_documented(sensor_class_codes));
     EXPECT_TRUE(are_documented(sensor_type_codes));
     EXPECT_TRUE(are_documented(sensor_units_codes));

@@ -136,7 +136,7 @@ const char *const whole = R"({
       "thresholds": {"upper_fatal": 1, "upper_critical": 2, "upper_non_critical": 3,
                      "lower_fatal": 4, "lower_critical": 5, "lower_non_critical": 6}}},
     {"name": "/SYS/P", "type": 22, "sensor": {"class": 2, "type": 7, "reading": "present"}},
-    {"name": "/SYS/L", "type": "led", "indicator": {"state": "slow-blink"}}]})";
+    {"name": "/SYS/L", "type": "led", "indicator": {"state": "slow-blink", "means": "service"}}]})";
 
 } // namespace
 

@@ -230,6 +230,10 @@ const mistake mistakes[] = {
      "/components/2/sensor/raw_reading"},
     {"unknown_indicator_state", [](json &d) { part(d, 3)["indicator"]["state"] = "blink"; },
      "/components/3/indicator/state"},
+    {"unknown_meaning", [](json &d) { part(d, 3)["indicator"]["means"] = "locate"; },
+     "/components/3/indicator/means"},
+    {"meaning_by_its_number", [](json &d) { part(d, 3)["indicator"]["means"] = 1; },
+     "/components/3/indicator/means"},
     {"unrecognised_indicator_code", [](json &d) { part(d, 3)["indicator"]["state"] = 9; },
      no_mistake},
 };
@@ -273,6 +277,8 @@ TEST(Schema, NamesEveryCodeAndNoOther)
     EXPECT_TRUE(are_the_names(definitions.at("enable"), enable_codes));
     EXPECT_TRUE(
         are_the_names(definitions.at("indicator").at("properties").at("state"), indicator_codes));
+    EXPECT_TRUE(
+        are_the_names(definitions.at("indicator").at("properties").at("means"), meaning_codes));
     EXPECT_TRUE(are_the_names(sensor.at("class"), sensor_class_codes));
     EXPECT_TRUE(are_the_names(sensor.at("type"), sensor_type_codes));
     EXPECT_TRUE(are_the_names(sensor.at("units"), sensor_units_codes));

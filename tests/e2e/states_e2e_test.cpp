@@ -151,6 +151,18 @@ class described_server
         return type == "fault-sensor" ? major : type == "predictive-sensor" ? warning : 0U;
     }
 
+    // However it blinks; 9 is a code that there is not.
+    static unsigned raised_by_indicator(const json &component)
+    {
+        const json &led = component.at("indicator");
+        const json &state = led.at("state");
+        const string means = led.value("means", "");
+        if (is_bound(state) || state == "off" || state == 9 || means.empty()) {
+            return 0;
+        }
+        return means == "fault" ? critical : warning;
+    }
+
     static int64_t admin_of(const json &component)
     {
         enum { locked = 2, shutting_down = 3, unlocked = 4 };
@@ -249,7 +261,9 @@ class described_server
         s.standby = standby_of(name, s.oper);
         for (const string &held : held_by(name)) {
             const json &c = this->component(held);
-            s.alarm |= c.contains("sensor") ? raised_by_sensor(c) & ~unsigned{alarm_unknown} : 0U;
+            s.alarm |= c.contains("sensor")      ? raised_by_sensor(c) & ~unsigned{alarm_unknown}
+                       : c.contains("indicator") ? raised_by_indicator(c)
+                                                 : 0U;
         }
         return s;
     }
@@ -369,6 +383,10 @@ TEST(states, of_the_rack_server_are_of_every_kind)
     for (const unsigned alarm : {0U, 0x80U, 0x34U, 0x14U, 0x10U, 0x04U}) {
         EXPECT_TRUE(seen["alarm"].contains(alarm)) << std::hex << alarm;
     }
+    // By lights alone, and beside a sensor.
+    EXPECT_EQ(expected.at("/SYS/HDD2").alarm, warning);
+    EXPECT_EQ(expected.at("/SYS/HDD2/SERVICE").alarm, 0U);
+    EXPECT_EQ(expected.at("/SYS/FM4").alarm, critical | major);
 }
 
 TEST(states, nobody_can_set)

@@ -434,6 +434,12 @@ int capi_get_enable_disable_state(const char *nac_name, int32_t *state, char *bu
     return call.status();
 }
 
+int capi_get_indicator_meaning(const char *nac_name, int32_t *meaning)
+{
+    const entered call("capi_get_indicator_meaning", text_or_empty(nac_name));
+    return call.answer(call.server().meanings, nac_name, meaning);
+}
+
 int capi_get_interface_name(const char *nac_name, char *buffer, int length)
 {
     const entered call("capi_get_interface_name", text_or_empty(nac_name));

@@ -98,7 +98,8 @@ struct fake_server {
     std::map<std::string, int32_t> ready_to_remove;
     std::map<std::string, fake_enable_state> enable_states;
     std::map<std::string, std::string> interfaces;
-    std::set<std::string> ok_semantics; /* others answer 0 */
+    std::map<std::string, int32_t> meanings; /* of indicators */
+    std::set<std::string> ok_semantics;      /* others answer 0 */
 
     /* ---- The whole ---- */
 

@@ -178,7 +178,82 @@ TEST_F(states, AllAlarmsOfOneComponentComeTogether)
     EXPECT_EQ(seen(part).alarm, critical);
 }
 
-TEST_F(states, AnIndicatorRaisesNothingAndIsNotAsked)
+struct indicator_case {
+    const char *what;
+    int32_t meaning;
+    int32_t state;
+    int status; // of the call
+    bool is_disabled;
+    uint32_t alarm_of_part;
+};
+
+TEST_F(states, AnIndicatorThatMeansSomethingRaisesItOnWhatHoldsItWhileItIsOn)
+{
+    const indicator_case cases[] = {
+        {"off", CAPI_MEANS_FAULT, CAPI_INDICATOR_OFF, 0, false, 0},
+        {"fault", CAPI_MEANS_FAULT, CAPI_INDICATOR_ON, 0, false, critical},
+        {"service", CAPI_MEANS_SERVICE, CAPI_INDICATOR_ON, 0, false, warning},
+        {"slow", CAPI_MEANS_SERVICE, CAPI_INDICATOR_SLOW_BLINK, 0, false, warning},
+        {"fast", CAPI_MEANS_FAULT, CAPI_INDICATOR_FAST_BLINK, 0, false, critical},
+        {"standby", CAPI_MEANS_SERVICE, CAPI_INDICATOR_STANDBY_BLINK, 0, false, warning},
+        {"unrecognised", CAPI_MEANS_FAULT, 9, 0, false, 0},
+        {"not to be had", CAPI_MEANS_FAULT, CAPI_INDICATOR_ON, -1, false, 0},
+        {"disabled", CAPI_MEANS_FAULT, CAPI_INDICATOR_ON, 0, true, 0},
+        {"a meaning of tomorrow", CAPI_MEANS_FAULT + 1, CAPI_INDICATOR_ON, 0, false, 0},
+    };
+    for (const indicator_case &c : cases) {
+        SCOPED_TRACE(c.what);
+        platform->fail.clear();
+        platform->meanings = {{"/SYS/X/LED", c.meaning}};
+        platform->indicators["/SYS/X/LED"] = indicator(c.state);
+        platform->enable_states["/SYS/X/LED"] = {c.is_disabled ? CAPI_DISABLED : CAPI_ENABLED, ""};
+        build_components({component("/SYS", plain), component(part, plain),
+                          component("/SYS/X/LED", led_type,
+                                    {{CAPI_CAP_ENABLE_STATE_BYTE, CAPI_CAP_ENABLE_STATE}}),
+                          component("/SYS/X/PLAIN", plain)});
+        platform->fail["capi_get_indicator"] = c.status;
+        const agent_log quiet;
+        EXPECT_FALSE(kavplat::are_states_known(*row(part)));
+        EXPECT_EQ(seen(part), (entity_states{4, 3, 1, 1, c.alarm_of_part}));
+        EXPECT_TRUE(kavplat::are_states_known(*row(part)));
+        EXPECT_EQ(seen("/SYS/X/LED"), (entity_states{4, c.is_disabled ? 2 : 3, 1, 1, 0}));
+        for (const char *other : {"/SYS", "/SYS/X/PLAIN"}) {
+            EXPECT_EQ(seen(other), (entity_states{4, 3, 1, 1, 0})) << other;
+        }
+    }
+}
+
+TEST_F(states, WhatAnIndicatorRaisesComesBesideWhatSensorsRaiseAndIsAChange)
+{
+    platform->meanings = {{"/SYS/X/LED", CAPI_MEANS_SERVICE}, {"/SYS/X/S/LED", CAPI_MEANS_FAULT}};
+    platform->indicators["/SYS/X/LED"] = indicator(CAPI_INDICATOR_OFF);
+    platform->indicators["/SYS/X/S/LED"] = indicator(CAPI_INDICATOR_ON);
+    platform->sensors[instrument] = yes_or_no(true);
+    build_components({component("/SYS", plain), component(part, plain),
+                      component(instrument, CAPI_TYPE_FAULT_SENSOR),
+                      component("/SYS/X/LED", led_type), component("/SYS/X/S/LED", led_type)});
+    EXPECT_EQ(seen(part).alarm, major);
+    EXPECT_EQ(seen(instrument).alarm, major) << "a sensor is no component";
+    const cache_lock_held lock;
+    phys_entry &entry = *row(part);
+    EXPECT_FALSE(kavplat::note_states(entry));
+    platform->indicators["/SYS/X/LED"] = indicator(CAPI_INDICATOR_SLOW_BLINK);
+    pass(999);
+    kavplat::look_at_states(entry);
+    EXPECT_FALSE(kavplat::note_states(entry)) << "it was asked for within ten seconds";
+    pass(1);
+    kavplat::look_at_states(entry);
+    const auto change = kavplat::note_states(entry);
+    ASSERT_TRUE(change);
+    EXPECT_EQ(change->before.alarm, major);
+    EXPECT_EQ(change->after.alarm, major | warning);
+    EXPECT_EQ(row("/SYS/X/LED")->alarmCol2, kavplat::kavPlatAlarmState::alternating)
+        << "one read serves both tables";
+    EXPECT_EQ(platform.calls("capi_get_indicator"), 2U);
+    EXPECT_EQ(platform.calls("capi_get_indicator_meaning"), 2U) << "once, with the row";
+}
+
+TEST_F(states, AnIndicatorThatMeansNothingRaisesNothingAndIsNotAsked)
 {
     platform->indicators["/SYS/X/LED"] = indicator(CAPI_INDICATOR_ON);
     build_components(

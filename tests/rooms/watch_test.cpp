@@ -500,6 +500,29 @@ TEST_F(watching, clears_what_was_swapped_for_one_that_is_well)
     std::filesystem::remove_all(directory);
 }
 
+TEST_F(watching, notes_what_an_indicator_raises_when_it_came_and_sends_nothing)
+{
+    time_t now = 1000;
+    fake_system::on_time.set([&now](time_t *) { return now; });
+    platform->meanings = {{"/SYS/MB/LED", CAPI_MEANS_SERVICE}};
+    build_board();
+    platform->indicators["/SYS/MB/LED"] = indicator(CAPI_INDICATOR_OFF);
+    look();
+    const noted_states &noted = row("/SYS/MB")->noted;
+    EXPECT_EQ(noted.states.alarm, 0U);
+    EXPECT_EQ(noted.since, 1000);
+    for (const bool is_on : {true, false}) {
+        platform->indicators["/SYS/MB/LED"] =
+            indicator(is_on ? CAPI_INDICATOR_FAST_BLINK : CAPI_INDICATOR_OFF);
+        now++;
+        pass(1000);
+        look();
+        EXPECT_EQ(noted.states.alarm, is_on ? 0x04U : 0U);
+        EXPECT_EQ(noted.since, now);
+        EXPECT_TRUE(found.empty());
+    }
+}
+
 TEST_F(watching, tells_when_a_component_no_longer_works)
 {
     build_board();

@@ -40,7 +40,7 @@ bool can(const component &each, std::initializer_list<std::string_view> any_of)
     });
 }
 
-void look_at_capabilities(const component &each, found_warnings &found)
+void look_at_capabilities(const component &each, const component *holder, found_warnings &found)
 {
     if (each.fru && !can(each, {"fru-info"})) {
         found.add("/fru", "nobody asks for it without the capability \"fru-info\"");
@@ -60,6 +60,9 @@ void look_at_capabilities(const component &each, found_warnings &found)
     }
     if (!each.interface.empty() && (each.sensor || each.indicator)) {
         found.add("/interface", "nobody asks for that of a sensor or an indicator");
+    }
+    if (each.indicator_meaning != 0 && (holder == nullptr || holder->sensor || holder->indicator)) {
+        found.add("/indicator/means", "no component holds it, on which that would be raised");
     }
     if (each.sensor && can(each, {"enable-state"})) {
         found.add("/capabilities", "the capability \"enable-state\" of a sensor: its enable state "
@@ -232,7 +235,7 @@ std::vector<load_error> warnings(const description &all)
     found_warnings found;
     for (const component &each : all.components) {
         found.here = &each;
-        look_at_capabilities(each, found);
+        look_at_capabilities(each, find_component(all, parent_name(each.name)), found);
         if (each.sensor) {
             look_at_sensor(*each.sensor, found);
         }

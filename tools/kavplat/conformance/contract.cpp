@@ -128,6 +128,7 @@ int load_platform(const char *path, platform_calls &calls, std::vector<std::stri
         why = dlerror();
         return -1;
     }
+    std::vector<std::string> done_without;
     find(library, calls.capi_get_inventory, missing);
     find(library, calls.capi_free_inventory, missing);
     find(library, calls.capi_get_component_desc_str, missing);
@@ -137,11 +138,11 @@ int load_platform(const char *path, platform_calls &calls, std::vector<std::stri
     find(library, calls.capi_get_sensor_info, missing);
     find(library, calls.capi_is_sensor_with_OK_semantics, missing);
     find(library, calls.capi_get_indicator, missing);
+    find(library, calls.capi_get_indicator_meaning, done_without);
     find(library, calls.capi_get_power_state, missing);
     find(library, calls.capi_get_rdy2rm_status, missing);
     find(library, calls.capi_get_enable_disable_state, missing);
     find(library, calls.capi_get_fru_info, missing);
-    std::vector<std::string> done_without;
     find(library, calls.capi_get_interface_name, done_without);
     find(library, calls.capi_get_product_ops_info, missing);
     find(library, calls.capi_get_chassis_ops_info, missing);

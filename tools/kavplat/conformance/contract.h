@@ -79,11 +79,12 @@ struct platform_calls {
     KAVPLAT_CONTRACT_CALL(capi_get_sensor_info);
     KAVPLAT_CONTRACT_CALL(capi_is_sensor_with_OK_semantics);
     KAVPLAT_CONTRACT_CALL(capi_get_indicator);
+    KAVPLAT_CONTRACT_CALL(capi_get_indicator_meaning); /* null in a platform without it */
     KAVPLAT_CONTRACT_CALL(capi_get_power_state);
     KAVPLAT_CONTRACT_CALL(capi_get_rdy2rm_status);
     KAVPLAT_CONTRACT_CALL(capi_get_enable_disable_state);
     KAVPLAT_CONTRACT_CALL(capi_get_fru_info);
-    KAVPLAT_CONTRACT_CALL(capi_get_interface_name); /* null in a platform without it */
+    KAVPLAT_CONTRACT_CALL(capi_get_interface_name); /* as well */
     KAVPLAT_CONTRACT_CALL(capi_get_product_ops_info);
     KAVPLAT_CONTRACT_CALL(capi_get_chassis_ops_info);
     KAVPLAT_CONTRACT_CALL(capi_get_product_vantor_id);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <set>
 #include <sys/mman.h>
 #include <thread>
 #include <unistd.h>
@@ -495,6 +496,43 @@ void check_interface_names(session &s, findings &f)
     }
 }
 
+void check_indicator_meanings(session &s, findings &f)
+{
+    const auto &call = s.calls.capi_get_indicator_meaning;
+    if (call.function == nullptr) {
+        f.skipped = "the platform does without the optional " + std::string(call.name);
+        return;
+    }
+    const std::vector<std::string> indicators = indicators_of(s);
+    const std::set<std::string> names(indicators.begin(), indicators.end());
+    size_t answered = 0;
+    const auto look_at = [&](const std::string &name) {
+        fenced<int32_t> meaning;
+        const int status = call(name.c_str(), &meaning.value);
+        expect_fence(f, call.name, name, meaning.intact(), sizeof meaning.value);
+        if (status != 0) {
+            return;
+        }
+        answered++;
+        if (!names.contains(name)) {
+            f.broken.push_back(
+                text_of("%s(%s) gives 0, but that is no indicator", call.name, name.c_str()));
+        } else if (meaning.value != CAPI_MEANS_SERVICE && meaning.value != CAPI_MEANS_FAULT) {
+            f.broken.push_back(
+                text_of("%s(%s): the code is %d", call.name, name.c_str(), meaning.value));
+        }
+    };
+    look_at(s.root + "/NO_SUCH_COMPONENT");
+    for (const listed_component &c : components_of(s)) {
+        if (!c.name.empty()) {
+            look_at(c.name);
+        }
+    }
+    if (answered == 0 && f.broken.empty()) {
+        f.skipped = "no indicator means anything that is to be raised";
+    }
+}
+
 constexpr check checks[] = {
     {"sensor_info", "what is known of a sensor is in range and within its record",
      check_sensor_info},
@@ -505,6 +543,8 @@ constexpr check checks[] = {
      "the text is read",
      check_ok_semantics},
     {"indicators", "an indicator's answer stays within its record", check_indicators},
+    {"indicator_meanings", "what an indicator means is a code that there is, and of no other",
+     check_indicator_meanings},
     {"power_states", "power states can be read where capabilities say so", check_power_states},
     {"ready_to_remove", "ready to remove is 0 or 1", check_ready_to_remove},
     {"enable_states", "enable states are 1 or 2, and the reason fits", check_enable_states},
