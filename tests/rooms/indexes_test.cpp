@@ -133,6 +133,32 @@ TEST_F(indexes, of_a_thousand_swaps_are_the_same_and_nothing_grows)
     expect_consistent();
 }
 
+// The change is made and not yet written, as between an event's release of the lock and
+// its write: a request that comes just then does not wait for the disk.
+TEST_F(indexes, are_never_written_by_a_request)
+{
+    restart_with(server);
+    static unsigned steps;
+    steps = 0;
+    kavplat::on_write_step = [](write_step) { steps++; };
+    const string before = content_of(path);
+    plug({"/SYS/D"});
+    insert("/SYS/D");
+    for (uint32_t i = 1; i <= maxPhysicalIndex; i++) {
+        kavplat::begin_agent_pass();
+        const cache_lock_held lock;
+        ASSERT_EQ(get_entry(i), kavplat::entry_at(i));
+        kavplat::look_at_states(*kavplat::entry_at(i));
+        kavplat::note_states(*kavplat::entry_at(i));
+        kavplat::end_agent_pass();
+    }
+    EXPECT_EQ(steps, 0U);
+    EXPECT_EQ(content_of(path), before);
+    kavplat::save_indexes();
+    EXPECT_GT(steps, 0U) << "there was something to write";
+    EXPECT_NE(content_of(path), before);
+}
+
 // A model that knows who had which index, and what comes and goes in any order.
 TEST_F(indexes, are_those_that_the_names_had_whatever_comes_and_goes)
 {
