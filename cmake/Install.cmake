@@ -80,8 +80,10 @@ foreach(line IN LISTS dlmod_lines)
 endforeach()
 configure_file(services/snmpd.conf.in services/snmpd.conf @ONLY)
 configure_file(services/kavplatd.service.in services/kavplatd.service @ONLY)
+configure_file(services/kavplat-describe.service.in services/kavplat-describe.service @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/services/snmpd.conf"
-  "${PROJECT_BINARY_DIR}/services/kavplatd.service" services/snmpd.service.d.conf
+  "${PROJECT_BINARY_DIR}/services/kavplatd.service"
+  "${PROJECT_BINARY_DIR}/services/kavplat-describe.service" services/snmpd.service.d.conf
   DESTINATION "${KAVPLAT_DATADIR}/services")
 install(FILES docs/man/kavplatd.8 DESTINATION "${CMAKE_INSTALL_MANDIR}/man8")
 

@@ -43,9 +43,14 @@ for unit in snmpd.service "${units[0]}"; do
     [[ -n $(said_of "$unit") ]] || { echo "a fault in $unit goes unseen"; exit 1; }
 done
 
-# The sub-agent may do no more than it needs, by systemd's own measure of 0 to 100.
-systemd-analyze --no-pager security --offline=yes --threshold=10 "$scratch/kavplatd.service" >"$scratch/said" 2>&1 || {
-    grep '✗' "$scratch/said"
-    exit 1
+# They may do no more than they need, by systemd's own measure of 0 to 100.
+exposed() { # UNIT MOST
+    systemd-analyze --no-pager security --offline=yes --threshold="$2" "$scratch/$1" >"$scratch/said" 2>&1 || {
+        grep '✗' "$scratch/said"
+        exit 1
+    }
 }
+exposed kavplatd.service 10
+# Root, but without any of root's powers; changes are told in the host's own network.
+exposed kavplat-describe.service 20
 echo "${#units[@]} units"

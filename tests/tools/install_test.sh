@@ -28,7 +28,8 @@ root=$stage$prefix
     (cd -- "$build_dir/described" && find . -name 'libkavplatform.so.*.*' -printf "$libdir/%P\n")
     echo bin/kavplat
     printf '%s\n' sbin/kavplatd share/man/man8/kavplatd.8
-    printf "$datadir/kavplat/services/%s\n" snmpd.conf snmpd.service.d.conf kavplatd.service
+    printf "$datadir/kavplat/services/%s\n" snmpd.conf snmpd.service.d.conf kavplatd.service \
+        kavplat-describe.service
     printf "$includedir/kavplat/%s\n" "$@"
     echo "$datadir/kavplat/schema/server.schema.json"
     printf "$datadir/kavplat/examples/%s\n" snmpd.conf minimal-platform/minimal_platform.c
