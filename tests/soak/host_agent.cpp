@@ -7,6 +7,7 @@
 // reads what comes in and runs no alarms, and then ends as a program
 // does, so that a sanitizer has the last word. Linked with a system() that does
 // nothing, since the module's own end is that of every snmpd of the host.
+#include "entityMappingMIB/entityMappingMIB.h"
 #include "entityMIB/entityMIB.h"
 #include "entitySensorMIB/entitySensorMIB.h"
 #include "entityStateMIB/entityStateMIB.h"
@@ -112,6 +113,7 @@ int main(int argc, char **argv)
     init_kavPlatMIB();
     init_entitySensorMIB();
     init_entityStateMIB();
+    init_entityMappingMIB();
     init_snmp("kavplat-soak");
     if (init_master_agent() != 0) {
         return 1;
