@@ -21,6 +21,7 @@
 #include "monitor/monitor.h"
 #include "table/table.h"
 
+#include "entityMappingMIB/mapping_tables.h"
 #include "entityMIB/entityMIB.h"
 #include "entityMIB/entPhysicalTable.h"
 #include "entitySensorMIB/entPhySensorTable.h"
@@ -92,8 +93,13 @@ struct served_table {
      kavplat::name.states != nullptr},
 #define SERVED_WITHOUT_EXPORTS(name)                                                               \
     {kavplat::name.get_first, kavplat::name.get_next, kavplat::name.handler},
-const served_table tables[] = {SERVED(entPhysicalTable) KAV_PLAT_TABLES(
-    SERVED) SERVED_WITHOUT_EXPORTS(entPhySensorTable) SERVED_WITHOUT_EXPORTS(entStateTable)};
+#define SERVED_BY_PAIRS(name)                                                                      \
+    {kavplat::name.get_first, kavplat::name.get_next, kavplat::name.handler, true},
+const served_table tables[] = {
+    SERVED(entPhysicalTable) KAV_PLAT_TABLES(SERVED) SERVED_WITHOUT_EXPORTS(entPhySensorTable)
+        SERVED_WITHOUT_EXPORTS(entStateTable) SERVED_BY_PAIRS(entPhysicalContainsTable)
+            SERVED_BY_PAIRS(entAliasMappingTable)};
+#undef SERVED_BY_PAIRS
 #undef SERVED_WITHOUT_EXPORTS
 #undef SERVED
 
@@ -117,6 +123,8 @@ constexpr const char *calls[] = {
     "event_mgr_get_handle",
     "event_mgr_subscribe_event_class",
     "event_mgr_subscribe_event",
+    "capi_get_interface_name",
+    "capi_get_indicator_meaning",
 };
 
 // Types that take different ways through the library; two of them are made
@@ -588,7 +596,7 @@ void set_data(world &w)
     program &in = w.in;
     const std::string nac = a_name(w);
     const auto server = w.platform.locked();
-    switch (in.below(9)) {
+    switch (in.below(10)) {
     case 0: {
         auto record = in.record<capi_sensor_record>();
         // Most of them of a class that is looked into, and valid.
@@ -622,6 +630,10 @@ void set_data(world &w)
         server->enable_states[nac] = {static_cast<int32_t>(in.byte()) - 2,
                                       std::string(in.byte(), 'w')};
         server->ok_semantics.insert(nac);
+        break;
+    case 8:
+        server->meanings[nac] = static_cast<int32_t>(in.byte()) - 2;
+        server->interfaces[nac] = in.one_in(4) ? "no-such-port" : "lo";
         break;
     default:
         server->product_vantor_id = std::string(in.byte(), 'v');
@@ -904,7 +916,7 @@ void on_platform_call(world &w, const fake_call &call)
             void *loop = nullptr;
             void *data = nullptr;
             std::vector<void *> rows;
-            const served_table &t = tables[w.in.below(std::size(tables) - 6)];
+            const served_table &t = tables[w.in.below(std::size(tables) - 8)];
             if (!t.two_indexes) {
                 for (auto *found = t.first(&loop, &data, &index, nullptr); found;
                      found = t.next(&loop, &data, &index, nullptr)) {
