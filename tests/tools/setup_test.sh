@@ -31,6 +31,8 @@ for argument in "$@"; do
     -* | install) continue ;;
     snmp) command=snmpwalk ;;
     ninja-build) command=ninja ;;
+    collectd-core) command=collectd ;;
+    icinga2-bin) command=icinga2 ;;
     *) command=$argument ;;
     esac
     echo "$argument" >>"$KAVPLAT_INSTALLED"
