@@ -2,7 +2,7 @@
 # Checks our MIB modules with smilint, at the level that reports all but style.
 # usage: smilint.sh SOURCE_DIR BUILD_DIR
 #
-# The base modules of SMIv2 are those that tests/mibs/base-modules fetched.
+# The base modules of SMIv2 are those that tools/setup fetched.
 set -euo pipefail
 
 if [[ $# -ne 2 ]]; then

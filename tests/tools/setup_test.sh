@@ -64,13 +64,13 @@ printf '%s\n' libsnmp-dev libbsd-dev nlohmann-json3-dev libcli11-dev libpci-dev 
 # The directories of system commands are appended by the script: a case can only
 # take away what this machine has not got there. So the script is run with those
 # directories' names changed.
-mkdir -p "$scratch/tools" "$scratch/tests/mibs" "$scratch/tests/portability"
+mkdir -p "$scratch/tools" "$scratch/tests/tools" "$scratch/tests/portability"
 sed 's,:/usr/sbin:/sbin,,' "$setup" >"$scratch/tools/setup"
-for fetcher in mibs/base-modules portability/sysroot; do
+for fetcher in tools/node-modules portability/sysroot; do
     {
         printf '#!/bin/bash\necho "fetch %s ' "$fetcher"
         cat <<'END'
-${1-}" >>"$KAVPLAT_CALLS"
+$*" >>"$KAVPLAT_CALLS"
 exit "${KAVPLAT_OFFLINE-0}"
 END
     } >"$scratch/tests/$fetcher"
@@ -140,11 +140,12 @@ expect "to run takes no registry" [ "$status" -eq 0 ]
 run test
 expect "tests need more" called 'apt-get install .* libgtest-dev '
 expect "tests get there" [ "$status" -eq 0 ]
-expect "what tests need of a registry is fetched" called '^fetch mibs/base-modules'
+expect "what tests need of a registry is fetched" called '^fetch tools/node-modules .*/tests/mibs base-modules'
+expect "so is the judge of the Containerfile" called '^fetch tools/node-modules .*/tests/container containerfile-linter'
 expect "and no more" not called '^fetch portability'
 KAVPLAT_OFFLINE=1 run test
 expect "a registry that does not answer: failure" [ "$status" -eq 1 ]
-expect "a registry that does not answer: it is said" said 'base modules of SMIv2 could not be fetched'
+expect "a registry that does not answer: it is said" said 'need from npm could not be fetched'
 run ci
 for architecture in s390x i386; do
     expect "libraries for $architecture are fetched" called "^fetch portability/sysroot $architecture"
