@@ -2,8 +2,12 @@
 // of the numeric sensor table, served in the same agent by net-snmp's
 // container_table, the fastest way that it offers for a table of this kind.
 //
-// Loaded behind the two modules of the library (dlmod benchContainer). The rows
+// Loaded behind the modules of the library (dlmod benchContainer). The rows
 // are copied once, from the cache, when the agent's main loop finds it built.
+//
+// The rows of the standards' other tables come from a file (benchRows PATH below the
+// dlmod line), as they were served, when it is there: each cell is stored as it goes
+// out, so that nothing is left to be computed.
 #include "kavdata/kavdata.h"
 
 #include <net-snmp/net-snmp-config.h>
@@ -13,7 +17,11 @@
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
 #include <cstring>
+#include <fstream>
+#include <map>
 #include <memory>
+#include <sstream>
+#include <string>
 #include <vector>
 
 namespace
@@ -126,10 +134,12 @@ int handle(netsnmp_mib_handler *, netsnmp_handler_registration *,
 
 netsnmp_container *register_peer(const char *name, const oid *root, size_t length,
                                  Netsnmp_Node_Handler *handler, unsigned min_column,
-                                 unsigned max_column)
+                                 unsigned max_column, size_t indexes = 1)
 {
     auto *info = SNMP_MALLOC_TYPEDEF(netsnmp_table_registration_info);
-    netsnmp_table_helper_add_indexes(info, ASN_INTEGER, 0);
+    for (size_t i = 0; i < indexes; i++) {
+        netsnmp_table_helper_add_index(info, ASN_INTEGER);
+    }
     info->min_column = min_column;
     info->max_column = max_column;
     netsnmp_container *container = netsnmp_container_find("table_container");
@@ -172,10 +182,136 @@ void copy_when_built(unsigned alarm, void *)
     snmp_alarm_unregister(alarm);
 }
 
+// ---- Rows from a file ----
+
+struct stored_cell {
+    u_char type;
+    std::vector<u_char> value;
+};
+
+struct stored_row {
+    netsnmp_index index;
+    oid numbers[2];
+    std::map<unsigned, stored_cell> cells;
+};
+
+struct stored_table {
+    const char *name;
+    oid root[9];
+    unsigned first_column;
+    unsigned last_column;
+    size_t indexes;
+    netsnmp_container *container = nullptr;
+};
+
+stored_table stored_tables[] = {
+    {"benchSensors", {1, 3, 6, 1, 4, 1, 58213, 99, 4}, 1, 8, 1},
+    {"benchStates", {1, 3, 6, 1, 4, 1, 58213, 99, 5}, 1, 6, 1},
+    {"benchContains", {1, 3, 6, 1, 4, 1, 58213, 99, 6}, 1, 1, 2},
+    {"benchAliases", {1, 3, 6, 1, 4, 1, 58213, 99, 7}, 2, 2, 2},
+};
+
+std::string rows_file;
+
+int handle_stored(netsnmp_mib_handler *, netsnmp_handler_registration *,
+                  netsnmp_agent_request_info *reqinfo, netsnmp_request_info *requests)
+{
+    if (reqinfo->mode != MODE_GET) {
+        return SNMP_ERR_NOERROR;
+    }
+    for (netsnmp_request_info *r = requests; r; r = r->next) {
+        if (r->processed) {
+            continue;
+        }
+        const auto *found = static_cast<const stored_row *>(netsnmp_container_table_row_extract(r));
+        const netsnmp_table_request_info *info = netsnmp_extract_table_info(r);
+        if (!found || !info || !found->cells.contains(info->colnum)) {
+            netsnmp_set_request_error(reqinfo, r, SNMP_NOSUCHINSTANCE);
+            continue;
+        }
+        const stored_cell &cell = found->cells.at(info->colnum);
+        snmp_set_var_typed_value(r->requestvb, cell.type,
+                                 cell.value.empty() ? &cell.type : cell.value.data(),
+                                 cell.value.size());
+    }
+    return SNMP_ERR_NOERROR;
+}
+
+template <class Value>
+void append(std::vector<u_char> &to, Value value)
+{
+    const auto *bytes = reinterpret_cast<const u_char *>(&value);
+    to.insert(to.end(), bytes, bytes + sizeof value);
+}
+
+// "TABLE COLUMN INDEX INDEX TYPE VALUE...": the second index is 0 where there is none,
+// the value an integer, or the number and each of the octets or sub-identifiers.
+void store(std::istringstream &line, std::map<std::pair<oid, oid>, stored_row *> *rows)
+{
+    size_t table = 0;
+    unsigned column = 0;
+    oid first = 0;
+    oid second = 0;
+    unsigned type = 0;
+    line >> table >> column >> first >> second >> type;
+    stored_row *&row = rows[table][{first, second}];
+    if (!row) {
+        row = new stored_row{};
+        row->numbers[0] = first;
+        row->numbers[1] = second;
+        row->index = {stored_tables[table].indexes, row->numbers};
+    }
+    stored_cell &cell = row->cells[column];
+    cell.type = static_cast<u_char>(type);
+    if (type != ASN_OCTET_STR && type != ASN_OBJECT_ID) {
+        long number = 0;
+        line >> number;
+        append(cell.value, number);
+        return;
+    }
+    size_t count = 0;
+    line >> count;
+    for (oid each = 0; count-- > 0 && line >> each;) {
+        type == ASN_OBJECT_ID ? append(cell.value, each)
+                              : append(cell.value, static_cast<u_char>(each));
+    }
+}
+
+void store_when_there(unsigned alarm, void *)
+{
+    std::ifstream in(rows_file);
+    if (!in) {
+        return;
+    }
+    std::map<std::pair<oid, oid>, stored_row *> rows[std::size(stored_tables)];
+    for (std::string text; std::getline(in, text);) {
+        std::istringstream line(text);
+        store(line, rows);
+    }
+    for (size_t t = 0; t < std::size(stored_tables); t++) {
+        for (const auto &[index, row] : rows[t]) {
+            CONTAINER_INSERT(stored_tables[t].container, row);
+        }
+    }
+    snmp_log(LOG_INFO, "benchContainer: rows stored\n");
+    snmp_alarm_unregister(alarm);
+}
+
+void set_rows_file(const char *, char *path)
+{
+    rows_file = path;
+    for (stored_table &each : stored_tables) {
+        each.container = register_peer(each.name, each.root, OID_LENGTH(each.root), handle_stored,
+                                       each.first_column, each.last_column, each.indexes);
+    }
+    snmp_alarm_register(1, SA_REPEAT, store_when_there, nullptr);
+}
+
 } // namespace
 
 extern "C" __attribute__((visibility("default"))) void init_benchContainer(void)
 {
+    snmpd_register_config_handler("benchRows", set_rows_file, nullptr, "PATH");
     entities = register_peer("benchEntities", entity_root, OID_LENGTH(entity_root),
                              handle<set_entity_column>, 2, 16);
     numerics = register_peer("benchNumerics", numeric_root, OID_LENGTH(numeric_root),

@@ -2,7 +2,7 @@
 
 #include <ctime>
 
-const measured_table tables[2] = {
+const measured_table tables[6] = {
     {"entPhysicalTable",
      {1, 3, 6, 1, 2, 1, 47, 1, 1, 1, 1},
      {1, 3, 6, 1, 4, 1, 58213, 99, 1, 1},
@@ -15,6 +15,34 @@ const measured_table tables[2] = {
      {1, 3, 6, 1, 4, 1, 58213, 99, 3, 2},
      1,
      16},
+    {"entPhySensorTable",
+     {1, 3, 6, 1, 2, 1, 99, 1, 1, 1},
+     {1, 3, 6, 1, 4, 1, 58213, 99, 4, 1},
+     {},
+     1,
+     8,
+     1,
+     7},
+    {"entStateTable",
+     {1, 3, 6, 1, 2, 1, 131, 1, 1, 1},
+     {1, 3, 6, 1, 4, 1, 58213, 99, 5, 1},
+     {},
+     1,
+     6},
+    {"entPhysicalContainsTable",
+     {1, 3, 6, 1, 2, 1, 47, 1, 3, 3, 1},
+     {1, 3, 6, 1, 4, 1, 58213, 99, 6, 1},
+     {},
+     1,
+     1,
+     2},
+    {"entAliasMappingTable",
+     {1, 3, 6, 1, 2, 1, 47, 1, 3, 2, 1},
+     {1, 3, 6, 1, 4, 1, 58213, 99, 7, 1},
+     {},
+     2,
+     2,
+     2},
 };
 
 object_name with(object_name name, unsigned long arc)

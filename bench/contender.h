@@ -15,12 +15,17 @@ struct measured_table {
     const char *name;
     object_name own;
     object_name container;
-    object_name pass;
+    object_name pass; /* none: container_table alone is beside it */
     unsigned long first_column;
     unsigned long last_column;
+    size_t indexes = 1;
+    unsigned long clock_column = 0; /* has the time of the reading; 0: none */
 };
 
-extern const measured_table tables[2];
+extern const measured_table tables[6];
+
+/* Those of the first two modules come first; the others are the standards'. */
+inline constexpr size_t platform_tables = 2;
 
 struct request_kind {
     const char *name;

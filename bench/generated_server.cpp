@@ -26,6 +26,7 @@ ordered_json describe(const generated_component &component, size_t number)
         out["capabilities"] = {"field-replaceable", "fru-info", "hot-pluggable"};
         out["ready_to_remove"] = "not-ready";
         out["fru"] = fru("GP-BOARD", number);
+        out["interface"] = "lo";
         break;
     case part::numeric_sensor:
         out["type"] = "temperature-sensor";

@@ -15,7 +15,7 @@ void traces(const fs::path &directory, size_t rounds)
     const fs::path description = directory / "server.json";
     write_file(description, describe_server(generate_server(size)));
     std::unique_ptr<measured_agent> agents[2];
-    contender contenders[2][std::size(tables)];
+    contender contenders[2][platform_tables];
     for (size_t i = 0; i < 2; i++) {
         const std::string module = i == 0 ? KAVPLAT_MODULE : KAVPLAT_BENCH_UNTRACED_MODULE;
         const fs::path own_directory = directory / (i == 0 ? "traced" : "untraced");
@@ -27,7 +27,7 @@ void traces(const fs::path &directory, size_t rounds)
             agents[i]->fail("the cache is not built");
         }
         snmp_client client(agents[i]->port());
-        for (size_t t = 0; t < std::size(tables); t++) {
+        for (size_t t = 0; t < platform_tables; t++) {
             const object_name &root = tables[t].own;
             const std::vector<varbind> rows = client.bulk_walk(root, 50);
             const column_rows columns = by_column(rows, root);
@@ -37,9 +37,9 @@ void traces(const fs::path &directory, size_t rounds)
                 range_of(with(root, columns.begin()->first), columns.begin()->second, root, root)};
         }
     }
-    samples all[2][std::size(tables)][std::size(kinds)];
+    samples all[2][platform_tables][std::size(kinds)];
     for (size_t round = 0; round < 3 * rounds; round++) {
-        for (size_t t = 0; t < std::size(tables); t++) {
+        for (size_t t = 0; t < platform_tables; t++) {
             for (size_t k = 0; k < std::size(kinds); k++) {
                 for (size_t i = 0; i < 2; i++) {
                     const size_t who = (i + round) % 2;
@@ -51,7 +51,7 @@ void traces(const fs::path &directory, size_t rounds)
     printf("## Traces, compiled in and off, over compiled out\n\n"
            "| Walk of %zu entities | Wall clock | Processor time |\n|---|---|---|\n",
            size);
-    for (size_t t = 0; t < std::size(tables); t++) {
+    for (size_t t = 0; t < platform_tables; t++) {
         for (size_t k = 0; k < std::size(kinds); k++) {
             printf("| %s, %s | %s | %s |\n", tables[t].name, kinds[k].name,
                    with_spread(ratios(all[0][t][k].wall, all[1][t][k].wall)).c_str(),
