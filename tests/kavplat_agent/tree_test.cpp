@@ -197,9 +197,25 @@ TEST(kavplat_tree, is_a_page_in_which_no_text_is_markup)
     }
 }
 
+bool has_browser()
+{
+    return run_command("command -v chromium").status == 0;
+}
+
+// What a page is in a browser, when its scripts have run.
+string seen_in_browser(const temporary_directory &directory, const string &page,
+                       const string &options = "")
+{
+    return run_command("HOME=" + quoted(directory.path()) +
+                       " timeout 60 chromium --headless --no-sandbox --disable-gpu --dump-dom " +
+                       options + " " + quoted("file://" + (directory / page.c_str()).string()) +
+                       " 2>/dev/null")
+        .output;
+}
+
 TEST(kavplat_tree, is_a_page_that_a_browser_searches_and_that_runs_nothing_of_the_agent)
 {
-    if (run_command("command -v chromium").status != 0) {
+    if (!has_browser()) {
         GTEST_SKIP() << "there is no chromium here, so nobody has looked at the page";
     }
     const temporary_directory directory;
@@ -209,11 +225,7 @@ TEST(kavplat_tree, is_a_page_that_a_browser_searches_and_that_runs_nothing_of_th
     print_page(page, all, {choice::all, all.roots});
     write_file(directory / "page.html", page.str());
     const auto dom = [&](const string &hash) {
-        return run_command(
-                   "HOME=" + quoted(directory.path()) +
-                   " timeout 60 chromium --headless --no-sandbox --disable-gpu --dump-dom " +
-                   quoted("file://" + (directory / "page.html").string() + hash) + " 2>/dev/null")
-            .output;
+        return seen_in_browser(directory, "page.html" + hash);
     };
     const string whole = dom("");
     EXPECT_NE(whole.find("<title>/SYS at rack7</title>"), string::npos) << whole;
@@ -224,6 +236,43 @@ TEST(kavplat_tree, is_a_page_that_a_browser_searches_and_that_runs_nothing_of_th
     EXPECT_NE(found.find("class=\"part found\" id=\"e5\""), string::npos) << found;
     EXPECT_NE(found.find("class=\"part critical away\" id=\"e2\""), string::npos) << found;
     EXPECT_EQ(found.find("away\" id=\"e4\""), string::npos) << "what it is in stays";
+}
+
+TEST(kavplat_tree, is_a_page_that_fits_a_telephone_by_day_and_by_night)
+{
+    if (!has_browser()) {
+        GTEST_SKIP() << "there is no chromium here, so nobody has looked at the page";
+    }
+    const temporary_directory directory;
+    box all = example();
+    all.entities[1].name = "/SYS/" + string(80, 'M');
+    all.entities[4].serial = string(120, 'S');
+    all.entities[4].model = string(300, 'm');
+    all.system = string(300, 's');
+    std::ostringstream page;
+    print_page(page, all, {choice::all, all.roots});
+    write_file(directory / "page.html", page.str());
+    // No window of a browser is as narrow as a telephone; a frame is.
+    write_file(directory / "telephone.html",
+               R"(<!DOCTYPE html><body><iframe width=360 height=700 src="page.html"></iframe>
+<script>window.onload = () => {
+  const page = document.querySelector('iframe').contentDocument;
+  const of = (what) => page.defaultView.getComputedStyle(page.querySelector(what));
+  document.body.textContent = 'too wide by ' + (page.documentElement.scrollWidth - page.documentElement.clientWidth) +
+    ' parts ' + page.querySelectorAll('.part, details').length +
+    ' back ' + of('body').backgroundColor + ' text ' + of('body').color;
+}</script>)");
+    const auto look = [&](const string &face) {
+        return seen_in_browser(directory, "telephone.html",
+                               "--allow-file-access-from-files "
+                               "--blink-settings=preferredColorScheme=" +
+                                   face);
+    };
+    const string light = look("1");
+    const string dark = look("0");
+    EXPECT_NE(light.find("too wide by 0 parts 5 "), string::npos) << light;
+    EXPECT_NE(light.find("back rgb(246, 247, 249) text rgb(28, 35, 48)"), string::npos) << light;
+    EXPECT_NE(dark.find("back rgb(20, 24, 31) text rgb(230, 233, 238)"), string::npos) << dark;
 }
 
 TEST(kavplat_tree, of_any_depth_is_shown)

@@ -149,9 +149,13 @@ void print_what_it_is(std::ostream &out, const entity &each)
     }
     out << "<div class=\"about\">";
     std::string about;
-    const auto add = [&about](const char *what, const std::string &text) {
+    // Where a line ends between two of them, the dot is still on it.
+    const auto add_markup = [&about](const std::string &markup) {
+        about += (about.empty() ? "" : "&nbsp;· ") + markup;
+    };
+    const auto add = [&add_markup](const char *what, const std::string &text) {
         if (!text.empty()) {
-            about += (about.empty() ? "" : " · ") + std::string(what) + escaped(text);
+            add_markup(what + escaped(text));
         }
     };
     add("", each.description);
@@ -163,8 +167,8 @@ void print_what_it_is(std::ostream &out, const entity &each)
     add("software ", each.software_revision);
     add("alias ", each.alias);
     add("", each.is_fru.value_or(false) ? "replaceable" : "");
-    if (each.sensor) {
-        add("limits ", limits_words(*each.sensor));
+    if (const std::string limits = each.sensor ? limits_words(*each.sensor) : ""; !limits.empty()) {
+        add_markup("<span class=\"limits\">limits " + escaped(limits) + "</span>");
     }
     out << about << "</div>";
     if (each.sensor) {
