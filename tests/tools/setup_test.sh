@@ -33,6 +33,7 @@ for argument in "$@"; do
     ninja-build) command=ninja ;;
     collectd-core) command=collectd ;;
     icinga2-bin) command=icinga2 ;;
+    openipmi) command=ipmi_sim ;;
     *) command=$argument ;;
     esac
     echo "$argument" >>"$KAVPLAT_INSTALLED"
@@ -58,7 +59,7 @@ END
 for command in g++ cmake ninja snmpd snmpwalk perl pgrep unshare pidof; do
     stub "$command" </dev/null
 done
-printf '%s\n' libsnmp-dev libbsd-dev nlohmann-json3-dev libcli11-dev libpci-dev libudev-dev \
+printf '%s\n' libsnmp-dev libbsd-dev nlohmann-json3-dev libcli11-dev libpci-dev libudev-dev libfreeipmi-dev \
     >"$KAVPLAT_INSTALLED"
 
 # The directories of system commands are appended by the script: a case can only

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
 #include <unistd.h>
 
 namespace kavplat_describe
@@ -69,9 +70,23 @@ void leave_out_what_is_bad(json &description, machine &of)
     }
 }
 
+void lay_bmc_over(const bmc_word &word, machine &of)
+{
+    if (word.inventory) {
+        try {
+            add_bmc(*word.inventory, of);
+        } catch (const std::exception &error) {
+            of.complain(std::string("service processor: ") + error.what());
+        }
+    }
+    if (!word.complaint.empty()) {
+        of.complain("service processor: " + word.complaint);
+    }
+}
+
 } // namespace
 
-described describe(const options &asked)
+described describe(const options &asked, const bmc_word &word)
 {
     const tree files(asked.root);
     machine found;
@@ -81,6 +96,7 @@ described describe(const options &asked)
         return result;
     }
     find_all(files, found);
+    lay_bmc_over(word, found);
     say_what_root_would_add(files, found);
     json description = to_json(found);
     leave_out_what_is_bad(description, found);

@@ -2,6 +2,8 @@
 #ifndef KAVPLAT_DESCRIBE_DESCRIBE_H
 #define KAVPLAT_DESCRIBE_DESCRIBE_H
 
+#include "tools/kavplat/describe/bmc_reader.h"
+
 #include <string>
 #include <vector>
 
@@ -13,6 +15,7 @@ struct options {
     std::string output; /* empty: standard output */
     std::string merge;  /* a description laid over what was found; empty: none */
     bool serials = true;
+    bmc_target bmc; /* what is asked of the service processor */
 };
 
 struct described {
@@ -20,8 +23,8 @@ struct described {
     std::vector<std::string> complaints;
 };
 
-/* Looks at everything once. */
-described describe(const options &asked);
+/* Looks at everything once, but for the service processor, whose word was taken before. */
+described describe(const options &asked, const bmc_word &word = {});
 
 } // namespace kavplat_describe
 

@@ -79,58 +79,29 @@ channels channels_of(const tree &files, const std::string &directory)
     return found;
 }
 
-struct limit {
+/* The driver's gravest are to be trusted most. */
+constexpr struct {
     const char *file;
     const char *key;
-    int rank; /* from the lowest to the highest; below 0: crossed downwards */
+} limits[] = {
+    {"crit", "upper_critical"},    {"emergency", "upper_fatal"},  {"lcrit", "lower_critical"},
+    {"max", "upper_non_critical"}, {"min", "lower_non_critical"},
 };
-
-/* The driver's gravest are to be trusted most: what contradicts one before it is left
- * by the firmware as it came from the factory. */
-constexpr limit limits[] = {
-    {"crit", "upper_critical", 2},     {"emergency", "upper_fatal", 3},
-    {"lcrit", "lower_critical", -2},   {"max", "upper_non_critical", 1},
-    {"min", "lower_non_critical", -1},
-};
-
-/* What a register holds that nobody set is no limit. */
-bool is_set(const measured &what, double value, bool upper)
-{
-    constexpr double coldest = -270;
-    constexpr double hottest = 1000;
-    if (&what == &temperature) {
-        return value > coldest && value < hottest && (!upper || value > 0);
-    }
-    return value != 0 && (!upper || value > 0);
-}
 
 void add_limits(const tree &files, const std::string &stem, const channel &of, component &into)
 {
     constexpr double fine = 1e6; /* no unit of the kernel is smaller */
-    std::map<int, double> taken;
-    json found = json::object();
-    for (const limit &each : limits) {
+    std::vector<std::pair<std::string, double>> found;
+    for (const auto &each : limits) {
         const auto given = of.files.contains(each.file) ? files.number(stem + each.file)
                                                         : std::optional<int64_t>();
-        if (!given) {
-            continue;
-        }
-        const double value =
-            std::round(static_cast<double>(*given) * of.what->what->scale * fine) / fine;
-        const bool fits = std::ranges::all_of(taken, [&](const auto &other) {
-            const bool other_side = (other.first < 0) != (each.rank < 0);
-            const bool below = other.first < each.rank;
-            return other_side ? (below ? other.second < value : value < other.second)
-                              : (below ? other.second <= value : value <= other.second);
-        });
-        if (fits && is_set(*of.what->what, value, each.rank > 0)) {
-            taken[each.rank] = value;
-            found[each.key] = value;
+        if (given) {
+            found.emplace_back(
+                each.key,
+                std::round(static_cast<double>(*given) * of.what->what->scale * fine) / fine);
         }
     }
-    if (!found.empty()) {
-        into.keys["sensor"]["thresholds"] = std::move(found);
-    }
+    add_limits(into, *of.what->what, found);
 }
 
 /* An alarm of a limit that is none of the critical ones is a warning. */

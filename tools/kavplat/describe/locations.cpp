@@ -87,6 +87,21 @@ component *exactly_at(const machine &all, const std::string &path)
                                                                                           : here;
 }
 
+component *module_named_in(const machine &all, const std::string &text)
+{
+    const std::string wanted = '_' + label_of(text, "") + '_';
+    component *found = nullptr;
+    size_t longest = 0;
+    for (const auto &[locator, module] : all.memory_modules) {
+        const std::string known = label_of(locator, "");
+        if (known.size() > longest && wanted.find('_' + known + '_') != wanted.npos) {
+            found = module;
+            longest = known.size();
+        }
+    }
+    return found;
+}
+
 std::string_view last_part(std::string_view path)
 {
     const size_t slash = path.rfind('/');

@@ -32,6 +32,10 @@ location locate(machine &all, const std::string &path);
 /* The component that this very device is; null: none is. */
 component *exactly_at(const machine &all, const std::string &path);
 
+/* The memory module whose locator is in a text, such as a driver's label, or is it; null:
+ * none is. */
+component *module_named_in(const machine &all, const std::string &text);
+
 std::string_view last_part(std::string_view path);
 std::string_view without_last_part(std::string_view path);
 

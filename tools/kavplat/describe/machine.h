@@ -45,6 +45,7 @@ struct component {
     std::vector<std::string> capabilities;
     json keys = json::object(); /* other keys of the description: sensor, indicator, power */
     std::string name;           /* given by give_names() */
+    bool gone = false;          /* it is not there any more: left out with all that it holds */
 };
 
 class machine

@@ -13,22 +13,6 @@ namespace
 constexpr double errors_a_day = 50;
 constexpr double seconds_a_day = 86400;
 
-/* The module whose locator is in the label that the driver gives, or is it. */
-component *module_of(const machine &all, const std::string &label)
-{
-    const std::string wanted = '_' + label_of(label, "") + '_';
-    component *found = nullptr;
-    size_t longest = 0;
-    for (const auto &[locator, module] : all.memory_modules) {
-        const std::string known = label_of(locator, "");
-        if (known.size() > longest && wanted.find('_' + known + '_') != wanted.npos) {
-            found = module;
-            longest = known.size();
-        }
-    }
-    return found;
-}
-
 component &add_counter(const tree &files, machine &into, component &holder, std::string label,
                        const char *type, const std::string &path, const char *limit, double value)
 {
@@ -60,7 +44,7 @@ void find_memory_errors(const tree &files, machine &into)
             }
             const std::string where =
                 label_of(controller + ' ' + files.text(path + "/dimm_location"));
-            component *module = module_of(into, files.text(path + "/dimm_label"));
+            component *module = module_named_in(into, files.text(path + "/dimm_label"));
             if (module == nullptr && into.memory_modules.empty()) {
                 module = &into.add(into.board(), "DIMM_" + where, "memory-module", path);
             }

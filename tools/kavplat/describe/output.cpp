@@ -40,7 +40,8 @@ bool write_all(int to, std::string_view text)
 
 } // namespace
 
-bool replace_file(const std::string &path, const std::string &text, std::string &why)
+bool replace_file(const std::string &path, const std::string &text, std::string &why,
+                  bool survives_a_crash)
 {
     if (holds(path, text)) {
         return true;
@@ -56,7 +57,8 @@ bool replace_file(const std::string &path, const std::string &text, std::string 
         return false;
     }
     // For the agent's user to read, and for nobody else to write.
-    bool good = ::fchmod(to, 0644) == 0 && write_all(to, text) && ::fsync(to) == 0;
+    bool good =
+        ::fchmod(to, 0644) == 0 && write_all(to, text) && (!survives_a_crash || ::fsync(to) == 0);
     int error = errno;
     if (::close(to) != 0 && good) {
         error = errno;

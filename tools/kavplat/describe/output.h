@@ -9,7 +9,8 @@ namespace kavplat_describe
 
 /* Afterwards the file holds the text: at once, never half, and left alone when it held
  * it before. False with the reason when that cannot be; it is as it was then. */
-bool replace_file(const std::string &path, const std::string &text, std::string &why);
+bool replace_file(const std::string &path, const std::string &text, std::string &why,
+                  bool survives_a_crash = true);
 
 } // namespace kavplat_describe
 

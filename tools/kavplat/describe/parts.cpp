@@ -1,5 +1,8 @@
 #include "tools/kavplat/describe/parts.h"
 
+#include <algorithm>
+#include <map>
+
 namespace kavplat_describe
 {
 
@@ -20,6 +23,24 @@ namespace
 /* 0 and 1 of a file to 1 and 2, which say false and true, off and on. */
 constexpr double one_more = 1;
 
+/* From the lowest to the highest; below 0: crossed downwards. */
+const std::map<std::string, int, std::less<>> ranks = {
+    {"lower_fatal", -3},       {"lower_critical", -2}, {"lower_non_critical", -1},
+    {"upper_non_critical", 1}, {"upper_critical", 2},  {"upper_fatal", 3},
+};
+
+bool is_set(const measured &what, double value, bool upper)
+{
+    constexpr double coldest = -270;
+    constexpr double hottest = 1000;
+    if (std::string_view(what.type) == "temperature") {
+        return value > coldest && value < hottest && (!upper || value > 0);
+    }
+    return value != 0 && (!upper || value > 0);
+}
+
+} // namespace
+
 component &add_discrete(machine &into, component &holder, std::string label,
                         const char *component_type, const char *type, json reading, bool is_good)
 {
@@ -34,19 +55,49 @@ component &add_discrete(machine &into, component &holder, std::string label,
     return made;
 }
 
-} // namespace
-
-component &add_reading(const tree &files, machine &into, component &holder, std::string label,
-                       const measured &what, const std::string &path)
+void add_limits(component &sensor, const measured &what,
+                const std::vector<std::pair<std::string, double>> &limits)
 {
-    component &made = into.add(holder, std::move(label), what.component_type, path);
+    std::map<int, double> taken;
+    json found = json::object();
+    for (const auto &[key, value] : limits) {
+        const int rank = ranks.at(key);
+        const bool fits = std::ranges::all_of(taken, [rank, value = value](const auto &other) {
+            const bool other_side = (other.first < 0) != (rank < 0);
+            const bool below = other.first < rank;
+            return other_side ? (below ? other.second < value : value < other.second)
+                              : (below ? other.second <= value : value <= other.second);
+        });
+        if (fits && is_set(what, value, rank > 0)) {
+            taken[rank] = value;
+            found[key] = value;
+        }
+    }
+    if (!found.empty()) {
+        sensor.keys["sensor"]["thresholds"] = std::move(found);
+    }
+}
+
+component &add_reading(machine &into, component &holder, std::string label, const measured &what,
+                       json reading)
+{
+    component &made = into.add(holder, std::move(label), what.component_type);
     json &sensor = made.keys["sensor"];
     sensor["class"] = "threshold";
     sensor["type"] = what.type;
     if (std::string_view(what.units) != "none") {
         sensor["units"] = what.units;
     }
-    sensor["reading"] = bound_to(files, path, what.scale);
+    sensor["reading"] = std::move(reading);
+    return made;
+}
+
+component &add_reading(const tree &files, machine &into, component &holder, std::string label,
+                       const measured &what, const std::string &path)
+{
+    component &made =
+        add_reading(into, holder, std::move(label), what, bound_to(files, path, what.scale));
+    made.where = path;
     return made;
 }
 

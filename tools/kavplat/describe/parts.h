@@ -16,13 +16,27 @@ struct measured {
 };
 extern const measured temperature, voltage, current, power, energy, humidity, speed, charge;
 
-/* A threshold sensor; the caller adds limits to keys["sensor"]["thresholds"]. */
+/* A threshold sensor whose value is read as `reading` says. */
+component &add_reading(machine &into, component &holder, std::string label, const measured &what,
+                       json reading);
+
+/* Limits by the keys of a description, those first that are to be trusted most: what
+ * contradicts one before it was left by the firmware as it came from the factory, and
+ * what a register holds that nobody set is no limit. */
+void add_limits(component &sensor, const measured &what,
+                const std::vector<std::pair<std::string, double>> &limits);
+
 component &add_reading(const tree &files, machine &into, component &holder, std::string label,
                        const measured &what, const std::string &path);
 
 /* A file that holds 0 or 1. is_good: 1 is well. */
 component &add_flag(const tree &files, machine &into, component &holder, std::string label,
                     const char *component_type, const std::string &path, bool is_good = false);
+
+/* Something that is one way or the other, as `reading` says. */
+component &add_discrete(machine &into, component &holder, std::string label,
+                        const char *component_type, const char *type, json reading,
+                        bool is_good = false);
 
 /* What the description says for good, until it is written anew. */
 component &add_state(machine &into, component &holder, std::string label,

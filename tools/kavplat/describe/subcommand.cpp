@@ -5,6 +5,7 @@
 #include "tools/kavplat/describe/watch.h"
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
 #include <iostream>
 
 namespace
@@ -14,7 +15,7 @@ using namespace kavplat_describe;
 
 int run(const options &asked)
 {
-    const described result = describe(asked);
+    const described result = describe(asked, asked.bmc.wanted ? ask_bmc(asked.bmc) : bmc_word());
     for (const std::string &each : result.complaints) {
         std::cerr << "kavplat describe: " << each << '\n';
     }
@@ -31,6 +32,50 @@ int run(const options &asked)
         return 1;
     }
     return 0;
+}
+
+struct bmc_options {
+    bool wanted = false;
+    bool unwanted = false;
+    std::string directory = "/run/kavplat/values";
+};
+
+/* A service processor is this machine's own, or that of the host that was named. */
+void settle(options &asked, const bmc_options &given)
+{
+    asked.bmc.wanted =
+        given.wanted || (!given.unwanted && (!asked.bmc.host.empty() ||
+                                             (has_bmc_client() && has_bmc() && asked.root == "/")));
+    asked.bmc.directory = std::filesystem::absolute(given.directory).lexically_normal();
+}
+
+void add_bmc_options(CLI::App &command, options &into, bmc_options &given)
+{
+    CLI::Option *wanted =
+        command.add_flag("--ipmi", given.wanted,
+                         "Ask the service processor too, as is done anyway where /dev/ipmi0 is");
+    command.add_flag("--no-ipmi", given.unwanted, "Leave the service processor alone")
+        ->excludes(wanted);
+    CLI::Option *host =
+        command
+            .add_option("--ipmi-host", into.bmc.host,
+                        "Ask this service processor over the network instead of this machine's "
+                        "own")
+            ->type_name("HOST[:PORT]");
+    command.add_option("--ipmi-user", into.bmc.user, "The user's name there")
+        ->type_name("NAME")
+        ->needs(host);
+    command
+        .add_option("--ipmi-password-file", into.bmc.password_file,
+                    "Whose first line is the user's password there")
+        ->type_name("FILE")
+        ->needs(host);
+    command
+        .add_option("--values", given.directory,
+                    "Where values are written that the kernel has no file for, such as those of "
+                    "the service processor")
+        ->type_name("DIR")
+        ->capture_default_str();
 }
 
 } // namespace
@@ -58,6 +103,8 @@ const kavplat::subcommand kavplat::describe = {
             .add_option("--merge", asked->merge,
                         "A description whose components and keys are laid over what was found")
             ->type_name("FILE");
+        const auto given = std::make_shared<bmc_options>();
+        add_bmc_options(command, *asked, *given);
         const auto is_watch = std::make_shared<bool>(false);
         command
             .add_flag("--watch", *is_watch,
@@ -68,6 +115,8 @@ const kavplat::subcommand kavplat::describe = {
             "  kavplat describe --output /etc/kavplat/server.json\n"
             "Exits with 0 when there is a description, whatever could not be read, with 1\n"
             "when there is none, and with 2 when it was called in another way than this.");
-        return
-            [asked, is_watch] { return *is_watch ? kavplat_describe::watch(*asked) : run(*asked); };
+        return [asked, given, is_watch] {
+            settle(*asked, *given);
+            return *is_watch ? kavplat_describe::watch(*asked) : run(*asked);
+        };
     }};

@@ -35,6 +35,11 @@ int64_t now()
         .count();
 }
 
+int64_t milliseconds(std::chrono::milliseconds time)
+{
+    return time.count();
+}
+
 void say(const std::string &text)
 {
     std::cerr << "kavplat describe: " << text << std::endl;
@@ -121,6 +126,7 @@ bool news::take()
 
 struct keeper {
     const options &asked;
+    bmc_word of_bmc;            /* the last word of the service processor */
     std::set<std::string> told; /* complaints of the last look */
     std::string in_file;        /* what was written last */
     bool failed = false;        /* the last look gave nothing, or could not be written */
@@ -138,7 +144,7 @@ struct keeper {
 
     void look()
     {
-        described found = describe(asked);
+        described found = describe(asked, of_bmc);
         std::string why;
         const bool good = !found.text.empty() && replace_file(asked.output, found.text, why);
         if (!why.empty()) {
@@ -207,20 +213,40 @@ int watch(const options &asked)
     if (told.descriptor() < 0) {
         say("nobody tells of changes here: they are seen every ten minutes");
     }
-    keeper it = {.asked = asked, .told = {}, .in_file = {}, .failed = false, .ready = false};
+    keeper it = {
+        .asked = asked, .of_bmc = {}, .told = {}, .in_file = {}, .failed = false, .ready = false};
     schedule when;
-    pollfd wait[] = {{signals, POLLIN, 0}, {told.descriptor(), POLLIN, 0}};
+    bmc_reader reader(asked.bmc);
+    int64_t start_reader = asked.bmc.wanted ? 0 : INT64_MAX;
+    /* What the service processor knows is in the first description already, so that an
+     * agent does not see it go and come when this program is started anew. */
+    const int64_t first_word = now() + milliseconds(bmc_reader::longest_wait);
+    const auto has_word = [&] { return it.of_bmc.inventory || !it.of_bmc.complaint.empty(); };
+    pollfd wait[] = {{signals, POLLIN, 0}, {told.descriptor(), POLLIN, 0}, {-1, POLLIN, 0}};
     for (;;) {
-        if (when.next() <= now()) {
+        if (!reader.is_running() && start_reader <= now()) {
+            reader.start(false);
+            start_reader = now() + milliseconds(bmc_reader::between_looks);
+        }
+        if (!has_word() && asked.bmc.wanted && first_word <= now()) {
+            it.of_bmc.complaint = "it does not answer in time";
+        }
+        const bool waits = asked.bmc.wanted && !has_word();
+        if (!waits && when.next() <= now()) {
             when.looked(now());
             it.look();
         }
-        const int64_t pause = std::clamp<int64_t>(when.next() - now(), 0, schedule::full_look);
+        const int64_t pause =
+            std::clamp<int64_t>((waits ? first_word : when.next()) - now(), 0, schedule::full_look);
+        wait[2].fd = reader.descriptor();
         if (::poll(wait, std::size(wait), static_cast<int>(pause)) <= 0) {
             continue;
         }
         if (wait[0].revents != 0) {
             break;
+        }
+        if (wait[2].revents != 0 && reader.take(it.of_bmc)) {
+            when.told(now());
         }
         // One at a time, so that a storm delays nothing else.
         if (wait[1].revents != 0 && told.take()) {
@@ -231,6 +257,10 @@ int watch(const options &asked)
         }
     }
     notify("STOPPING=1");
+    reader.stop();
+    if (it.of_bmc.inventory) {
+        disbelieve(*it.of_bmc.inventory);
+    }
     ::close(signals);
     return 0;
 }

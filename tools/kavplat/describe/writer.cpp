@@ -101,6 +101,14 @@ bool stands_before(std::string_view one, std::string_view other)
     return comes_before(of(one), of(other));
 }
 
+bool is_gone(const component *it)
+{
+    while (it != nullptr && !it->gone) {
+        it = it->parent;
+    }
+    return it != nullptr;
+}
+
 json *find_named(json &components, const json &name)
 {
     for (json &each : components) {
@@ -185,6 +193,9 @@ json to_json(machine &of)
     json &components = result["components"] = json::array();
     std::set<const component *> left_out;
     for (const component &each : of.all) {
+        if (is_gone(&each)) {
+            continue;
+        }
         if (left_out.contains(each.parent) || each.name.size() > longest_name) {
             left_out.insert(&each);
             of.complain(each.name.substr(0, longest_name) + "...: the name is too long: left out");
