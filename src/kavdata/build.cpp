@@ -189,6 +189,7 @@ bool append_row(const char *caller, uint32_t index, const capi_inventory_record 
     build_phys_entry(entry, &record);
     get_static_fields(entry);
     entry->noted.since = time(nullptr);
+    note_name_parts(*entry);
     store_slot(index, entry);
     link_into_container(entry);
     return true;
@@ -264,6 +265,7 @@ void init_local_cache(void)
     if (!create_name_index()) {
         log_failure("init_local_cache", "no memory for the index by name");
     }
+    begin_name_parts();
     for (const capi_inventory_record &record : list.records()) {
         const uint32_t index = give_index(record);
         append_row("init_local_cache", index, record, row_origin::first_build);

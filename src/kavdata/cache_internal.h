@@ -4,7 +4,9 @@
 
 #include "kavdata/cache.h"
 
+#include <optional>
 #include <span>
+#include <string_view>
 
 // NOLINTBEGIN(readability-redundant-declaration): the headers for C say no such words
 extern uint32_t localCacheSize KAV_GUARDED_BY(kavplat::cache_lock);
@@ -58,6 +60,20 @@ bool insert_name(phys_entry *entry);
 // there is none.
 bool remove_name(const phys_entry *entry);
 
+// ---- The parts of names ----
+
+// Empties it, or gives it up: what is not known of every row is known of none.
+void begin_name_parts() KAV_REQUIRES(cache_lock);
+void forget_name_parts() KAV_REQUIRES(cache_lock);
+
+// Of each row before it is stored. Without memory for it, it is given up.
+void note_name_parts(const phys_entry &entry) KAV_REQUIRES(cache_lock);
+
+// Indexes above `after`, ascending, among which are those of all rows that have text in
+// their name; good until the next row is noted. Nothing: look at all rows.
+std::optional<std::span<const uint32_t>> rows_with_parts_of(std::string_view text, uint32_t after)
+    KAV_REQUIRES(cache_lock);
+
 // ---- When a row's memory may be freed ----
 //
 // The iterator callbacks of a table look rows up without the lock and hand one
@@ -105,6 +121,7 @@ bool this_thread_holds_cache_lock();
 void renew_cache_lock();
 void renew_names_lock();
 void forget_names();
+void leave_name_parts();
 void forget_slots();
 void forget_indexes();
 void forget_retired(); // what waits is left to the process

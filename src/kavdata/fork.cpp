@@ -141,6 +141,7 @@ void forget_cache_after_fork()
     left_behind = false;
     forget_slots();
     forget_names();
+    leave_name_parts();
     forget_indexes();
     forget_retired();
 }

@@ -66,6 +66,14 @@ void append(const char *caller, const capi_inventory_record &record) KAV_REQUIRE
     trace_index(index, entry_at(index), caller);
 }
 
+void remove_named(uint32_t index, const char *text) KAV_REQUIRES(cache_lock)
+{
+    const phys_entry *entry = entry_at(index);
+    if (entry && strstr(entry->entPhysicalName, text)) {
+        free_local_cache_entry(index);
+    }
+}
+
 } // namespace
 
 } // namespace kavplat
@@ -125,10 +133,13 @@ void set_fru_absent(const char *nac)
     snprintf(prefix, sizeof prefix, "%s%s", nac, "/");
     free_local_cache_entry(index);
     // Anywhere in the name, and only behind the component itself: meant.
-    for (uint32_t i = index; i < maxPhysicalIndex;) {
-        const phys_entry *entry = entry_at(++i);
-        if (entry && strstr(entry->entPhysicalName, prefix)) {
-            free_local_cache_entry(i);
+    if (const auto rows = rows_with_parts_of(prefix, index)) {
+        for (const uint32_t i : *rows) {
+            remove_named(i, prefix);
+        }
+    } else {
+        for (uint32_t i = index; i < maxPhysicalIndex;) {
+            remove_named(++i, prefix);
         }
     }
     stamp_change();

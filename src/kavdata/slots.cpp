@@ -148,6 +148,7 @@ void drop_cache()
         retire(array_of(slots));
     }
     destroy_name_index(false);
+    forget_name_parts();
     localCacheSize = 0;
 }
 

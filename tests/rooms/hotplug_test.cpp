@@ -3,6 +3,9 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
 #include <thread>
 
 #include "hashtable/hashtable.h"
@@ -276,6 +279,116 @@ TEST_F(hotplug, an_index_is_never_used_again)
     EXPECT_EQ(row("/SYS/B")->entPhysicalIndex, 4U);
     expect_consistent();
 }
+
+// ---- What a removal finds ----
+
+// Removal by the letter: every name behind the component is looked at.
+void remove_from_model(strings &rows, uint32_t index, const std::string &nac)
+{
+    if (index == 0) {
+        return;
+    }
+    const std::string text = (nac + "/").substr(0, 254);
+    rows[index - 1].clear();
+    for (size_t i = index; i < rows.size(); i++) {
+        if (rows[i].find(text) != std::string::npos) {
+            rows[i].clear();
+        }
+    }
+}
+
+// Few parts, so that they come again at other places and within each other; some are
+// empty, some longer than the text that a removal looks for, and not all names begin with
+// a slash.
+std::string odd_name(std::mt19937 &random)
+{
+    static const strings parts = {
+        "SYS", "MB", "MB2", "B", "P0", "", "SYS", "MB", std::string(130, 'n')};
+    const auto below = [&](size_t end) { return random() % end; };
+    std::string name = below(8) == 0 ? "" : "/";
+    const size_t count = 1 + below(5);
+    for (size_t i = 0; i < count; i++) {
+        name += (i == 0 ? "" : "/") + parts[below(parts.size())];
+    }
+    return name.empty() ? "/" : name;
+}
+
+struct name_memory {
+    const char *description;
+    unsigned lost_one_time_in; // 0: never
+    bool remembers_indexes;
+};
+
+class what_a_removal_finds : public hotplug, public testing::WithParamInterface<name_memory>
+{
+  protected:
+    what_a_removal_finds()
+    {
+        if (GetParam().remembers_indexes) {
+            EXPECT_NE(mkdtemp(directory), nullptr);
+            setenv("KAVPLAT_INDEX_FILE", (std::string(directory) + "/indexes").c_str(), 1);
+        }
+    }
+    ~what_a_removal_finds() override
+    {
+        unsetenv("KAVPLAT_INDEX_FILE");
+        if (GetParam().remembers_indexes) {
+            std::filesystem::remove_all(directory);
+        }
+    }
+
+  private:
+    char directory[32] = "/tmp/kavplat-hotplug-XXXXXX";
+};
+
+TEST_P(what_a_removal_finds, is_what_a_look_at_every_later_name_finds)
+{
+    std::mt19937 random(20261122);
+    size_t removals_of_more = 0;
+    for (unsigned walk = 0; walk < 20; walk++) {
+        reset();
+        platform->lists.clear();
+        build({"/SYS", "/SYS/MB", "/SYS/MB/P0", "/SYS/MB2"});
+        strings expected = rows();
+        for (unsigned step = 0; step < 300; step++) {
+            if (GetParam().lost_one_time_in != 0 && random() % GetParam().lost_one_time_in == 0) {
+                const cache_lock_held lock;
+                kavplat::forget_name_parts();
+            }
+            if (random() % 3 != 0) {
+                std::vector<fake_component> inserted;
+                for (size_t i = random() % 6 + 1; i > 0; i--) {
+                    inserted.push_back(component(odd_name(random).c_str(), plain));
+                }
+                platform->lists["/SYS"] = inserted;
+                insert("/SYS");
+                const strings after = rows();
+                expected.resize(after.size());
+                // Which index a row gets is not what is asked here.
+                std::ranges::transform(after, expected, expected.begin(),
+                                       [](const std::string &is, const std::string &was) {
+                                           return was.empty() ? is : was;
+                                       });
+                ASSERT_EQ(after, expected);
+                continue;
+            }
+            const std::string nac = odd_name(random);
+            const auto count = std::ranges::count(expected, "");
+            remove_from_model(expected, kavplat::find_name(nac.c_str()), nac);
+            removals_of_more += std::ranges::count(expected, "") > count + 1 ? 1U : 0U;
+            remove(nac.c_str());
+            ASSERT_EQ(rows(), expected) << "walk " << walk << ", step " << step << ": " << nac;
+        }
+        expect_consistent();
+    }
+    EXPECT_GT(removals_of_more, 100U);
+}
+
+INSTANTIATE_TEST_SUITE_P(hotplug, what_a_removal_finds,
+                         testing::Values(name_memory{"with_memory", 0, false},
+                                         name_memory{"where_memory_was_short", 200, false},
+                                         name_memory{"of_rows_that_keep_their_indexes", 0, true}),
+                         [](const auto &info) { return std::string(info.param.description); });
 
 // ---- Insertion ----
 
