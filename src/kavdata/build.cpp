@@ -247,6 +247,7 @@ void init_local_cache(void)
     snmp_log(LOG_INFO, "%s:local cache processing %d inventory entries\n", "init_local_cache",
              static_cast<int>(count));
     drop_cache();
+    forget_name_parts();
     prepare_indexes();
     // A fifth more than there is, for hot insertions.
     localCacheSize = highest_remembered() + static_cast<uint32_t>(count + count * 0.2);

@@ -40,7 +40,7 @@ bool cache_is_built() KAV_REQUIRES(cache_lock);
 bool replace_slots(uint32_t size) KAV_REQUIRES(cache_lock);
 
 // Takes the whole cache out of service, its rows and name index included, and
-// leaves it empty and unbuilt; cache_valid is the caller's.
+// leaves it empty and unbuilt; cache_valid and the parts of names are the caller's.
 void drop_cache() KAV_REQUIRES(cache_lock);
 
 // ---- Names (each takes the leaf lock that guards htab; nothing else is taken

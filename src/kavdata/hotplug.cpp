@@ -48,6 +48,7 @@ bool grow(const char *caller, uint32_t added) KAV_REQUIRES(cache_lock)
     if (!replaced) {
         snmp_log(LOG_ERR, "%s:realloc FAILED\n", caller);
         drop_cache();
+        forget_name_parts();
         return false;
     }
     cache_valid = 1;
@@ -217,6 +218,7 @@ void partial_reconfigure(const char *nac)
         snmp_log(LOG_ERR, "%s: maxPhysicalIndex reconfigure\n", "partial_reconfigure");
         cache_valid = 0;
         drop_cache();
+        forget_name_parts();
         return;
     }
     if (strcmp(nac, root_nac) == 0) {

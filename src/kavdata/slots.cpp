@@ -148,7 +148,6 @@ void drop_cache()
         retire(array_of(slots));
     }
     destroy_name_index(false);
-    forget_name_parts();
     localCacheSize = 0;
 }
 
