@@ -59,7 +59,7 @@ END
 for command in g++ cmake ninja snmpd snmpwalk perl pgrep unshare pidof; do
     stub "$command" </dev/null
 done
-printf '%s\n' libsnmp-dev libbsd-dev nlohmann-json3-dev libcli11-dev libpci-dev libudev-dev libfreeipmi-dev \
+printf '%s\n' libsnmp-dev libbsd-dev nlohmann-json3-dev libcli11-dev libpci-dev libudev-dev libfreeipmi-dev libarchive-dev \
     >"$KAVPLAT_INSTALLED"
 
 # The directories of system commands are appended by the script: a case can only

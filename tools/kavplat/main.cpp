@@ -9,8 +9,8 @@ namespace
 {
 
 const kavplat::subcommand *const subcommands[] = {
-    &kavplat::describe, &kavplat::check, &kavplat::conformance, &kavplat::tree, &kavplat::health,
-    &kavplat::watch,    &kavplat::plug,  &kavplat::unplug,      &kavplat::set,
+    &kavplat::describe, &kavplat::capture, &kavplat::check, &kavplat::conformance, &kavplat::tree,
+    &kavplat::health,   &kavplat::watch,   &kavplat::plug,  &kavplat::unplug,      &kavplat::set,
 };
 
 int run(int count, char **arguments)

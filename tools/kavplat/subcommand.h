@@ -33,6 +33,7 @@ struct subcommand {
     int when_misused = misused;
 };
 
+extern const subcommand capture;
 extern const subcommand check;
 extern const subcommand conformance;
 extern const subcommand describe;

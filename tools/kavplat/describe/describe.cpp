@@ -88,7 +88,10 @@ void lay_bmc_over(const bmc_word &word, machine &of)
 
 described describe(const options &asked, const bmc_word &word)
 {
-    const tree files(asked.root);
+    tree files(asked.root);
+    if (asked.record != nullptr) {
+        files.record(*asked.record);
+    }
     machine found;
     described result;
     if (!files.is_directory("/")) {

@@ -125,8 +125,10 @@ bool is_filling(std::string_view capitals)
         capitals.remove_prefix(2);
     }
     constexpr std::string_view fillings = "0FX-_.*?# ";
+    constexpr std::string_view between = ":-"; // the parts of an address or a UUID
     return std::ranges::all_of(capitals, [&](char c) {
-        return c == capitals.front() && fillings.find(c) < fillings.size();
+        return (c == capitals.front() && fillings.find(c) < fillings.size()) ||
+               between.find(c) < between.size();
     });
 }
 

@@ -82,11 +82,11 @@ std::string_view structure::text(size_t offset) const
     return number == 0 || number > strings.size() ? std::string_view() : strings[number - 1];
 }
 
-table read_table(std::string_view bytes)
+table read_table(std::string_view bytes, unused those)
 {
     table all;
     size_t offset = 0;
-    while (offset < bytes.size()) {
+    for (; offset < bytes.size(); all.end = offset) {
         if (bytes.size() - offset < head_length) {
             // The end of a table is padded here and there.
             if (bytes.find_first_not_of('\0', offset) != std::string_view::npos) {
@@ -113,14 +113,16 @@ table read_table(std::string_view bytes)
         if (it.type == end_of_table) {
             return all;
         }
-        if (it.type != inactive) {
+        if (it.type != inactive || those == unused::kept) {
             all.structures.push_back(std::move(it));
         }
         if (!ended) {
+            all.end = offset;
             all.fault = place("the texts of a structure have no end", begin);
             return all;
         }
         if (all.structures.size() == most_structures) {
+            all.end = offset;
             all.fault = place("there are too many structures", offset);
             return all;
         }

@@ -54,10 +54,14 @@ struct structure {
 
 struct table {
     std::vector<structure> structures; /* without what is inactive and after the end */
+    size_t end = 0;    /* where the first byte stands that is part of none, but of what ends them */
     std::string fault; /* why what follows them was not read; empty: nothing is wrong */
 };
 
-table read_table(std::string_view bytes);
+/* Structures that firmware has marked as unused are of no interest to who describes. */
+enum class unused { left_out, kept };
+
+table read_table(std::string_view bytes, unused those = unused::left_out);
 
 struct entry_point {
     int major = 0; /* 0: not known */

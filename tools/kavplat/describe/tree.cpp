@@ -3,6 +3,7 @@
 #include "described/live/pattern.h"
 #include "tools/kavplat/describe/counted_names.h"
 #include "tools/kavplat/describe/machine.h"
+#include "tools/kavplat/describe/recording.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -91,6 +92,55 @@ tree::tree(std::string root) : root_(std::move(root))
     }
 }
 
+void tree::note(const std::string &real_path, const struct stat &status) const
+{
+    if (record_ == nullptr) {
+        return;
+    }
+    recorded it;
+    if (S_ISLNK(status.st_mode)) {
+        char target[PATH_MAX];
+        const ssize_t length = ::readlink((root_ + real_path).c_str(), target, sizeof target);
+        it.is = recorded::kind::link;
+        it.bytes.assign(target, static_cast<size_t>(std::max<ssize_t>(length, 0)));
+    } else if (S_ISDIR(status.st_mode)) {
+        it.is = recorded::kind::directory;
+    } else if (!S_ISREG(status.st_mode)) {
+        it.is = recorded::kind::other;
+    }
+    record_->entries.try_emplace(real_path, std::move(it));
+}
+
+/* How many of a kind there are is looked at too. */
+void tree::note_names(const std::string &real_path, const std::vector<std::string> &names) const
+{
+    for (const std::string &each : names) {
+        const std::string path = real_path + '/' + each;
+        struct stat status = {};
+        if (record_ != nullptr && ::lstat((root_ + path).c_str(), &status) == 0) {
+            note(path, status);
+        }
+    }
+}
+
+void tree::note_content(const std::string &real_path, const content &found) const
+{
+    if (record_ == nullptr) {
+        return;
+    }
+    recorded &it = record_->entries[real_path];
+    it.error = found.error;
+    if (found.bytes.size() <= it.bytes.size()) {
+        return; // it was read before, and further
+    }
+    if (record_->bytes + found.bytes.size() - it.bytes.size() > recording::most_bytes) {
+        record_->is_incomplete = true;
+        return;
+    }
+    record_->bytes += found.bytes.size() - it.bytes.size();
+    it.bytes = found.bytes;
+}
+
 std::string tree::resolve(const std::string &path, int &error) const
 {
     std::vector<std::string> parts;
@@ -137,6 +187,7 @@ std::string tree::resolve(const std::string &path, int &error) const
             }
             return {};
         }
+        note(candidate, status);
         if (!S_ISLNK(status.st_mode)) {
             current = candidate;
             is_directory = S_ISDIR(status.st_mode);
@@ -190,6 +241,7 @@ tree::content tree::read(const std::string &path, size_t most) const
         return result;
     }
     result.error = read_all(*from, result.bytes, most);
+    note_content(real_path, result);
     if (result.error != 0) {
         result.bytes.clear();
     }
@@ -249,6 +301,7 @@ std::vector<std::string> tree::names(const std::string &path) const
         }
     }
     std::ranges::sort(all, comes_before);
+    note_names(real_path, all);
     return all;
 }
 
@@ -283,6 +336,9 @@ std::string tree::bound(const std::string &path) const
     std::string real_path = real(path);
     if (real_path.empty()) {
         real_path = path;
+    }
+    if (record_ != nullptr) {
+        read(real_path);
     }
     std::string result;
     std::string so_far;

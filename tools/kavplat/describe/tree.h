@@ -24,6 +24,8 @@ namespace kavplat_describe
 /* A file of /sys is a page at most, and most are a line. */
 inline constexpr size_t longest_text = 4096;
 
+struct recording;
+
 class tree
 {
   public:
@@ -59,6 +61,10 @@ class tree
      * (hwmon/hwmon3) where the device above can have but one. */
     std::string bound(const std::string &path) const;
 
+    /* From here on what is looked at is written down there, and of a file that a value is
+     * bound to what it holds. */
+    void record(recording &into) { record_ = &into; }
+
     /* What is there and may not be read by this user, such as serial numbers. */
     const std::set<std::string> &denied() const { return denied_; }
 
@@ -70,11 +76,15 @@ class tree
 
     bool is_a(mode_t kind, const std::string &path) const;
     std::string resolve(const std::string &path, int &error) const;
+    void note(const std::string &real_path, const struct stat &status) const;
+    void note_names(const std::string &real_path, const std::vector<std::string> &names) const;
+    void note_content(const std::string &real_path, const content &found) const;
 
     std::string root_; /* without a slash at its end; empty for "/" */
     mutable std::set<std::string> denied_;
     mutable std::map<std::string, std::string> directories_; /* path to real path */
     mutable size_t steps_ = 0;
+    recording *record_ = nullptr; /* none is kept */
 };
 
 } // namespace kavplat_describe
