@@ -22,6 +22,7 @@ const kavplat::subcommand kavplat::capture = {
             ->type_name("DIR")
             ->capture_default_str();
         command.footer(
+            "Example:\n"
             "  kavplat capture --anonymous machine.tar.zst\n"
             "  mkdir machine && tar -xf machine.tar.zst -C machine\n"
             "  kavplat describe --root machine\n\n"
