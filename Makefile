@@ -25,7 +25,7 @@ help:
 	@echo "make test-container  build the image of the Containerfile and run it; as root"
 	@echo "make check-PRESET   build and run what is tested by another preset: asan, tsan, clang"
 	@echo "make coverage       line and branch coverage of src/ and described/, into build/coverage/report"
-	@echo "make fuzz           the fuzzers, a minute each          SECONDS=n  longer"
+	@echo "make fuzz           the fuzzers, a minute each          SECONDS=n  longer   FUZZERS=room  of these alone"
 	@echo "make soak           agents under load while everything changes   MINUTES=n  of each build"
 	@echo "make bench          how quick the agent is, beside others, as ratios   ROUNDS=n  of measuring"
 	@echo "make mutants        does a test of the rooms notice each changed line?   SAMPLE=n SEED=n ROOMS=a,b"
@@ -83,10 +83,11 @@ coverage: setup-check
 
 # SECONDS is for each of the fuzzers.
 fuzz: SECONDS := 60
+fuzz: FUZZERS := cache description smbios tree
 fuzz: setup-check
 	cmake --preset fuzz
 	cmake --build --preset fuzz
-	tests/fuzz/run build/fuzz $(SECONDS)
+	tests/fuzz/run build/fuzz $(SECONDS) $(FUZZERS)
 
 # MINUTES is for each of the builds. The plain one has the say about memory, the
 # sanitizers about everything else.
