@@ -17,7 +17,7 @@ struct options {
     std::string output; /* empty: standard output */
     std::string merge;  /* a description laid over what was found; empty: none */
     bool serials = true;
-    bmc_target bmc; /* what is asked of the service processor */
+    bmc_target bmc;              /* what is asked of the service processor */
     recording *record = nullptr; /* where what is looked at is written down; null: nowhere */
 };
 
