@@ -718,7 +718,6 @@ TEST_F(monitor, a_child_forgets_the_cache_as_it_stands)
     fake_system::on_pthread_create.set(
         [](pthread_t *, const pthread_attr_t *, fake_system::thread_body, void *) { return 0; });
     emHandle = 9;
-    kavplat::forget_name_parts(); // which nobody could give back
     kavplat::restart_monitor_after_fork();
     EXPECT_EQ(physicalTable, nullptr);
     EXPECT_EQ(maxPhysicalIndex, 0U);
