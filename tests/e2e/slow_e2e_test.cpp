@@ -65,7 +65,7 @@ TEST_P(slow_platform_read, others_wait_no_longer_than_for_one_reading)
     EXPECT_GE(took, sensors * reading_time); // else nothing was slow
     EXPECT_EQ(other.unanswered, 0U);
     EXPECT_GE(other.polls, sensors);
-    EXPECT_LT(other.worst, reading_time + 1); // a busy machine's second
+    EXPECT_LT(other.worst, 2 * reading_time); // what one more reading would take
     // Within ten seconds of the last reading most come from the cache.
     EXPECT_EQ(client.walk(readings), found);
 }
