@@ -25,23 +25,23 @@ constexpr column discrete =
 } // namespace kavplat
 
 // Entities of class other, told apart.
-KAV_PLAT_TABLE(kavPlatPhysicalTable, 5, .columns = {&physical, 1},
+KAV_PLAT_TABLE(kavPlatPhysicalTable, 5, .columns = physical,
                .rows = rows_of_class<PHYSICAL_CLASS_OTHER>,
                .unsupported_mode = "%s:unsupported mode %d\n")
 
 // Power supplies, batteries among them.
-KAV_PLAT_TABLE(kavPlatPowerSupplyTable, 14, .columns = {&power_supply, 1},
+KAV_PLAT_TABLE(kavPlatPowerSupplyTable, 14, .columns = power_supply,
                .rows = rows_of_class<PHYSICAL_CLASS_POWER_SUPPLY>)
 
 // The power supplies that are batteries.
-KAV_PLAT_TABLE(kavPlatBatteryTable, 15, .columns = {&battery, 1}, .rows = rows_where<is_battery>,
+KAV_PLAT_TABLE(kavPlatBatteryTable, 15, .columns = battery, .rows = rows_where<is_battery>,
                .trace = walk_trace::dump_rows, .unsupported_mode = "%s:unsupported mode(%d)\n")
 
 // Fans.
-KAV_PLAT_TABLE(kavPlatFanTable, 11, .columns = {&fan, 1}, .rows = rows_of_class<PHYSICAL_CLASS_FAN>)
+KAV_PLAT_TABLE(kavPlatFanTable, 11, .columns = fan, .rows = rows_of_class<PHYSICAL_CLASS_FAN>)
 
 // Discrete sensors. No component is given that kind, so there are no rows: meant.
-KAV_PLAT_TABLE(kavPlatDiscreteSensorTable, 9, .columns = {&discrete, 1},
+KAV_PLAT_TABLE(kavPlatDiscreteSensorTable, 9, .columns = discrete,
                .rows = rows_where<is_sensor_of_kind<SENSOR_KIND_DISCRETE>>,
                .trace = walk_trace::dump_next_row,
                .modes = mode_rule::ignore_unlocked, // SETs are not answered: meant

@@ -191,6 +191,22 @@ constexpr column constant_gauge(int number, const char *name)
     return {number, name, cell_kind::gauge, [](void *) { return detail::number_cell(Value); }};
 }
 
+// The columns of a table: one, or an array in ascending order without a gap, where the
+// place of each follows from its number.
+struct column_list : std::span<const column> {
+    consteval column_list(const column &only) : span(&only, 1) {}
+
+    template <size_t Count>
+    consteval column_list(const column (&all)[Count]) : span(all)
+    {
+        for (size_t i = 0; i < Count; i++) {
+            if (all[i].number != all[0].number + static_cast<int>(i)) {
+                throw "a column's number is not one above that of the column before it";
+            }
+        }
+    }
+};
+
 // ---- Rows ----
 
 // The row at an index and the first one above it; null when there is none.
@@ -289,8 +305,8 @@ struct table {
     const char *name;   // of the object in the MIB; the callbacks are named after it
     const char *source; // what traces name: the room and its debug token
     std::span<const oid> root;
-    std::span<const column> columns; // in ascending order without a gap
-    row_rule rows = {};              // unless it has pairs
+    column_list columns;
+    row_rule rows = {}; // unless it has pairs
     const state_rule *states = nullptr;
     const pair_rule *pairs = nullptr;
     start_rule start = start_rule::first_above_maximum;
