@@ -23,6 +23,15 @@ cp -- /lib/systemd/system/snmpd.service "$scratch/"
 mkdir "$scratch/snmpd.service.d"
 cp -- "$source_dir/services/snmpd.service.d.conf" "$scratch/snmpd.service.d/kavplat.conf"
 units+=(snmpd.service)
+# What lets the description ask a service processor over the network, as the unit and the
+# documents have it.
+mkdir "$scratch/kavplat-describe.service.d"
+dropin=$scratch/kavplat-describe.service.d/bmc.conf
+sed -n 's/^#   //p' "$scratch/kavplat-describe.service" >"$dropin"
+grep -q '^IPAddressAllow=[0-9]' "$dropin" || { echo "the unit tells of no drop-in"; exit 1; }
+while read -r line; do
+    grep -qxF "    $line" "$source_dir/docs/this-machine.md" || { echo "the documents lack $line"; exit 1; }
+done <"$dropin"
 
 said_of() { # UNIT: pages of the manual are not installed either
     SYSTEMD_UNIT_PATH=$scratch: systemd-analyze verify --man=no --recursive-errors=no "$scratch/$1" 2>&1
