@@ -122,7 +122,8 @@ prometheus --config.file="$scratch/prometheus.yml" --storage.tsdb.path="$scratch
 prometheus=$!
 until_it_says "$prometheus" "$scratch/prometheus.log" 'ready to receive'
 
-python3 - "http://127.0.0.1:$web_prometheus/api/v1/query?query=" "$scratch/run/server.json" <<'END'
+python3 - "http://127.0.0.1:$web_prometheus/api/v1/query?query=" "$scratch/run/server.json" \
+    "$source_dir/managers/grafana/kavplat.json" <<'END'
 import json, sys, time, urllib.parse, urllib.request
 
 def query(expression):
@@ -142,13 +143,40 @@ def until(what, expression, good):
 reading = 'kavplat_sensor_reading{entPhysicalName="/SYS/T_AMB"}'
 ambient = lambda low, high: lambda r: len(r) == 1 and low <= float(r[0]["value"][1]) <= high
 until("the ambient temperature in degrees", reading, ambient(23.7, 23.8))
+with open(sys.argv[2]) as description:
+    server = json.load(description)
+
+# The dashboard's panels, of the server that it lets one choose: as many readings in each as
+# are described, as many sensors without one, and something wherever this server is not well.
+with open(sys.argv[3]) as file:
+    dashboard = json.load(file)
+chosen = dashboard["templating"]["list"][1]["query"]["query"]
+servers = until("a server to choose", chosen[len("label_values("):chosen.index(",")], lambda r: r)
+instance = {series["metric"][chosen[chosen.index(",") + 1:-1].strip()] for series in servers}.pop()
+sensors = [c["sensor"] for c in server["components"] if "sensor" in c and c["type"] != "slot-identity"]
+has_reading = lambda sensor: sensor.get("valid", True) and not isinstance(sensor["reading"], dict)
+of_units = lambda *units: sum(has_reading(s) and s.get("units") in units for s in sensors)
+series = {"Temperatures": of_units("degrees-c", "degrees-f", "kelvin"), "Fans": of_units("rpm"),
+          "Voltages": of_units("volts"), "Power": of_units("watts")}
+number = {"Components": len(server["components"]), "Without a reading": sum(not has_reading(s) for s in sensors)}
+for panel in dashboard["panels"]:
+    for target in panel["targets"]:
+        title, expression = panel["title"], target["expr"].replace("$instance", instance)
+        if title in series:
+            good = lambda r: len(r) == series[title] > 1
+        elif title in number:
+            good = lambda r: len(r) == 1 and float(r[0]["value"][1]) == number[title] > 0
+        else:
+            good = lambda r: r and all(float(s["value"][1]) > 0 for s in r)
+        until(f"the panel {title}", expression, good)
+if not (series.keys() | number.keys()) <= {panel["title"] for panel in dashboard["panels"]}:
+    sys.exit("the dashboard has other panels")
+
 before = len(query("kavplat_sensor_reading"))
 alarm = 'ALERTS{alertname="KavplatSensorCritical",entPhysicalName="/SYS/T_AMB"}'
 if query(alarm):
     sys.exit("the alert is there before its cause")
 
-with open(sys.argv[2]) as description:
-    server = json.load(description)
 sensor = next(c for c in server["components"] if c["name"] == "/SYS/T_AMB")["sensor"]
 sensor["reading"] = 99
 lost = next(c for c in server["components"] if c.get("sensor", {}).get("class") == "threshold"
@@ -164,5 +192,5 @@ if len(query("kavplat_sensor_reading")) != before - 1:
     sys.exit("other readings went with the lost one")
 if not query('entPhySensorOperStatus{entPhysicalName="%s"} != 1' % lost["name"]):
     sys.exit("the status does not tell of the lost reading")
-print(f"{before} readings by the real Prometheus, an alert, and a lost reading")
+print(f"{before} readings by the real Prometheus, {len(dashboard['panels'])} panels of them, an alert, and a lost reading")
 END

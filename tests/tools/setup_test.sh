@@ -143,6 +143,7 @@ expect "tests need more" called 'apt-get install .* libgtest-dev '
 expect "tests get there" [ "$status" -eq 0 ]
 expect "what tests need of a registry is fetched" called '^fetch tools/node-modules .*/tests/mibs base-modules'
 expect "so is the judge of the Containerfile" called '^fetch tools/node-modules .*/tests/container containerfile-linter'
+expect "and Grafana's types" called '^fetch tools/node-modules .*/tests/managers/grafana grafana-types'
 expect "and no more" not called '^fetch portability'
 KAVPLAT_OFFLINE=1 run test
 expect "a registry that does not answer: failure" [ "$status" -eq 1 ]
