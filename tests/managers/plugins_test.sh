@@ -1,6 +1,6 @@
 #!/bin/bash
 # Two of Debian's programs that read agents, against one that serves the rack server:
-# what SNMP::Info's Entity class makes of it and what check_snmp says, by the commands of
+# what SNMP::Info's Entity class, by which Netdisco asks for modules, makes of it and what check_snmp says, by the commands of
 # our file for Nagios, are what the description says.
 # usage: plugins_test.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
@@ -49,8 +49,26 @@ my $entity = SNMP::Info::Entity->new(
     Version => 2, MibDirs => \@mibs, IgnoreNetSNMPConf => 1
 ) or die "no answer\n";
 my %seen = map { $_ => $entity->$_ // die "nothing by $_\n" }
-    qw(e_index e_name e_class e_parent e_pos e_descr e_serial e_model e_vendor e_alias e_swver e_fru e_port);
-print encode_json({%seen, serial => $entity->entity_derived_serial});
+    qw(e_index e_name e_class e_parent e_pos e_descr e_serial e_model e_vendor e_alias e_swver e_fru e_port
+       e_type e_hwver e_fwver);
+
+# As which class it takes our agent, and one with a maker's sysObjectID, by sysServices.
+package Device;
+our @ISA = ('SNMP::Info');
+sub description { $_[0]{description} }
+sub id { $_[0]{id} }
+sub layers { $_[0]{layers} }
+sub debug { 0 }
+package main;
+my ($description, $id) = map { $entity->session->get(".1.3.6.1.2.1.1.$_.0") } 1, 2;
+my @known;
+for my $device ([$id], [$id, 72], ['.1.3.6.1.4.1.58213.1'], ['.1.3.6.1.4.1.58213.1', 72], ['.1.3.6.1.4.1.58213.1', 76]) {
+    my $layers = defined $device->[1] ? unpack('B8', chr($device->[1])) : undef;
+    my $class = bless({description => $description, id => $device->[0], layers => $layers}, 'Device')->device_type;
+    eval "require $class" or die $@;
+    push @known, [$class, $class->isa('SNMP::Info::Entity') ? 1 : 0];
+}
+print encode_json({%seen, serial => $entity->entity_derived_serial, known => \@known});
 END
 
 python3 - "$scratch/server.json" "$scratch/info.json" <<'END'
@@ -62,6 +80,13 @@ components = {c["name"]: c for c in description["components"]}
 assert set(names.values()) == set(components) and len(names) == len(components), "other names"
 assert seen["e_index"] == {i: i for i in names}
 assert seen["serial"] == description["product"]["serial"], seen["serial"]
+
+known = seen["known"]
+assert [reads for _, reads in known] == [1, 1, 0, 0, 1] and known[0][0] == "SNMP::Info::Layer3::NetSNMP", known
+assert seen["e_hwver"] == dict.fromkeys(names, "") and set(seen["e_type"].values()) == {".0.0"}
+assert {index for index, text in seen["e_fwver"].items() if text} == \
+    {index for index, what in seen["e_class"].items() if what == "chassis"} != set()
+assert all(seen["e_descr"][index] for index in names)
 
 replaceable = {"field-replaceable", "fru-info", "hot-pluggable"}
 of_class = {}

@@ -2,7 +2,7 @@
 # The files for Prometheus against the programs that read them: the exporter's module
 # is what the generator makes of our MIB modules, the rules pass their test, and a
 # scrape of a real agent has every reading of the description in its unit.
-# usage: prometheus_test.sh SOURCE_DIR BUILD_DIR
+# usage: [KAVPLAT_PICTURE=FILE.png] prometheus_test.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 
 source_dir=$1 build_dir=$2
@@ -194,3 +194,23 @@ if not query('entPhySensorOperStatus{entPhysicalName="%s"} != 1' % lost["name"])
     sys.exit("the status does not tell of the lost reading")
 print(f"{before} readings by the real Prometheus, {len(dashboard['panels'])} panels of them, an alert, and a lost reading")
 END
+
+# The picture in docs/, where one is asked for: a minute and a half, in which what was
+# raised above falls back.
+[[ -n ${KAVPLAT_PICTURE-} ]] || exit 0
+until_there_are() { # SAMPLES of the temperature
+    until [[ $(promtool query instant "http://127.0.0.1:$web_prometheus" \
+        "count_over_time(kavplat_sensor_reading{entPhysicalName=\"/SYS/T_AMB\"}[90s]) > $1") == *T_AMB* ]]; do
+        kill -0 "$prometheus" 2>/dev/null || fail "Prometheus ended:" "$(cat -- "$scratch/prometheus.log")"
+        sleep 1
+    done
+}
+until_there_are 45
+"$build_dir/tools/kavplat/kavplat" set "$scratch/run/server.json" /SYS/T_AMB reading=23.75
+until_there_are 80
+page=$(python3 -c 'import sys, urllib.parse
+print(urllib.parse.urlencode({"g0.expr": sys.argv[1], "g0.tab": 0, "g0.range_input": "90s"}))' \
+    'kavplat_sensor_reading{entPhysicalName=~"/SYS/(T_AMB|HDD[0-9]+/DISK/T|SP/T)"}')
+timeout 120 chromium --headless --no-sandbox --disable-gpu --hide-scrollbars --window-size=1000,960 \
+    --virtual-time-budget=20000 --screenshot="$KAVPLAT_PICTURE" "http://127.0.0.1:$web_prometheus/graph?$page" \
+    >"$scratch/chromium.log" 2>&1 || fail "no picture:" "$(cat -- "$scratch/chromium.log")"
