@@ -114,8 +114,10 @@ TEST(kavplat_health, tells_the_gravest_first_and_by_its_status)
 
 TEST(kavplat_health, judges_what_is_included_and_not_excluded)
 {
-    const box all = of({made(1, 0, "/SYS"), measured(2, "/SYS/A", 20, 40, 50),
-                        measured(3, "/SYS/FAN0/T", 55, 40, 50)});
+    entity hot = measured(4, "/SYS/FAN0/T", 55, 40, 50);
+    hot.contained_in = 3;
+    const box all =
+        of({made(1, 0, "/SYS"), measured(2, "/SYS/A", 20, 40, 50), made(3, 1, "/SYS/FAN0"), hot});
     struct chosen {
         std::vector<string> include;
         std::vector<string> exclude;
@@ -127,6 +129,8 @@ TEST(kavplat_health, judges_what_is_included_and_not_excluded)
         {{"*FAN*"}, {}, kavplat_health::critical},
         {{}, {"/SYS/FAN?/*"}, kavplat_health::ok},
         {{"*FAN*", "/SYS/A"}, {"*FAN*"}, kavplat_health::ok},
+        {{"/SYS/FAN0"}, {}, kavplat_health::critical},
+        {{}, {"/SYS/FAN0"}, kavplat_health::ok},
         {{"/SYS/B"}, {}, kavplat_health::unknown},
     };
     for (const chosen &each : cases) {

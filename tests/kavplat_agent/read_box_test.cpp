@@ -74,6 +74,9 @@ const agent_options rack = {
                      "rocommunity nothing 127.0.0.1 .1.3.6.1.2.1.11\n"
                      "createUser reader SHA-256 \"the pass phrase\" AES \"the other phrase\"\n"
                      "rouser reader priv\n"
+                     // The library remembers the phrases of each user that it asked as.
+                     "createUser mistaken SHA-256 \"the pass phrase\" AES \"the other phrase\"\n"
+                     "rouser mistaken priv\n"
                      "createUser other SHA-256 \"the pass phrase\"\n"
                      "rouser other\n"};
 
@@ -195,7 +198,14 @@ TEST_F(kavplat_of_our_agent, that_cannot_be_read_is_told_with_what_to_try)
         {"a wrong passphrase",
          {"-v3", "-u", "other", "-l", "authNoPriv", "-a", "SHA-256", "-A", "another phrase"},
          {"see the passphrase (-A)"}},
-        {"too little security", {"-v3", "-u", "reader", "-l", "noAuthNoPriv"}, {"lacks a view"}},
+        {"a wrong passphrase to encrypt by",
+         {"-v3", "-u", "mistaken", "-l", "authPriv", "-a", "SHA-256", "-A", "the pass phrase", "-x",
+          "AES", "-X", "another phrase", "-t", "0.3"},
+         {"no answer to a request by SNMPv3", "(1 try)", "see the passphrase (-X)"}},
+        {"too little security",
+         {"-v3", "-u", "reader", "-l", "noAuthNoPriv"},
+         {"lacks a view", "level of security (-l)"}},
+        {"nobody", {}, {"not said who asks", "-v2c -c COMMUNITY", "-u USER", "defSecurityName"}},
     };
     for (const unreadable &each : cases) {
         address whom = at(address_of_agent());
@@ -210,6 +220,9 @@ TEST_F(kavplat_of_our_agent, that_cannot_be_read_is_told_with_what_to_try)
     const result nowhere = read(at("no-such-host.invalid"));
     EXPECT_NE(nowhere.failure.find("there is no way to that address"), string::npos)
         << nowhere.failure;
+    const result refused = read(at("tcp:127.0.0.1:1"));
+    EXPECT_NE(refused.failure.find("does the agent listen there by TCP"), string::npos)
+        << refused.failure;
 }
 
 // Rows of entPhysicalTable: what is not given is not served.

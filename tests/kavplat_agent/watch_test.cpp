@@ -147,10 +147,12 @@ TEST(kavplat_commands, end_with_the_status_that_they_document)
         {"tree --json" + good, 0, "\"entities\": ["},
         {"tree --only frus" + good, 0, "/SYS/HDD3/DISK "},
         {"tree" + good + " HDD3/DISK", 0, "PD8T7-66144036"},
-        {"tree" + good + " NOTHING", 1, "has nothing that is named NOTHING"},
+        {"tree" + good + " NOTHING", 1, "has nothing that is named NOTHING; without a name all"},
         {"tree" + silent, 1, "no answer to a request by SNMPv2c"},
         {"tree --only lamps" + good, 2, "--only"},
-        {"tree -v 7 127.0.0.1:1", 1, "are not understood"},
+        {"tree -v 7 127.0.0.1:1", 2, "are not understood"},
+        {"watch -v 7 127.0.0.1:1", 2, "are not understood"},
+        {"health -v 7 127.0.0.1:1", 3, "are not understood"},
         {"tree --html " + quoted(page) + good, 0, "page.html: 412 entities"},
         {"tree --html /no/such/place" + good, 1, "cannot be written"},
         {"health" + good, 2, "HARDWARE CRITICAL - "},
@@ -165,6 +167,9 @@ TEST(kavplat_commands, end_with_the_status_that_they_document)
         {"set /no/such/file /SYS led=on", 1, "is not changed"},
         {"set " + quoted(server.description()) + " /SYS/LOCATE led", 2, "expected KEY=VALUE"},
         {"plug " + quoted(server.description()) + " /SYS/X", 2, "--from or --like"},
+        {"plug " + quoted(server.description()) + " /SYS/X --from " +
+             quoted(KAVPLAT_SOURCE_DIR "/servers/minimal.json"),
+         1, "minimal.json: there is no component /SYS/X"},
     };
     for (const ended &each : cases) {
         const command_result result =
@@ -272,15 +277,18 @@ TEST(kavplat_completion, knows_subcommands_options_and_names)
         {"kavplat tree --js", 2, "--json\n"},
         {"kavplat tree --only al", 3, "alarms\n"},
         {"kavplat set $minimal /SYS/MB/L", 3, "/SYS/MB/LOCATE\n"},
+        {"kavplat set $minimal /SYS/MB/LOCATE l", 4, "led=\n"},
+        {"kavplat plug $rack /SYS/MB/L --from $minimal", 3, "/SYS/MB/LOCATE\n"},
     };
     const std::filesystem::path command = KAVPLAT_COMMAND;
     for (const auto &[words, at, completed] : cases) {
-        const command_result result =
-            run_command("PATH=" + quoted(command.parent_path()) + ":$PATH minimal=" +
-                        quoted(KAVPLAT_SOURCE_DIR "/servers/minimal.json") + " bash -c '. " +
-                        KAVPLAT_SOURCE_DIR "/tools/kavplat/completion/kavplat; COMP_WORDS=(" +
-                        words + "); COMP_CWORD=" + std::to_string(at) +
-                        "; _kavplat; printf \"%s\\n\" \"${COMPREPLY[@]}\"'");
+        const command_result result = run_command(
+            "PATH=" + quoted(command.parent_path()) +
+            ":$PATH minimal=" + quoted(KAVPLAT_SOURCE_DIR "/servers/minimal.json") +
+            " rack=" + quoted(KAVPLAT_SOURCE_DIR "/servers/rack-2u.json") + " bash -c '. " +
+            KAVPLAT_SOURCE_DIR "/tools/kavplat/completion/kavplat; COMP_WORDS=(" + words +
+            "); COMP_CWORD=" + std::to_string(at) +
+            "; _kavplat; printf \"%s\\n\" \"${COMPREPLY[@]}\"'");
         EXPECT_EQ(result.output, completed) << words;
     }
 }

@@ -33,6 +33,14 @@ int run(int count, char **arguments)
             throw CLI::RequiredError::Subcommand(1);
         }
     } catch (const CLI::ParseError &error) {
+        if (app.get_subcommands().empty() && count > 1 && arguments[1][0] != '-') {
+            std::cerr << "There is no subcommand " << arguments[1] << "; there are";
+            for (const kavplat::subcommand *each : subcommands) {
+                std::cerr << ' ' << each->name;
+            }
+            std::cerr << "\nRun with --help for more information.\n";
+            return kavplat::misused;
+        }
         if (app.exit(error) == 0) {
             return 0;
         }

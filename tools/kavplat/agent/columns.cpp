@@ -114,7 +114,7 @@ std::string read_columns(session &from, std::span<column> columns, size_t &answe
             return from.agent() + ": the agent does not let that user or community read " +
                    to_text(columns.front().root) +
                    ": it lacks a view in the agent's snmpd.conf (view, access, rouser, "
-                   "rocommunity)";
+                   "rocommunity), or a user a higher level of security (-l)";
         }
         if (answer.error != 0) {
             if (rows > 1) {

@@ -318,7 +318,7 @@ std::optional<size_t> find_entity(const box &all, const std::string &name, std::
     }
     if (found.empty()) {
         failure = printable(all.agent) + " has nothing that is named " + printable(name) +
-                  (near.empty() ? "" : "; there is " + near);
+                  (near.empty() ? "; without a name all is shown" : "; there is " + near);
         return {};
     }
     failure = printable(name) + " may be";

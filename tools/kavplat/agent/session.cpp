@@ -121,6 +121,7 @@ std::string session::open(const address &whom)
     words.insert(words.end(), whom.options.begin(), whom.options.end());
     words.push_back(whom.agent);
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string &each : words) {
         arguments.push_back(each.data());
     }
@@ -129,7 +130,8 @@ std::string session::open(const address &whom)
     optind = 1;
     const int parsed = netsnmp_parse_args(static_cast<int>(words.size()), arguments.data(), &wanted,
                                           "", nullptr, NETSNMP_PARSE_ARGS_NOZERO);
-    if (parsed < 0) {
+    is_misused_ = parsed < 0;
+    if (is_misused_) {
         return "the options for " + agent_ +
                " are not understood, see above; they are those of net-snmp's tools: man snmpcmd";
     }
@@ -239,18 +241,31 @@ std::string session::overdue() const
 std::string session::explain(int error) const
 {
     const std::string asked = agent_ + ": ";
-    const bool is_v3 = handle_ != nullptr && snmp_sess_session(handle_)->version == SNMP_VERSION_3;
+    const netsnmp_session *opened = handle_ == nullptr ? nullptr : snmp_sess_session(handle_);
+    const bool is_v3 = opened != nullptr && opened->version == SNMP_VERSION_3;
     switch (error) {
     case SNMPERR_TIMEOUT:
         return asked + "no answer to a request by " + version() + " within " +
                seconds(timeout_ * (retries_ + 1)) + " (" + std::to_string(retries_ + 1) +
-               " tries): is the agent up, and does it listen there (address, port, firewall)?" +
-               (is_v3 ? ""
-                      : " An agent does not answer a community that it does not know, or not from"
-                        " here: see -c, and rocommunity in its snmpd.conf");
+               (retries_ == 0 ? " try" : " tries") +
+               "): is the agent up, and does it listen there (address, port, firewall)?" +
+               (!is_v3 ? " An agent does not answer a community that it does not know, or not from"
+                         " here: see -c, and rocommunity in its snmpd.conf"
+                : opened->securityLevel == SNMP_SEC_LEVEL_AUTHPRIV
+                    ? " An agent does not answer what it cannot decrypt: see the passphrase (-X)"
+                      " and its protocol (-x)"
+                    : "");
+    case SNMPERR_BAD_SEC_NAME:
+        return asked + "it is not said who asks: a community by -v2c -c COMMUNITY, or a user of"
+                       " SNMPv3 by -u USER; snmp.conf may have either (defVersion and"
+                       " defCommunity, or defSecurityName)";
     case SNMPERR_BAD_ADDRESS:
     case SNMPERR_NO_SOCKET:
     case SNMPERR_BAD_LOCPORT:
+        if (agent_.starts_with("tcp")) {
+            return asked + "there is no connection to that address: is the name right, and does the"
+                           " agent listen there by TCP (agentAddress in its snmpd.conf)?";
+        }
         return asked + "there is no way to that address: is the name right, as in udp:host:161? (" +
                snmp_api_errstring(error) + ")";
     case SNMPERR_UNKNOWN_USER_NAME:

@@ -56,6 +56,8 @@ class session
     /* Empty when it is open; else what is wrong. Nothing is sent but what SNMPv3
      * needs to find the agent's engine. */
     std::string open(const address &whom);
+    /* It is not open since its options are none. */
+    bool is_misused() const { return is_misused_; }
 
     reply get(std::span<const object_name> names);
     reply get_next(std::span<const object_name> names);
@@ -78,6 +80,7 @@ class session
     std::string overdue() const;
 
     void *handle_ = nullptr;
+    bool is_misused_ = false;
     std::string agent_;
     std::chrono::milliseconds longest_{0};
     std::chrono::steady_clock::time_point end_;

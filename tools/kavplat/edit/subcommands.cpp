@@ -89,7 +89,12 @@ const kavplat::subcommand kavplat::plug = {
                 }
             }
             const auto edit = [&](kavplat_edit::sheet &in, std::string &told) {
-                return kavplat_edit::plug(in, other == nullptr ? in : *other, asked->what, told);
+                std::string failure =
+                    kavplat_edit::plug(in, other == nullptr ? in : *other, asked->what, told);
+                if (other != nullptr && other->family(asked->what.source).empty()) {
+                    failure = asked->from + ": " + failure; // it is what lacks something
+                }
+                return failure;
             };
             return static_cast<int>(kavplat_edit::run(asked->where, edit, std::cout, std::cerr));
         };

@@ -44,6 +44,19 @@ bool fits(const std::string &name, const std::vector<std::string> &patterns)
     });
 }
 
+/* So does what is in a component that fits: who names a supply means its fan, too. */
+bool is_meant(const box &all, const entity &each, const std::vector<std::string> &patterns)
+{
+    const entity *at = &each;
+    while (!fits(shown_name(*at), patterns)) {
+        if (!at->parent) {
+            return false;
+        }
+        at = &all.entities[*at->parent];
+    }
+    return true;
+}
+
 struct finding {
     status counts_as;
     std::string text;
@@ -132,7 +145,8 @@ status report(const options &asked, const box &all, std::ostream &out)
     for (const tree_line &line : in_order(all, all.roots)) {
         const entity &each = all.entities[line.at];
         const std::string name = shown_name(each);
-        if ((!asked.include.empty() && !fits(name, asked.include)) || fits(name, asked.exclude)) {
+        if ((!asked.include.empty() && !is_meant(all, each, asked.include)) ||
+            is_meant(all, each, asked.exclude)) {
             continue;
         }
         entities++;

@@ -15,8 +15,10 @@ const kavplat::subcommand kavplat::health = {
             ->type_name("")
             ->capture_default_str();
         command
-            .add_option("--include", asked->include,
-                        "Judge only what has such a name, as /SYS/PS*; may be repeated")
+            .add_option(
+                "--include", asked->include,
+                "Judge only what has such a name, as /SYS/PS*, with all that is in it; may be "
+                "repeated")
             ->type_name("PATTERN")
             ->expected(1)
             ->take_all();

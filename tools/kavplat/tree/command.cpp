@@ -76,7 +76,7 @@ int run(const options &asked, std::ostream &out, std::ostream &errors)
     }
     if (!failure.empty()) {
         errors << "kavplat tree: " << printable(failure) << '\n';
-        return not_read;
+        return from.is_misused() ? misused : not_read;
     }
     if (!asked.page.empty()) {
         if (!write_page(asked.page, all, what, out, errors)) {

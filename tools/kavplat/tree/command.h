@@ -8,7 +8,7 @@
 namespace kavplat_tree
 {
 
-enum status { read_whole = 0, not_read = 1, read_in_part = 3 };
+enum status { read_whole = 0, not_read = 1, misused = 2, read_in_part = 3 };
 
 struct options {
     kavplat_agent::address whom;

@@ -110,7 +110,7 @@ status run(const options &asked, std::ostream &out, std::ostream &errors)
     }
     if (!failure.empty()) {
         errors << "kavplat watch: " << printable(failure) << '\n';
-        return not_read;
+        return from.is_misused() ? misused : not_read;
     }
     struct sigaction action = {};
     action.sa_handler = on_signal; /* without SA_RESTART: it ends the waiting */

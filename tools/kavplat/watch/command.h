@@ -9,7 +9,7 @@
 namespace kavplat_watch
 {
 
-enum status { ended = 0, not_read = 1 };
+enum status { ended = 0, not_read = 1, misused = 2 };
 
 struct options {
     kavplat_agent::address whom;
