@@ -99,6 +99,19 @@ told 'ENTITY-MIB::entConfigChange' ' Normal "Inventory" .* The inventory of loca
 kill -KILL "$agent"
 wait "$agent" 2>/dev/null || true
 
+# snmpd's own monitor, in a hurry.
+cp -- "$source_dir/servers/minimal.json" "$scratch/server.json"
+: >"$scratch/snmpd.log"
+mapfile -t lines < <(sed "s/^trap2sink .*/trap2sink 127.0.0.1:$printer public\ntrap2sink 127.0.0.1:$handler public/; s/^\(monitor .*\)-r 30 /\1-r 1 /" \
+    "$files/snmpd/monitor.conf")
+agent 'kavplatWatchInterval 0' "${lines[@]}"
+change 's/24\.5/41/'
+fired='SNMPv2-SMI::mib-2.88.2.0.1\b'
+told "$fired.*\"kavplat severity\".*kavPlatEquipmentSeverity\.3\b.* INTEGER: 2\b.*entPhysicalName\.3 = STRING: /SYS/MB/T_AMB" \
+    ' Critical "Hardware" .* monitor fired: .*kavplat severity.*/SYS/MB/T_AMB'
+change '/"\/SYS\/MB\/LOCATE"/d; s/^    },$/    }/'
+told "$fired.*\"kavplat changed\".*entLastChangeTime\.0" ' Critical "Hardware" .* monitor fired: .*kavplat changed'
+
 # Each that is defined was asked for above.
 defined=$(sed -n 's/^\(\w*\) NOTIFICATION-TYPE$/\1/p' "$source_dir"/mibs/*.txt "$source_dir"/mibs/compact/*.txt | sort)
 [[ $(wc -l <<<"$defined") -ge 5 ]] || fail "only these notifications are defined: $defined"
@@ -107,4 +120,4 @@ for each in $defined; do
 done
 unknown=$(grep -E '^[A-Z].*Unknown trap \(\.1\.3\.6\.1\.(2\.1|4\.1\.58213)\.' "$scratch/unknown.log" || true)
 [[ -z $unknown ]] || fail "snmptt does not know:" "$unknown"
-echo "$(wc -l <<<"$defined") notifications: each printed by name, and an event"
+echo "$(wc -l <<<"$defined") notifications and the monitor's: each printed, and an event"
