@@ -20,6 +20,7 @@ fail() {
 }
 port=$(perl -MSocket -e 'socket(my $s, PF_INET, SOCK_DGRAM, 0); bind($s, sockaddr_in(0, INADDR_LOOPBACK));
     print((sockaddr_in(getsockname($s)))[0])')
+: >"$scratch/agent.log"
 KAVPLAT_PORT=$port KAVPLAT_RUN=$scratch/run "$source_dir/tools/run-agent" "$build_dir" >"$scratch/agent.log" 2>&1 &
 agent=$!
 deadline=$((SECONDS + 60))
@@ -46,7 +47,11 @@ while read -r object; do
 done <<<"$objects"
 [[ $count -ge 12 ]] || fail "only $count objects were found in the files"
 
-python3 - "$files" <<'PYTHON'
+for column in 1 2 3; do # type, scale, precision
+    MIBS='' snmpbulkwalk -v2c -c public -Onq "127.0.0.1:$port" "1.3.6.1.2.1.99.1.1.1.$column"
+done >"$scratch/sensors"
+
+python3 - "$files" "$scratch/sensors" <<'PYTHON'
 import json, re, sys, xml.etree.ElementTree as xml, yaml
 files = sys.argv[1]
 template = yaml.safe_load(open(f"{files}/zabbix/template_kavplat.yaml"))["zabbix_export"]["templates"][0]
@@ -58,8 +63,24 @@ used = set(re.findall(r"/Kavplat by SNMP/(kavplat\.\w+(?:\[[^\]]*\])?)", text))
 assert used and used <= keys, used - keys
 maps = {m["name"] for m in template["valuemaps"]}
 assert {n for n in re.findall(r"valuemap:\s+name: (.+)", text)} == maps
-# What an item is multiplied by is the precision that is served for its type.
 assert all("{#NAME}" in i["name"] for r in template["discovery_rules"] for i in r["item_prototypes"])
+# What a reading is multiplied by is what is served for each sensor of its types.
+sensors = {}
+for line in open(sys.argv[2]):
+    oid, value = line.split()
+    sensors.setdefault(int(oid.split(".")[-1]), {})[int(oid.split(".")[-2])] = int(value)
+multiplied = 0
+for rule in template["discovery_rules"]:
+    for item in rule["item_prototypes"]:
+        if not item["snmp_oid"].startswith("1.3.6.1.2.1.99.1.1.1.4."):
+            continue
+        [types] = [c["value"] for c in rule["filter"]["conditions"] if c["macro"] == "{#TYPE}"]
+        multiplier = [s["parameters"][0] for s in item.get("preprocessing", []) if s["type"] == "MULTIPLIER"] or ["1"]
+        # Scale 9 is units; each step is three powers of ten.
+        served = {round(10 ** (3 * (s[2] - 9) - s[3]), 12) for s in sensors.values() if re.search(types, str(s[1]))}
+        assert served == {float(multiplier[0])}, f"{rule['name']}: multiplied by {multiplier[0]}, served by {served}"
+        multiplied += 1
+assert multiplied >= 5, multiplied
 librenms = yaml.safe_load(open(f"{files}/librenms/kavplat.yaml"))["modules"]["sensors"]["state"]["data"]
 assert [s["value"] for s in librenms[0]["states"]] == list(range(1, 8))
 assert xml.parse(f"{files}/opennms/kavplat-hw-inventory.xml").getroot().findall("hw-extension/mib-object")
@@ -68,4 +89,14 @@ ids = [p["id"] for p in dashboard["panels"]]
 assert len(ids) == len(set(ids)) >= 8
 PYTHON
 
-echo "$count objects asked for, all served"
+# Who lists notifications lists each that our modules define.
+told=0
+while read -r notification; do
+    told=$((told + 1))
+    oid=$(snmptranslate -M "$source_dir/mibs:$source_dir/mibs/compact" -m ALL -IR -On "$notification")
+    grep -qE "^EVENT $notification ${oid//./\\.} " "$files/snmptt/snmptt.conf.kavplat" || fail "snmptt has no event for $notification, $oid"
+    grep -qE "^#?traphandle ${oid//./\\.} " "$files/snmptrapd/snmptrapd.conf" || fail "snmptrapd has no handler for $notification, $oid"
+done < <(sed -n 's/^\(\w*\) NOTIFICATION-TYPE$/\1/p' "$source_dir"/mibs/*.txt "$source_dir"/mibs/compact/*.txt)
+[[ $told -ge 5 ]] || fail "only $told notifications are defined"
+
+echo "$count objects asked for, all served; $told notifications in each list"
