@@ -182,6 +182,20 @@ TEST(kavplat_commands, end_with_the_status_that_they_document)
     EXPECT_TRUE(read_file(page).starts_with("<!DOCTYPE html>"));
 }
 
+TEST(kavplat_commands, ask_as_snmp_conf_says)
+{
+    agent server({.description = "servers/minimal.json"});
+    server.start();
+    const temporary_directory home;
+    write_file(home / "snmp.conf", "defVersion 2c\ndefCommunity public\n");
+    const string tree =
+        quoted(KAVPLAT_COMMAND) + " tree 127.0.0.1:" + std::to_string(server.port());
+    const command_result asked = run_command("SNMPCONFPATH=" + quoted(home.path()) + " " + tree);
+    EXPECT_EQ(asked.status, 0) << asked.output;
+    EXPECT_NE(asked.output.find("4 entities"), string::npos) << asked.output;
+    EXPECT_EQ(run_command("SNMPCONFPATH=/nowhere " + tree).status, 1);
+}
+
 // What of a text is like this; a hyphen may be written as roff has it.
 std::set<string> all_like(const char *pattern, string text)
 {

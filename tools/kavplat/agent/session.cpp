@@ -112,10 +112,8 @@ std::string session::open(const address &whom)
     longest_ = whom.longest;
     start_time();
     /* No object is asked for by its name here, and reading the MIB modules would take
-     * longer than all the rest; -m has them read. Nothing is worth keeping for the
-     * next time. */
+     * longer than all the rest; -m has them read. */
     setenv("MIBS", "", 0);
-    netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
 
     std::vector<std::string> words = {"kavplat"};
     words.insert(words.end(), whom.options.begin(), whom.options.end());
@@ -130,6 +128,9 @@ std::string session::open(const address &whom)
     optind = 1;
     const int parsed = netsnmp_parse_args(static_cast<int>(words.size()), arguments.data(), &wanted,
                                           "", nullptr, NETSNMP_PARSE_ARGS_NOZERO);
+    /* Nothing is worth keeping for the next time. Said before, it would have no snmp.conf
+     * read, either. */
+    netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
     is_misused_ = parsed < 0;
     if (is_misused_) {
         return "the options for " + agent_ +
