@@ -87,6 +87,10 @@ class watched_machine
                   {.type = "drive", .serial = "STAYS", .model = "Drive"});
         pulled_ = made.nvme(made.pci("0000:00", "02.0", "010802"),
                             {.type = "drive", .serial = "PULLED", .model = "Drive"});
+        const std::string memory = "/sys/devices/system/edac/mc/mc0";
+        made.file(memory + "/seconds_since_reset", "8640000\n");
+        made.file(memory + "/dimm0/dimm_ue_count", "0\n");
+        made.file(memory + "/dimm0/dimm_ce_count", "1000\n");
         device_ = umockdev_testbed_add_device(udev_, "block", "nvme1n1", nullptr, nullptr,
                                               "DEVTYPE", "disk", nullptr);
         ::setenv("NOTIFY_SOCKET", (here / "notify").c_str(), 1);
@@ -221,6 +225,8 @@ TEST(describe_watch, a_drive_goes_with_the_word_of_udev_and_a_storm_costs_one_de
     watched_machine it;
     ASSERT_TRUE(it.systemd.hears("READY=1")) << it.log();
     ASSERT_TRUE(it.has("PULLED")) << read_file(it.file());
+    // Memory errors are counted from the first look on.
+    EXPECT_TRUE(it.has(R"("upper_non_critical": 1050)")) << read_file(it.file());
     const ino_t before = number_of(it.file());
     const long worked_before = it.worked();
 

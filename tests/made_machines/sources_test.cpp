@@ -5,6 +5,7 @@
 #include "described/format/loader.h"
 #include "described/live/live_values.h"
 #include "tools/kavplat/describe/describe.h"
+#include "tools/kavplat/describe/error_window.h"
 
 #include <algorithm>
 #include <cmath>
@@ -383,6 +384,115 @@ TEST(sensors, have_the_kernel_s_units_and_the_limits_that_make_sense)
         machine.expect(std::string("/SYS/MB/") + each.label + "_CHIP.1_1", each.expected);
         SCOPED_TRACE(each.stem);
         expect_as_built(machine);
+    }
+}
+
+/* A memory module that counts its errors, and who looks at it now and then. */
+struct counting_module {
+    static constexpr int64_t minute = 60 * 1000;
+    static constexpr int64_t day = 24 * 60 * minute;
+
+    made_machine machine;
+    kavplat_describe::error_history seen;
+    kavplat_describe::error_history *watcher = &seen;
+    std::string counter = "/sys/devices/system/edac/mc/mc0/dimm0/dimm_ce_count";
+
+    explicit counting_module(int64_t days_of_counting)
+    {
+        machine.file("/sys/devices/system/edac/mc/mc0/seconds_since_reset",
+                     std::to_string(days_of_counting * day / 1000));
+        machine.file("/sys/devices/system/edac/mc/mc0/dimm0/dimm_ue_count", "0\n");
+        counts(0);
+    }
+
+    void counts(int64_t errors) const { machine.file(counter, std::to_string(errors) + '\n'); }
+
+    /* What the sensor says from then on: the limit is as it was when somebody looked. */
+    std::function<bool()> look_at(int64_t when)
+    {
+        seen.now = when;
+        kavplat_describe::options asked;
+        asked.root = machine.root();
+        asked.errors = watcher;
+        const std::shared_ptr description = load(kavplat_describe::describe(asked));
+        return [description] {
+            for (const platform::component &each : description->components) {
+                if (each.name.ends_with("/CE")) {
+                    const std::optional<double> reading = value_of(each.sensor->reading);
+                    return reading && *reading >= limits_of(*each.sensor).at("upper_non_critical");
+                }
+            }
+            ADD_FAILURE() << "there is no sensor";
+            return false;
+        };
+    }
+};
+
+TEST(memory_errors, of_a_watched_module_are_those_of_the_last_day)
+{
+    counting_module it(200);
+    it.counts(4000); // long ago
+    EXPECT_FALSE(it.look_at(0)());
+    it.counts(4020);
+    int64_t now = 0;
+    for (; now <= 2 * it.day; now += 10 * it.minute) {
+        ASSERT_FALSE(it.look_at(now)()) << now;
+    }
+    // The sensor follows the counter itself, and does not wait for somebody to look.
+    const std::function<bool()> predicts = it.look_at(now);
+    it.counts(4020 + 49);
+    EXPECT_FALSE(predicts());
+    it.counts(4020 + 50);
+    EXPECT_TRUE(predicts());
+    const int64_t begin = now += 10 * it.minute;
+    for (; now < begin + it.day; now += 10 * it.minute) {
+        ASSERT_TRUE(it.look_at(now)()) << now;
+    }
+    EXPECT_FALSE(it.look_at(now)());
+}
+
+TEST(memory_errors, that_come_slowly_are_no_reason_to_worry_however_many_they_become)
+{
+    counting_module it(0);
+    int64_t errors = 0;
+    // 48 a day, looked at more often than is remembered.
+    for (int64_t now = 0; now < 10 * it.day; now += 30 * it.minute) {
+        it.counts(++errors);
+        ASSERT_FALSE(it.look_at(now)()) << now;
+        ASSERT_FALSE(it.look_at(now + it.minute)()) << now;
+    }
+    EXPECT_EQ(480, errors);
+}
+
+TEST(memory_errors, are_not_forgotten_when_the_counter_begins_again_or_can_not_be_read)
+{
+    counting_module it(200);
+    it.look_at(0);
+    it.counts(30);
+    EXPECT_FALSE(it.look_at(1 * it.minute)());
+    it.counts(10); // after 30 of before
+    EXPECT_FALSE(it.look_at(11 * it.minute)());
+    it.counts(20);
+    EXPECT_TRUE(it.look_at(21 * it.minute)());
+    it.machine.file(it.counter, "no number\n");
+    const std::function<bool()> predicts = it.look_at(31 * it.minute);
+    EXPECT_FALSE(predicts());
+    it.counts(20);
+    EXPECT_TRUE(predicts());
+}
+
+TEST(memory_errors, before_somebody_watched_for_a_day_are_held_against_their_average_too)
+{
+    for (const bool is_watched : {false, true}) {
+        counting_module it(9);
+        if (!is_watched) {
+            it.watcher = nullptr;
+        }
+        it.counts(499);
+        EXPECT_FALSE(it.look_at(0)());
+        it.counts(500); // ten days have begun
+        EXPECT_TRUE(it.look_at(it.minute)());
+        EXPECT_EQ(!is_watched, it.look_at(it.day + it.minute)());
     }
 }
 

@@ -93,6 +93,7 @@ described describe(const options &asked, const bmc_word &word)
         files.record(*asked.record);
     }
     machine found;
+    found.errors = asked.errors;
     described result;
     if (!files.is_directory("/")) {
         result.complaints.push_back(asked.root + ": there is no such directory");

@@ -10,6 +10,7 @@
 namespace kavplat_describe
 {
 
+struct error_history;
 struct recording;
 
 struct options {
@@ -17,8 +18,9 @@ struct options {
     std::string output; /* empty: standard output */
     std::string merge;  /* a description laid over what was found; empty: none */
     bool serials = true;
-    bmc_target bmc;              /* what is asked of the service processor */
-    recording *record = nullptr; /* where what is looked at is written down; null: nowhere */
+    bmc_target bmc;                  /* what is asked of the service processor */
+    recording *record = nullptr;     /* where what is looked at is written down; null: nowhere */
+    error_history *errors = nullptr; /* what was seen before of the same machine; null: nothing */
 };
 
 struct described {

@@ -36,6 +36,8 @@ struct identity {
     std::string software_revision;
 };
 
+struct error_history;
+
 struct component {
     component *parent = nullptr; /* null: the root */
     std::string label;           /* its part of the name, see label_of() */
@@ -83,6 +85,8 @@ class machine
     };
     whole product;
     whole chassis;
+
+    error_history *errors = nullptr; /* null: nobody watches this machine */
 
     /* What SMBIOS says is there, for the sources that know more of it to find. */
     std::vector<component *> processors;               /* by package, as the kernel counts */

@@ -1,5 +1,6 @@
 #include "tools/kavplat/describe/watch.h"
 
+#include "tools/kavplat/describe/error_window.h"
 #include "tools/kavplat/describe/output.h"
 #include "tools/kavplat/describe/schedule.h"
 
@@ -125,7 +126,8 @@ bool news::take()
 #endif
 
 struct keeper {
-    const options &asked;
+    options asked;
+    error_history errors;       /* of the machine's memory, as long as this program runs */
     bmc_word of_bmc;            /* the last word of the service processor */
     std::set<std::string> told; /* complaints of the last look */
     std::string in_file;        /* what was written last */
@@ -144,6 +146,8 @@ struct keeper {
 
     void look()
     {
+        errors.now = now();
+        asked.errors = &errors;
         described found = describe(asked, of_bmc);
         std::string why;
         const bool good = !found.text.empty() && replace_file(asked.output, found.text, why);
@@ -213,8 +217,13 @@ int watch(const options &asked)
     if (told.descriptor() < 0) {
         say("nobody tells of changes here: they are seen every ten minutes");
     }
-    keeper it = {
-        .asked = asked, .of_bmc = {}, .told = {}, .in_file = {}, .failed = false, .ready = false};
+    keeper it = {.asked = asked,
+                 .errors = {},
+                 .of_bmc = {},
+                 .told = {},
+                 .in_file = {},
+                 .failed = false,
+                 .ready = false};
     schedule when;
     bmc_reader reader(asked.bmc);
     int64_t start_reader = asked.bmc.wanted ? 0 : INT64_MAX;
