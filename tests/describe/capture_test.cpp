@@ -5,6 +5,7 @@
 #include "harness/files.h"
 #include "harness/process.h"
 #include "made_machines/made_machine.h"
+#include "made_machines/modules.h"
 
 #include <gtest/gtest.h>
 
@@ -15,6 +16,7 @@
 
 namespace fs = std::filesystem;
 using kavplat_describe_test::made_machine;
+using kavplat_describe_test::small_module;
 
 namespace
 {
@@ -78,7 +80,8 @@ constexpr const char *secret_texts[] = {
     "SERIAL-OF-1-SYSTEM",  "SERIAL-OF-2-BOARD",  "ASSET-OF-2-BOARD",    "SERIAL-OF-3-CHASSIS",
     "ASSET-OF-3-CHASSIS",  "SERIAL-OF-4-SOCKET", "SERIAL-OF-17-MODULE", "ASSET-OF-17-MODULE",
     "SERIAL-OF-39-SUPPLY", "MAKER-SECRET-209",   "NVME-SERIAL-7",       "SATA-SERIAL-8",
-    "SAS-SERIAL-9",        "02:5e:10:aa:bb:cc",  "SATASERIAL8UDEV",     "4c4c4544-0042-3510"};
+    "MODULE-SERIAL-6",     "SAS-SERIAL-9",       "02:5e:10:aa:bb:cc",   "SATASERIAL8UDEV",
+    "4c4c4544-0042-3510"};
 
 std::string table_with_secrets()
 {
@@ -129,6 +132,7 @@ void build(made_machine &all)
             0, 1);
     const std::string port = all.pci("0000:00", "19.0", "020000");
     all.port(port, 0, "02:5e:10:aa:bb:cc");
+    all.file("/run/kavplat/modules/eth0", small_module("MODULE-SERIAL-6"));
     all.hwmon(
         "/sys/devices/platform/coretemp.0", "coretemp",
         {{"temp1_input", "45000"}, {"temp1_label", "Package id 0"}, {"temp1_crit", "100000"}});
@@ -154,7 +158,7 @@ TEST(capture, of_a_machine_gives_the_same_description_and_the_same_complaints)
     const std::string wanted = description_of(machine.root());
     const captured it(machine.root());
     EXPECT_EQ(wanted, description_of(it.unpacked()));
-    for (const char *text : {"NVME-SERIAL-7", "SATA-SERIAL-8", "SAS-SERIAL-9",
+    for (const char *text : {"NVME-SERIAL-7", "SATA-SERIAL-8", "SAS-SERIAL-9", "MODULE-SERIAL-6",
                              "SERIAL-OF-17-MODULE", "02:5e:10:aa:bb:cc", "/SYS/MB/P0/D0"}) {
         EXPECT_NE(std::string::npos, wanted.find(text)) << text << " in " << wanted;
     }

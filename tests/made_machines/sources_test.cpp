@@ -1,4 +1,5 @@
 #include "made_machines/machines.h"
+#include "made_machines/modules.h"
 
 #include "check.h"
 #include "described/format/component_types.h"
@@ -307,6 +308,45 @@ TEST(network, a_port_says_what_the_kernel_calls_its_interface)
                   platform::find_component(*description, "/SYS/MB/NET3.0/PORT0")->interface);
         EXPECT_EQ("", platform::find_component(*description, "/SYS/MB/NET3.0")->interface);
     }
+}
+
+TEST(cages, of_ports_hold_what_is_plugged_and_are_there_without_it)
+{
+    made_machine machine;
+    const std::string adapter = machine.pci("0000:00", "03.0", "020000");
+    for (unsigned i = 0; i < 4; ++i) {
+        machine.port(adapter, i, "02:00:00:00:00:0" + std::to_string(i));
+        const std::string port = "/SYS/MB/NET3.0/PORT" + std::to_string(i);
+        machine.expect(port,
+                       {.type = "network-port", .serial = "02:00:00:00:00:0" + std::to_string(i)});
+    }
+    machine.expect("/SYS/MB/NET3.0", {.type = "network-adapter"});
+    const auto expect_cage = [&](const std::string &port, bool plugged) {
+        machine.expect(port + "/CAGE", {.type = "transceiver-cage"});
+        machine.expect(port + "/CAGE/PRSNT",
+                       {.type = "presence-sensor", .reading = plugged ? 2 : 1});
+    };
+    machine.file("/run/kavplat/modules/eth0", four_lane_module("SN-40"));
+    expect_cage("/SYS/MB/NET3.0/PORT0", true);
+    machine.expect("/SYS/MB/NET3.0/PORT0/CAGE/XCVR",
+                   {.type = "transceiver", .serial = "SN-40", .model = "QSFP28-100G-LR4"});
+    machine.file("/run/kavplat/modules/eth1", "");
+    expect_cage("/SYS/MB/NET3.0/PORT1", false);
+    // The third one's cage is in the device tree, with the module's own sensors.
+    const std::string number("\0\0\0\7", 4);
+    const std::string cage = "/sys/devices/platform/sfp-2";
+    machine.file(adapter + "/net/eth2/of_node/sfp", number);
+    machine.file("/sys/devices/platform/sfp-1/of_node/phandle", std::string("\0\0\0\6", 4));
+    machine.link("/sys/bus/platform/drivers/sfp/sfp-1", "/sys/devices/platform/sfp-1");
+    machine.file(cage + "/of_node/phandle", number);
+    machine.link("/sys/bus/platform/drivers/sfp/sfp-2", cage);
+    machine.file("/run/kavplat/modules/eth2", small_module("SN-41"));
+    machine.hwmon(cage, "sfp_2", {{"temp1_input", "31000"}, {"temp1_label", "temperature"}});
+    expect_cage("/SYS/MB/NET3.0/PORT2", true);
+    const std::string module = "/SYS/MB/NET3.0/PORT2/CAGE/XCVR";
+    machine.expect(module, {.type = "transceiver", .serial = "SN-41", .model = "SFP-10G-SR"});
+    machine.expect(module + "/T_TEMPERATURE", {.type = "temperature-sensor", .reading = 31});
+    expect_as_built(machine);
 }
 
 TEST(slots, say_whether_their_card_has_power_where_the_kernel_can_tell)

@@ -1,6 +1,7 @@
 #include "tools/kavplat/describe/anonymous.h"
 
 #include "tools/kavplat/describe/machine.h"
+#include "tools/kavplat/describe/module_memory.h"
 #include "tools/kavplat/describe/smbios.h"
 
 #include <algorithm>
@@ -235,6 +236,11 @@ void cover_cpuinfo(std::string &bytes, secrets &found)
     }
 }
 
+void cover_module(std::string &bytes, secrets &found)
+{
+    found.add(cover_module_serial(bytes));
+}
+
 constexpr struct {
     std::string_view directory; /* somewhere in the path */
     std::string_view name;
@@ -256,6 +262,7 @@ constexpr struct {
     {"/sys/", "vpd_pg80", cover_serial_page},
     {"/sys/", "vpd_pg89", cover_ata_page},
     {"/run/udev/data/", "", cover_udev_data},
+    {"/run/kavplat/modules/", "", cover_module},
     {"/proc/", "cpuinfo", cover_cpuinfo},
 };
 

@@ -1,4 +1,6 @@
 #include "tools/kavplat/describe/locations.h"
+#include "tools/kavplat/describe/module_memory.h"
+#include "tools/kavplat/describe/parts.h"
 #include "tools/kavplat/describe/sources.h"
 
 #include <algorithm>
@@ -44,6 +46,53 @@ std::string label_of_port(const tree &files, const std::string &port, const std:
     return on_adapter ? "PORT" + number : "NET_" + label_of(last_part(device)) + '_' + number;
 }
 
+/* By its number in the device tree, where a port there names one. */
+std::string cage_in_device_tree(const tree &files, const std::string &port,
+                                const std::string &device)
+{
+    for (const std::string &above : {port, device}) {
+        const std::string number = files.read(above + "/of_node/sfp").bytes;
+        const std::string cages = "/sys/bus/platform/drivers/sfp";
+        for (const std::string &name :
+             number.empty() ? std::vector<std::string>() : files.names(cages)) {
+            const std::string cage = files.real(cages + '/' + name);
+            if (files.read(cage + "/of_node/phandle").bytes == number) {
+                return cage;
+            }
+        }
+    }
+    return "";
+}
+
+/* Nothing where the kernel knows of none, as of a port with a plain socket. */
+void add_cage(const tree &files, machine &into, component &port, const std::string &name,
+              const std::string &node)
+{
+    const std::optional<std::string> memory =
+        files.told("/run/kavplat/modules/" + name, [&]() -> std::optional<std::string> {
+            cage_word word = ask_cage(name);
+            if (word.is_forbidden) {
+                files.deny("the module of " + name);
+            }
+            return word.is_there ? std::optional(std::move(word.memory)) : std::nullopt;
+        });
+    if (!memory && node.empty()) {
+        return;
+    }
+    component &cage = into.add(port, "CAGE", "transceiver-cage");
+    cage.capabilities = {"holder"};
+    const bool is_plugged = memory && !memory->empty();
+    add_presence(into, cage, is_plugged);
+    component *measured = &cage;
+    if (is_plugged) {
+        measured = &into.add(cage, "XCVR", "transceiver");
+        measured->fru = identity_of_module(*memory);
+    }
+    if (!node.empty()) {
+        into.is_device(*measured, node);
+    }
+}
+
 } // namespace
 
 void find_network_ports(const tree &files, machine &into)
@@ -67,6 +116,7 @@ void find_network_ports(const tree &files, machine &into)
         made.keys["interface"] = name;
         made.fru.serial = permanent_address(files, port);
         into.is_device(made, port);
+        add_cage(files, into, made, name, cage_in_device_tree(files, port, device));
     }
 }
 

@@ -365,4 +365,23 @@ std::string tree::bound(const std::string &path) const
     return root_ + result;
 }
 
+std::optional<std::string> tree::told(const std::string &path,
+                                      const std::function<std::optional<std::string>()> &ask) const
+{
+    if (!root_.empty()) {
+        content found = read(path);
+        return found.error == 0 ? std::optional(std::move(found.bytes)) : std::nullopt;
+    }
+    std::optional<std::string> found = ask();
+    if (found && record_ != nullptr) {
+        for (size_t end = path.find('/', 1); end != path.npos; end = path.find('/', end + 1)) {
+            record_->entries.try_emplace(path.substr(0, end),
+                                         recorded{recorded::kind::directory, {}, 0});
+        }
+        record_->entries.try_emplace(path);
+        note_content(path, {0, *found});
+    }
+    return found;
+}
+
 } // namespace kavplat_describe

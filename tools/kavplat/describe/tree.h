@@ -10,6 +10,7 @@
 #define KAVPLAT_DESCRIBE_TREE_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -61,12 +62,18 @@ class tree
      * (hwmon/hwmon3) where the device above can have but one. */
     std::string bound(const std::string &path) const;
 
+    /* What the kernel tells in no file but by a call: of this machine it is asked; what was
+     * recorded of another one stands in a file at the path. None: it tells nothing. */
+    std::optional<std::string> told(const std::string &path,
+                                    const std::function<std::optional<std::string>()> &ask) const;
+
     /* From here on what is looked at is written down there, and of a file that a value is
      * bound to what it holds. */
     void record(recording &into) { record_ = &into; }
 
     /* What is there and may not be read by this user, such as serial numbers. */
     const std::set<std::string> &denied() const { return denied_; }
+    void deny(const std::string &what) const { denied_.insert(what); }
 
     /* Whether the tree was too large, so that the rest of it was left unread. */
     bool exhausted() const { return steps_ >= most_steps; }
