@@ -33,6 +33,7 @@ for argument in "$@"; do
     ninja-build) command=ninja ;;
     collectd-core) command=collectd ;;
     icinga2-bin) command=icinga2 ;;
+    php-cli) command=php ;;
     openipmi) command=ipmi_sim ;;
     *) command=$argument ;;
     esac
