@@ -1,5 +1,5 @@
-// How long it takes from saving the description until a client is served the new
-// row: median and worst of 100 saves, half of them insertions, half removals.
+// How long it takes from the last byte of a saved description until a client is served the
+// new row: median and worst of all saves, half of them insertions, half removals.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -10,9 +10,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include "generated_server.h"
 #include "harness/agent.h"
 #include "harness/client.h"
 #include "harness/names.h"
+
+namespace fs = std::filesystem;
 
 namespace
 {
@@ -25,24 +28,38 @@ double milliseconds(clock_type::duration time)
     return std::chrono::duration<double, std::milli>(time).count();
 }
 
-void measure(const char *description)
+double megabytes(long kibibytes)
 {
-    agent server({.description = description});
-    server.start();
-    snmp_client client(server.port());
-    const ordered_json without = ordered_json::parse(read_file(server.description()));
-    ordered_json with = without;
-    with["components"].push_back({{"name", "/SYS/LATENCY"}, {"type", "disk"}});
+    return static_cast<double>(kibibytes) / 1024;
+}
 
-    unsigned long index = without["components"].size();
+// A description that is saved with and without what it may have besides, in turn. The last
+// row of what comes is waited for, until it is there or not there.
+struct change {
+    const char *what;
+    fs::path first; // as the agent begins
+    std::string without;
+    std::string with;
+    unsigned long components;
+    unsigned long added;
+    int repetitions;
+};
+
+void measure(const change &change)
+{
+    agent server({.description = change.first});
+    server.start();
+    const long at_first = server.memory();
+    snmp_client client(server.port());
+    unsigned long index = change.components;
     std::vector<double> times;
-    for (int i = 0; i < 100; i++) {
+    for (int i = 0; i < change.repetitions; i++) {
         const bool inserts = i % 2 == 0;
         if (inserts) {
-            index++;
+            index += change.added;
         }
         const object_name cell = ent_cell(7, index);
-        replace_file(server.description(), (inserts ? with : without).dump(2));
+        replace_file(server.description(), inserts ? change.with : change.without);
         const auto saved = clock_type::now();
         for (;;) {
             const snmp_answer answer = client.get({cell});
@@ -58,8 +75,32 @@ void measure(const char *description)
         times.push_back(milliseconds(clock_type::now() - saved));
     }
     std::ranges::sort(times);
-    printf("%s (%zu components): median %.1f ms, worst %.1f ms of %zu\n", description,
-           without["components"].size(), times[times.size() / 2], times.back(), times.size());
+    printf("%s (%lu components): median %.1f ms, worst %.1f ms of %zu; resident %.1f MB, then %.1f "
+           "MB\n",
+           change.what, change.components, times[times.size() / 2], times.back(), times.size(),
+           megabytes(at_first), megabytes(server.memory()));
+}
+
+void measure_one_more(const char *what, const fs::path &description, int repetitions)
+{
+    const ordered_json without =
+        ordered_json::parse(read_file(fs::path(KAVPLAT_SOURCE_DIR) / description));
+    ordered_json with = without;
+    with["components"].push_back({{"name", "/SYS/LATENCY"}, {"type", "disk"}});
+    measure({what, description, without.dump(2), with.dump(2), without["components"].size(), 1,
+             repetitions});
+}
+
+void measure_generated(size_t size, int repetitions)
+{
+    const temporary_directory directory;
+    const fs::path whole = directory.path() / "whole.json";
+    const fs::path root = directory.path() / "root.json";
+    write_file(whole, describe_server(generate_server(size)));
+    write_file(root, describe_server(generate_server(1)));
+    measure_one_more("one more in a large server", whole, repetitions);
+    measure({"all of a large server, and all but its root removed", root, read_file(root),
+             read_file(whole), 1, size - 1, repetitions});
 }
 
 } // namespace
@@ -67,8 +108,9 @@ void measure(const char *description)
 int main()
 {
     try {
-        measure("servers/minimal.json");
-        measure("servers/rack-2u.json");
+        measure_one_more("servers/minimal.json", "servers/minimal.json", 100);
+        measure_one_more("servers/rack-2u.json", "servers/rack-2u.json", 100);
+        measure_generated(10000, 20);
     } catch (const std::exception &e) {
         fprintf(stderr, "latency: %s\n", e.what());
         return EXIT_FAILURE;
