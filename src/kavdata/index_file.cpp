@@ -25,7 +25,7 @@ constexpr std::string_view end_word = "end ";
 constexpr mode_t file_mode = 0600;
 
 // More than the largest file that is believed.
-constexpr size_t largest_file = size_t{256} << 20;
+constexpr off_t largest_file = off_t{256} << 20;
 
 bool stands_for_itself(char c)
 {
@@ -221,6 +221,10 @@ file_found read_index_file(const std::string &path, remembered_indexes &indexes,
         why = "it is no regular file";
         return file_found::broken;
     }
+    if (status.st_size > largest_file) {
+        why = "it is larger than any such file";
+        return file_found::broken;
+    }
     std::string text;
     char block[65536];
     for (;;) {
@@ -233,10 +237,6 @@ file_found read_index_file(const std::string &path, remembered_indexes &indexes,
             return file_found::broken;
         }
         text.append(block, got > 0 ? static_cast<size_t>(got) : 0);
-        if (text.size() > largest_file) {
-            why = "it is larger than any such file";
-            return file_found::broken;
-        }
     }
     return parse_indexes(text, indexes, why) ? file_found::good : file_found::broken;
 }

@@ -11,6 +11,7 @@
 #include <memory>
 #include <new>
 #include <unistd.h>
+#include <utility>
 
 namespace kavplat
 {
@@ -24,6 +25,7 @@ struct memory {
     remembered_indexes indexes;
     bool has_changed = false;
     bool has_failed = false; // the last write did, and that was told
+    bool is_full = false;    // the highest that a file may have was given, and that was told
     memory *left = nullptr;  // by the parent of a fork: as reachable as it was there
 };
 
@@ -130,6 +132,16 @@ uint32_t give_remembered(memory &known, const capi_inventory_record &record)
         return before;
     }
     const uint32_t index = std::max(known.indexes.highest, maxPhysicalIndex) + 1;
+    // A file with more would not be believed.
+    if (index > highest_remembered_index) {
+        if (!std::exchange(known.is_full, true)) {
+            snmp_log(LOG_WARNING,
+                     "give_index:%s: %u is the highest index that is remembered: what is new "
+                     "from now on keeps its index for this run only\n",
+                     known.path.c_str(), highest_remembered_index);
+        }
+        return index;
+    }
     if (can_be_remembered && !is_taken(known, name)) {
         known.indexes.of.insert_or_assign(std::move(name), index);
     }

@@ -310,6 +310,44 @@ TEST_F(indexes, the_success_is_told)
               "prepare_indexes:" + path + ": 6 names keep their indexes, the highest is 6\n");
 }
 
+TEST_F(indexes, are_read_once_in_a_life)
+{
+    restart_with(server);
+    write_text(path, "garbage\n");
+    const agent_log log;
+    kavplat::prepare_indexes();
+    EXPECT_TRUE(log.texts(LOG_ERR).empty());
+    EXPECT_EQ(content_of(path), "garbage\n");
+}
+
+// What keeps the order of rows looks for this.
+TEST_F(indexes, a_return_to_its_place_below_the_last_one_changes_the_shape)
+{
+    restart_with(server);
+    remove("/SYS/A");
+    const uint32_t without = kavplat::shape_of_cache();
+    insert("/SYS/A");
+    EXPECT_LT(index("/SYS/A"), index("/SYS/C"));
+    EXPECT_NE(kavplat::shape_of_cache(), without);
+}
+
+TEST_F(indexes, above_the_highest_that_is_remembered_are_good_for_one_run)
+{
+    write_text(path, "kavplat-indexes 1\nhighest 1048575\n3 /SYS\nend 1\n");
+    const agent_log log;
+    restart_with(server);
+    EXPECT_EQ(indexes_of({"/SYS", "/SYS/A", "/SYS/A/X", "/SYS/C"}),
+              (vector<uint32_t>{3, 1048576, 1048577, 1048580}));
+    EXPECT_EQ(log.texts(LOG_WARNING),
+              vector<string>{"give_index:" + path +
+                             ": 1048576 is the highest index that is remembered: what is new from "
+                             "now on keeps its index for this run only\n"});
+    EXPECT_EQ(content_of(path),
+              "kavplat-indexes 1\nhighest 1048576\n3 /SYS\n1048576 /SYS/A\nend 2\n");
+    restart_with({"/SYS", "/SYS/B", "/SYS/A"});
+    EXPECT_EQ(indexes_of({"/SYS", "/SYS/A", "/SYS/B"}), (vector<uint32_t>{3, 1048576, 1048577}));
+}
+
 // ---- A file that cannot be used ------------------------------------------------
 
 TEST_F(indexes, start_afresh_beside_a_broken_file_and_say_so_once)
@@ -332,6 +370,16 @@ TEST_F(indexes, start_afresh_beside_a_broken_file_and_say_so_once)
         EXPECT_EQ(indexes_of({"/SYS", "/SYS/A"}), (vector<uint32_t>{1, 2}));
         EXPECT_EQ(content_of(path), "kavplat-indexes 1\nhighest 2\n1 /SYS\n2 /SYS/A\nend 2\n");
     }
+}
+
+TEST_F(indexes, a_file_larger_than_any_is_not_read)
+{
+    write_text(path, "");
+    std::filesystem::resize_file(path, (std::uintmax_t{256} << 20) + 1);
+    remembered_indexes found;
+    string why;
+    EXPECT_EQ(kavplat::read_index_file(path, found, why), file_found::broken);
+    EXPECT_EQ(why, "it is larger than any such file");
 }
 
 TEST_F(indexes, what_is_no_file_is_set_aside_and_waited_for_by_nobody)
