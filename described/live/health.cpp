@@ -21,6 +21,14 @@ std::string expectation_of(const live_value &value)
            std::to_string(static_cast<int64_t>(value.high));
 }
 
+/* A file's name must not make a line of the log of its own. */
+std::string in_one_line(std::string text)
+{
+    std::ranges::replace_if(
+        text, [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
+    return text;
+}
+
 std::string to_text(const live_fault &fault)
 {
     std::string word = fault.word;
@@ -58,7 +66,7 @@ void value_health::note(const std::string &component, const std::string &key,
         return;
     }
     const std::string &file = reading.value->file;
-    const std::string place = component + ": " + key + ": " + file + ": ";
+    const std::string place = component + ": " + key + ": " + in_one_line(file) + ": ";
     const scoped_lock lock(mutex_);
     const auto known = bad_.find({component, key});
     const bool was_bad = known != bad_.end() && known->second.file == file;

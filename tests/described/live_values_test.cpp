@@ -382,6 +382,18 @@ TEST_F(live, each_fault_of_a_bound_file_is_told_once_with_the_file_and_the_reaso
     }
 }
 
+TEST_F(live, a_file_whose_name_has_a_line_end_is_told_in_one_line)
+{
+    describe_reading(R"({"file": "t\n\u007f\u00fc: forged"})");
+    clear_log();
+    EXPECT_TRUE(std::isnan(reading()));
+    EXPECT_EQ(std::vector<std::string>{line_of(
+                  "3", (directory / "t??\u00fc: forged").string() +
+                           ": expected a number in the range of single precision, found "
+                           "a file that can not be read: No such file or directory")},
+              log_lines());
+}
+
 TEST_F(live, a_star_finds_the_file_again_when_the_kernel_counts_anew)
 {
     const std::filesystem::path device = directory / "device/hwmon";

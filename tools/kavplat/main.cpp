@@ -18,12 +18,14 @@ int run(int count, char **arguments)
     CLI::App app(
         "Describes servers, and looks at descriptions and at the platforms that serve them.",
         "kavplat");
-    app.set_version_flag("--version", "kavplat " KAVPLAT_VERSION);
+    const std::string version = "kavplat " KAVPLAT_VERSION;
+    app.set_version_flag("--version", version);
     app.require_subcommand(0, 1);
     app.footer("kavplat SUBCOMMAND --help tells more.");
     std::map<const CLI::App *, std::function<int()>> actions;
     for (const kavplat::subcommand *each : subcommands) {
         CLI::App *command = app.add_subcommand(each->name, each->purpose);
+        command->set_version_flag("--version", version);
         actions[command] = each->add(*command);
     }
     try {
