@@ -484,6 +484,12 @@ int capi_get_indicator(int reserved, const char *nac_name, capi_indicator_record
 int capi_get_indicator_meaning(const char *nac_name, int32_t *meaning)
 {
     platform();
+    if (breaks("one meaning at a time")) {
+        static char name[64];
+        snprintf(name, sizeof name, "%s", nac_name);
+        std::this_thread::sleep_for(1ms);
+        return fake_capi_get_indicator_meaning(name, meaning);
+    }
     const int status = fake_capi_get_indicator_meaning(nac_name, meaning);
     if (breaks("every component a service indicator")) {
         *meaning = CAPI_MEANS_SERVICE;
@@ -500,6 +506,12 @@ int capi_get_indicator_meaning(const char *nac_name, int32_t *meaning)
 int capi_get_power_state(int reserved, const char *nac_name, int32_t *state)
 {
     platform();
+    if (breaks("one power state at a time")) {
+        static char name[64];
+        snprintf(name, sizeof name, "%s", nac_name);
+        std::this_thread::sleep_for(1ms);
+        return fake_capi_get_power_state(reserved, name, state);
+    }
     const int status = fake_capi_get_power_state(reserved, nac_name, state);
     if (breaks("unknown name answered") && status != 0) {
         *state = CAPI_POWER_OFF;

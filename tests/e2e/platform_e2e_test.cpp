@@ -127,6 +127,31 @@ TEST_P(named_walk, shows_names_and_labels)
     EXPECT_GT(labelled, 0U);
 }
 
+TEST(standard_tables, of_every_server_have_names_and_the_right_types)
+{
+    for (const auto &each : std::filesystem::directory_iterator(KAVPLAT_SOURCE_DIR "/servers")) {
+        const string description = "servers/" + each.path().filename().string();
+        agent server({.description = description,
+                      .configuration = "dlmod entitySensorMIB " KAVPLAT_MODULE "\n"
+                                       "dlmod entityStateMIB " KAVPLAT_MODULE "\n"
+                                       "dlmod entityMappingMIB " KAVPLAT_MODULE "\n"});
+        ASSERT_NO_THROW(server.start()) << description;
+        const std::regex line_form(
+            R"((ENTITY-MIB|ENTITY-SENSOR-MIB|ENTITY-STATE-MIB)::[A-Za-z]+(\.\d+)+ = .*)");
+        for (const char *root : {".1.3.6.1.2.1.47.1.3", ".1.3.6.1.2.1.99", ".1.3.6.1.2.1.131"}) {
+            const command_result walk = run("snmpwalk", address_of(server) + " " + root, server);
+            EXPECT_EQ(walk.status, 0);
+            EXPECT_EQ(walk.output.find("Wrong Type"), string::npos) << walk.output;
+            std::istringstream in(walk.output);
+            size_t lines = 0;
+            for (string line; std::getline(in, line); lines++) {
+                EXPECT_TRUE(std::regex_match(line, line_form)) << line;
+            }
+            EXPECT_GT(lines, 8U) << description << " " << root;
+        }
+    }
+}
+
 TEST_P(named_walk, every_table_can_be_printed_as_one)
 {
     for (const auto &[arc, expected] : expected_platform_tables(server.description())) {

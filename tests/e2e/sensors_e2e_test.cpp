@@ -146,14 +146,18 @@ TEST_P(described_sensors, are_served_as_described_by_every_kind_of_request)
     snmp_client client(server.port());
     const vector<varbind> walked = client.walk(sensor_entry);
     const served_sensors served = look_at(server, walked);
-    // What the three kinds of managers make of a value: all of them by its precision,
-    // some by its scale too, which is one.
+    // What managers make of a value: all divide by the precision's power of ten, and some
+    // multiply by what the scale stands for (units in the middle, three powers a step).
     for (const auto &[name, sensor] : expected) {
         if (sensor.type != 12 && sensor.status == 1 && served.rows.contains(name)) {
             const expected_sensor &row = served.rows.at(name);
+            const auto value = static_cast<double>(row.value);
             const double step = std::pow(10.0, static_cast<double>(row.precision));
-            EXPECT_NEAR(static_cast<double>(row.value) / step, sensor.reading, 0.5001 / step)
-                << name;
+            const auto scale = static_cast<double>(served.cells.at(name).at(2).number);
+            for (const double made :
+                 {value / step, value / step * std::pow(10.0, 3 * (scale - 9))}) {
+                EXPECT_NEAR(made, sensor.reading, 0.5001 / step) << name;
+            }
         }
     }
     for (auto &[name, sensor] : expected) {
@@ -174,6 +178,16 @@ TEST_P(described_sensors, are_served_as_described_by_every_kind_of_request)
         one_by_one.push_back(answer.varbinds.front());
     }
     EXPECT_EQ(without_times(one_by_one), without_times(walked));
+    // Thirty of one request, over the rows' and the columns' ends.
+    vector<varbind> at_once;
+    for (size_t i = 0; i < walked.size(); i += 30) {
+        vector<object_name> names;
+        for (size_t k = i; k < std::min(i + 30, walked.size()); k++) {
+            names.push_back(walked[k].name);
+        }
+        std::ranges::copy(client.get(names).varbinds, std::back_inserter(at_once));
+    }
+    EXPECT_EQ(without_times(at_once), without_times(walked));
 }
 
 TEST(sensors_module, says_so_and_serves_nothing_without_the_physical_entities)

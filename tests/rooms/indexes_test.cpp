@@ -372,6 +372,19 @@ TEST_F(indexes, start_afresh_beside_a_broken_file_and_say_so_once)
     }
 }
 
+TEST_F(indexes, without_a_lock_are_not_remembered)
+{
+    std::filesystem::create_directory(path + ".lock");
+    agent_log log;
+    restart_with(server);
+    const vector<string> told = log.texts(LOG_ERR);
+    ASSERT_EQ(told.size(), 1U);
+    EXPECT_NE(told[0].find("its lock " + path + ".lock can not be opened: Is a directory"),
+              string::npos)
+        << told[0];
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
 TEST_F(indexes, a_file_larger_than_any_is_not_read)
 {
     write_text(path, "");

@@ -1,6 +1,7 @@
 // The states of entities: what follows from what, when the platform is asked, and when a
 // change is noted.
 #include "kavdata/codes.h"
+#include "kavdata/severity.h"
 #include "rooms/cache_fixture.h"
 
 #include <cmath>
@@ -83,6 +84,16 @@ struct sensor_case {
     int32_t oper_of_part;
 };
 
+// The severity that is told of what an alarm has.
+int32_t gravest(uint32_t alarm)
+{
+    return alarm & critical  ? kavPlatEquipmentSeverity::critical
+           : alarm & major   ? kavPlatEquipmentSeverity::major
+           : alarm & warning ? kavPlatEquipmentSeverity::warning
+           : alarm & unknown ? kavPlatEquipmentSeverity::indeterminate
+                             : kavPlatEquipmentSeverity::cleared;
+}
+
 TEST_F(states, ASensorRaisesOnItselfAndOnWhatHoldsItAndFailsIt)
 {
     enum { oper_unknown = 1, disabled = 2, enabled = 3 };
@@ -133,6 +144,8 @@ TEST_F(states, ASensorRaisesOnItselfAndOnWhatHoldsItAndFailsIt)
         const agent_log quiet;
         EXPECT_EQ(seen(instrument), (entity_states{4, c.oper, 1, 1, c.alarm}));
         EXPECT_EQ(seen(part), (entity_states{4, c.oper_of_part, 1, 1, c.alarm_of_part}));
+        EXPECT_EQ(kavplat::severity_at_last_look(*row(instrument)),
+                  gravest(c.record.sensor_class == other_class.sensor_class ? 0 : c.alarm));
         for (const char *other : {"/SYS", "/SYS/Y"}) {
             EXPECT_EQ(seen(other), (entity_states{4, enabled, 1, 1, 0})) << other;
         }

@@ -67,9 +67,10 @@ std::string text_of_info(const sensor_answer &answer)
                    static_cast<double>(r.lower_non_critical));
 }
 
+constexpr size_t most_components = 200;
+
 std::vector<question> questions_of(session &s)
 {
-    constexpr size_t most_components = 200;
     std::vector<question> all;
     const std::string root = root_of(s);
     all.push_back({"capi_get_inventory(" + root + ")", [&s, root] {
@@ -114,6 +115,57 @@ std::vector<question> questions_of(session &s)
                                return text_of_record(status, r.value);
                            }});
         }
+        if (!c.name.empty() && s.calls.capi_get_interface_name.function != nullptr) {
+            all.push_back({"capi_get_interface_name(" + c.name + ")", [&s, c] {
+                               fenced<std::array<char, CAPI_INTERFACE_NAME_SIZE>> r = {};
+                               const int status = s.calls.capi_get_interface_name(
+                                   c.name.c_str(), r.value.data(), CAPI_INTERFACE_NAME_SIZE);
+                               return text_of("%d %.*s", status, CAPI_INTERFACE_NAME_SIZE,
+                                              status == 0 ? r.value.data() : "");
+                           }});
+        }
+        if (!c.name.empty() && s.calls.capi_get_indicator_meaning.function != nullptr) {
+            all.push_back({"capi_get_indicator_meaning(" + c.name + ")", [&s, c] {
+                               fenced<int32_t> code;
+                               const int status =
+                                   s.calls.capi_get_indicator_meaning(c.name.c_str(), &code.value);
+                               return text_of("%d %d", status, status == 0 ? code.value : 0);
+                           }});
+        }
+    }
+    return all;
+}
+
+// States seldom change, but they may.
+std::vector<question> states_of(session &s)
+{
+    const auto text = [](int status, int32_t code) {
+        return text_of("%d %d", status, status == 0 ? code : 0);
+    };
+    std::vector<question> all;
+    for (const listed_component &c : sample(components_of(s), most_components)) {
+        if (c.name.empty()) {
+            continue;
+        }
+        all.push_back({"capi_get_power_state(" + c.name + ")", [&s, c, text] {
+                           fenced<int32_t> code;
+                           const int status =
+                               s.calls.capi_get_power_state(0, c.name.c_str(), &code.value);
+                           return text(status, code.value);
+                       }});
+        all.push_back({"capi_get_rdy2rm_status(" + c.name + ")", [&s, c, text] {
+                           fenced<int32_t> code;
+                           const int status =
+                               s.calls.capi_get_rdy2rm_status(0, c.name.c_str(), &code.value);
+                           return text(status, code.value);
+                       }});
+        all.push_back({"capi_get_enable_disable_state(" + c.name + ")", [&s, c, text] {
+                           fenced<int32_t> code;
+                           fenced<std::array<char, 20>> reason;
+                           const int status = s.calls.capi_get_enable_disable_state(
+                               c.name.c_str(), &code.value, reason.value.data(), 20);
+                           return text(status, code.value);
+                       }});
     }
     return all;
 }
@@ -147,6 +199,9 @@ void check_concurrent_reads(session &s, findings &f)
     for (const std::string &name : sensors) {
         readings[name] = reading_of(s, name);
     }
+    const std::vector<question> states = states_of(s);
+    const std::vector<std::string> states_alone = answers_to(states);
+    std::vector<std::atomic<bool>> otherwise(states.size());
     std::atomic<size_t> next_sensor = 0;
     std::atomic<size_t> differing = 0;
     std::mutex mutex;
@@ -163,13 +218,12 @@ void check_concurrent_reads(session &s, findings &f)
         const char *name = names[i % names.size()].c_str();
         // Fenced, so that an answer that is too long harms nothing: that it is so is
         // reported elsewhere.
-        fenced<int32_t> code;
-        fenced<std::array<char, 20>> reason;
         fenced<capi_indicator_record> indicator;
-        s.calls.capi_get_power_state(0, name, &code.value);
-        s.calls.capi_get_rdy2rm_status(0, name, &code.value);
-        s.calls.capi_get_enable_disable_state(name, &code.value, reason.value.data(), 20);
         s.calls.capi_get_indicator(0, name, &indicator.value);
+        const size_t at = i % states.size();
+        if (states[at].ask() != states_alone[at]) {
+            otherwise[at] = true;
+        }
         if (const size_t n = next_sensor++ / 2; n < sensors.size()) {
             fenced<capi_sensor_record> record;
             sensor_answer answer;
@@ -205,6 +259,12 @@ void check_concurrent_reads(session &s, findings &f)
     }
     for (std::thread &thread : running) {
         thread.join();
+    }
+    const std::vector<std::string> states_after = answers_to(states);
+    for (size_t at = 0; at < states.size(); at++) {
+        if (otherwise[at] && states_after[at] == states_alone[at]) {
+            differs(states[at].what);
+        }
     }
     // An inventory that changed by itself is no fault of its answers.
     if (differing != 0) {
