@@ -87,11 +87,11 @@ struct sensor_case {
 // The severity that is told of what an alarm has.
 int32_t gravest(uint32_t alarm)
 {
-    return alarm & critical  ? kavPlatEquipmentSeverity::critical
-           : alarm & major   ? kavPlatEquipmentSeverity::major
-           : alarm & warning ? kavPlatEquipmentSeverity::warning
-           : alarm & unknown ? kavPlatEquipmentSeverity::indeterminate
-                             : kavPlatEquipmentSeverity::cleared;
+    return alarm & critical  ? kavplat::kavPlatEquipmentSeverity::critical
+           : alarm & major   ? kavplat::kavPlatEquipmentSeverity::major
+           : alarm & warning ? kavplat::kavPlatEquipmentSeverity::warning
+           : alarm & unknown ? kavplat::kavPlatEquipmentSeverity::indeterminate
+                             : kavplat::kavPlatEquipmentSeverity::cleared;
 }
 
 TEST_F(states, ASensorRaisesOnItselfAndOnWhatHoldsItAndFailsIt)
