@@ -50,7 +50,8 @@ constexpr char configuration[] = "dlmod entitySensorMIB " KAVPLAT_MODULE "\n"
                                  "override .1.3.6.1.4.1.58213.2.70.101.1.1.8.1.4.1 integer 8\n";
 
 // The same of a subagent.
-constexpr char of_a_subagent[] = "override .1.3.6.1.2.1.47.1.1.1.1.7.40 octet_str another\n"
+constexpr char of_a_subagent[] = "agentAddress udp:127.0.0.1:161\n"
+                                 "override .1.3.6.1.2.1.47.1.1.1.1.7.40 octet_str another\n"
                                  "override .1.3.6.1.2.1.47.1.1.1.1.8.41.2 integer 9\n"
                                  "override .1.3.6.1.2.1.47.1.3.3.1.1.1.3 integer 10\n";
 const object_name row_of_a_subagent = ent_cell(7, 40);
@@ -285,12 +286,13 @@ TEST_F(both_agents, answer_thousands_of_odd_and_broken_messages_alike)
 TEST_F(both_agents, walk_alike)
 {
     for (const char *community : {"served", "some", "public"}) {
+        size_t objects = 0;
         for (const object_name &root : roots) {
             std::vector<std::vector<varbind>> found;
             for (const auto &each : agents) {
                 found.push_back(snmp_client(each->port(), community).bulk_walk(root, 20));
             }
-            EXPECT_GT(found[0].size(), 100U) << community;
+            objects += found[0].size();
             EXPECT_EQ(found[0].size(), found[1].size()) << community;
             for (size_t i = 0; i < std::min(found[0].size(), found[1].size()); i++) {
                 if (!tells_a_time(found[0][i].name)) {
@@ -298,6 +300,7 @@ TEST_F(both_agents, walk_alike)
                 }
             }
         }
+        EXPECT_GT(objects, 1000U) << community;
     }
 }
 

@@ -147,7 +147,7 @@ TEST(standard_tables, of_every_server_have_names_and_the_right_types)
             for (string line; std::getline(in, line); lines++) {
                 EXPECT_TRUE(std::regex_match(line, line_form)) << line;
             }
-            EXPECT_GT(lines, 8U) << description << " " << root;
+            EXPECT_GT(lines, 0U) << description << " " << root;
         }
     }
 }
