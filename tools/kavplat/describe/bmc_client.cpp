@@ -102,7 +102,7 @@ double converted(unsigned unit, double value)
                                                 : value;
 }
 
-std::string quantity_of(unsigned unit, bool percentage, unsigned sensor_type)
+const char *quantity_of(unsigned unit, bool percentage, unsigned sensor_type)
 {
     constexpr unsigned humidity_sensor = 0x29;
     if (percentage) {
