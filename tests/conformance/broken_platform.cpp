@@ -404,7 +404,7 @@ int capi_get_sensor(int reserved, const char *nac_name, capi_sensor_record *reco
         // Hardware that takes the question from one place, without a lock around it.
         static char name[64];
         snprintf(name, sizeof name, "%s", nac_name);
-        std::this_thread::sleep_for(1ms);
+        std::this_thread::sleep_for(20ms);
         return fake_capi_get_sensor(reserved, name, record);
     }
     const int status = fake_capi_get_sensor(reserved, nac_name, record);
