@@ -2,6 +2,7 @@
 #include <csignal>
 #include <filesystem>
 #include <list>
+#include <regex>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -196,7 +197,11 @@ TEST_F(agent_end, by_unloading_the_module)
 class first_process : public testing::Test
 {
   protected:
-    agent server{agent_options{.is_first_process = true}};
+    agent server{agent_options{.is_first_process = true,
+                               .configuration = "dlmod entitySensorMIB " KAVPLAT_MODULE "\n"
+                                                "dlmod entityStateMIB " KAVPLAT_MODULE "\n"
+                                                "dlmod entityMappingMIB " KAVPLAT_MODULE "\n"
+                                                "kavplatWatchInterval 1\n"}};
 
     void SetUp() override
     {
@@ -208,6 +213,9 @@ class first_process : public testing::Test
 TEST_F(first_process, goes_on_after_a_hangup_signal_as_it_was)
 {
     snmp_client client(server.port());
+    const object_name sensor_value = {1, 3, 6, 1, 2, 1, 99, 1, 1, 1, 4};
+    const auto value = [&] { return client.get_next({sensor_value}).varbinds.at(0); };
+    const varbind before = value();
     for (int i = 0; i < 3; i++) {
         const size_t restarts = server.log_count("restarted");
         ASSERT_EQ(kill(server.id(), SIGHUP), 0);
@@ -217,6 +225,15 @@ TEST_F(first_process, goes_on_after_a_hangup_signal_as_it_was)
         eventually([&] { return server.log_count("kavPlatMIB: loaded again, which") == 3; }));
     EXPECT_EQ(server.log_count("entityMIB: loaded again, which changes nothing"), 3U);
     EXPECT_EQ(names(client), minimal);
+    // The watcher too, with its interval.
+    EXPECT_EQ(value(), before);
+    EXPECT_EQ(server.log_count("Unknown token"), 0U);
+    const string description = read_file(server.description());
+    write_file(
+        server.description(),
+        std::regex_replace(description, std::regex(R"("reading": [0-9.]+)"), R"("reading": 77)"));
+    EXPECT_TRUE(eventually([&] { return value().value == integer_value(770); })) << server.log();
+    write_file(server.description(), description);
     EXPECT_EQ(server.log_count("local cache ready"), 1U);
     EXPECT_EQ(server.log_count("duplicate registration: MIB modules entPhysicalTable"), 0U);
     // Its rows follow what happens, and each comes once.
