@@ -3,6 +3,8 @@
 
 #include <climits>
 
+#include "kavdata/measure.h"
+#include "kavdata/severity.h"
 #include "rooms/platform_tables.h"
 
 namespace
@@ -50,6 +52,8 @@ class failing_calls : public platform_table_test
         bay.raw_reading = 1;
         server->sensors["/SYS/HDD0/PRSNT"] = bay;
         server->indicators["/SYS/LED"] = indicator(other ? CAPI_INDICATOR_ON : 77);
+        server->meanings["/SYS/LED"] = CAPI_MEANS_FAULT;
+        server->interfaces["/SYS/MID"] = "eth0";
         capi_fru_record fru = {};
         set_text(fru.model, "fru model");
         set_text(fru.serial, "fru serial");
@@ -72,7 +76,8 @@ class failing_calls : public platform_table_test
         platform->answer_on_failure = what == left::an_answer;
     }
 
-    // Every column of every table, and what the rows are then.
+    // Every column of every table, what the standard's tables have of the rows, and what
+    // the rows are then.
     strings all_served()
     {
         strings all;
@@ -86,6 +91,19 @@ class failing_calls : public platform_table_test
                                           static_cast<long long>(value.number)) +
                                   value.octets);
                 }
+            }
+        }
+        for (uint32_t index = 1; index <= getMaxPhysicalIndex(); index++) {
+            const cache_lock_held lock;
+            if (phys_entry *entry = kavplat::entry_at(index)) {
+                kavplat::look_at_states(*entry);
+                const entity_states states = kavplat::states_of(*entry);
+                all.push_back(text_of("%u: %d %d %d %d 0x%x, %d %d %d %s", index, states.admin,
+                                      states.oper, states.usage, states.standby, states.alarm,
+                                      static_cast<int>(kavplat::status_of(*entry)),
+                                      kavplat::value_of(*entry),
+                                      kavplat::severity_at_last_look(*entry),
+                                      entry->interfaceName ? entry->interfaceName : "none"));
             }
         }
         for (std::string &row : images()) {
@@ -146,6 +164,8 @@ TEST_F(failing_calls, give_nothing_but_their_status)
         {"capi_get_enable_disable_state", true, true},
         {"capi_get_rdy2rm_status", true, true},
         {"capi_get_power_state", true, true},
+        {"capi_get_indicator_meaning", true, false},
+        {"capi_get_interface_name", true, false},
     };
     const strings built = when_built_and_served();
     const strings later = when_served_again();
