@@ -8,7 +8,7 @@ JOBS := $(shell nproc)
 # Most tests of an agent wait for it, and not for a processor.
 TEST_JOBS := $(shell echo $$((2 * $$(nproc))))
 
-.PHONY: help run test test-portability build install uninstall dist deb test-package test-container coverage fuzz soak build-bench bench mutants tidy format format-check clean setup-run setup-test setup-bench setup-check setup-ci setup-deb setup-container
+.PHONY: help run test test-portability build install uninstall dist deb test-package test-reproducible test-container coverage fuzz soak build-bench bench mutants tidy format format-check clean setup-run setup-test setup-bench setup-check setup-ci setup-deb setup-container
 
 help:
 	@echo "make run            serve servers/rack-2u.json by a private snmpd on 127.0.0.1:1161"
@@ -22,6 +22,7 @@ help:
 	@echo "make dist           the sources of the last commit as build/dist/kavplat-VERSION.tar.gz"
 	@echo "make deb            Debian packages of the last commit, into build/deb"
 	@echo "make test-package   install, upgrade and purge them in a Debian of their own; as root"
+	@echo "make test-reproducible  build the packages twice and compare them"
 	@echo "make test-container  build the image of the Containerfile and run it; as root"
 	@echo "make check-PRESET   build and run what is tested by another preset: asan, tsan, clang"
 	@echo "make coverage       line and branch coverage of src/ and described/, into build/coverage/report"
@@ -70,6 +71,9 @@ deb: setup-deb
 
 test-package: deb
 	tests/package/run build/deb build/package-test
+
+test-reproducible: deb
+	tests/package/reproducible build/deb
 
 test-container: setup-container deb
 	tests/container/run build/container-test
