@@ -134,8 +134,8 @@ struct states_change {
 std::optional<states_change> note_states(phys_entry &entry) KAV_REQUIRES(cache_lock);
 
 // For one who tells of changes of the operational state: whether the state noted is
-// another than at the last call, whoever noted it in between; before has that of then
-// and else the same as after. The first state that was noted is no change.
+// known and another than the last known one of a call, whoever noted it in between; before
+// has that one and else the same as after. The first known state is no change.
 std::optional<states_change> take_oper_change(phys_entry &entry) KAV_REQUIRES(cache_lock);
 
 // ---- Failures of the platform ----

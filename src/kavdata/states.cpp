@@ -262,13 +262,14 @@ int32_t usage_of(const phys_entry &entry)
     return (is_told ? is_present : is_listed) ? entStateUsage::busy : entStateUsage::idle;
 }
 
-// A power supply or a fan that is enabled runs, unless one of its sensors says that it
-// is absent or all that count turns say that it stands still.
-int32_t standby_of(const phys_entry &entry, int32_t oper)
+// A power supply or a fan that is enabled and unlocked runs, unless one of its sensors says
+// that it is absent or all that count turns say that it stands still. One without power is
+// locked; one that is shutting down has ceased to be of use.
+int32_t standby_of(const phys_entry &entry, int32_t admin, int32_t oper)
 {
     if ((entry.entPhysicalClass != PHYSICAL_CLASS_POWER_SUPPLY &&
          entry.entPhysicalClass != PHYSICAL_CLASS_FAN) ||
-        oper != entStateOper::enabled) {
+        admin != entStateAdmin::unlocked || oper != entStateOper::enabled) {
         return entStateStandby::unknown;
     }
     bool stands_still = false;
@@ -341,11 +342,12 @@ void look_at_states(phys_entry &entry)
 
 entity_states states_of(const phys_entry &entry)
 {
+    const int32_t admin = admin_of(entry);
     const int32_t oper = oper_of(entry);
-    return {.admin = admin_of(entry),
+    return {.admin = admin,
             .oper = oper,
             .usage = usage_of(entry),
-            .standby = standby_of(entry, oper),
+            .standby = standby_of(entry, admin, oper),
             .alarm = alarms_of(entry)};
 }
 
@@ -389,7 +391,9 @@ std::optional<states_change> take_oper_change(phys_entry &entry)
 {
     noted_states &noted = entry.noted;
     const int32_t told = noted.told_oper;
-    if (!noted.are_known || told == noted.states.oper) {
+    // What cannot be read for a while is nothing to tell, nor is its return.
+    if (!noted.are_known || told == noted.states.oper ||
+        noted.states.oper == entStateOper::unknown) {
         return {};
     }
     noted.told_oper = noted.states.oper;

@@ -221,11 +221,13 @@ class described_server
         return told.value_or(is_listed) ? busy : idle;
     }
 
-    int64_t standby_of(const string &name, int64_t oper) const
+    int64_t standby_of(const string &name, int64_t admin, int64_t oper) const
     {
-        enum { unknown = 1, providing_service = 4, enabled = 3, power_supply = 6, fan = 7 };
+        enum { unknown = 1, providing_service = 4, power_supply = 6, fan = 7 };
+        enum { unlocked = 4, enabled = 3 };
         const long physical_class = kinds_.at(name)->physical_class;
-        if ((physical_class != power_supply && physical_class != fan) || oper != enabled) {
+        if ((physical_class != power_supply && physical_class != fan) || admin != unlocked ||
+            oper != enabled) {
             return unknown;
         }
         bool turns = false;
@@ -258,7 +260,7 @@ class described_server
         }
         s.oper = is_failed(name) ? 2 : s.oper;
         s.usage = usage_of(name);
-        s.standby = standby_of(name, s.oper);
+        s.standby = standby_of(name, s.admin, s.oper);
         for (const string &held : held_by(name)) {
             const json &c = this->component(held);
             s.alarm |= c.contains("sensor")      ? raised_by_sensor(c) & ~unsigned{alarm_unknown}
@@ -383,6 +385,9 @@ TEST(states, of_the_rack_server_are_of_every_kind)
     for (const unsigned alarm : {0U, 0x80U, 0x34U, 0x14U, 0x10U, 0x04U}) {
         EXPECT_TRUE(seen["alarm"].contains(alarm)) << std::hex << alarm;
     }
+    // One that runs, and one that is switched off.
+    EXPECT_EQ(expected.at("/SYS/PB0/PS").standby, 4);
+    EXPECT_EQ(expected.at("/SYS/PDB/DC1").standby, 1);
     // By lights alone, and beside a sensor.
     EXPECT_EQ(expected.at("/SYS/HDD2").alarm, warning);
     EXPECT_EQ(expected.at("/SYS/HDD2/SERVICE").alarm, 0U);

@@ -393,6 +393,26 @@ TEST_F(states, ASupplyOrFanProvidesServiceWhileNothingSaysThatItDoesNotRun)
     }
 }
 
+// Whether it is switched off the platform tells with whether it may be removed.
+TEST_F(states, ASupplyOrFanThatIsLockedProvidesNoService)
+{
+    enum { standby_unknown = 1, providing_service = 4 };
+    platform->fail["capi_get_rdy2rm_status"] = -1;
+    for (const uint32_t type : {fan_type, supply_type}) {
+        build_components({component("/SYS", plain), component(part, type,
+                                                              {{CAPI_CAP_FIELD_REPLACEABLE_BYTE,
+                                                                CAPI_CAP_FIELD_REPLACEABLE}})});
+        for (const int32_t power :
+             {CAPI_POWER_ON, CAPI_POWER_OFF, CAPI_POWER_STANDBY, CAPI_POWER_SHUTTING_DOWN}) {
+            platform->power_states[part] = power;
+            pass_ten_seconds();
+            EXPECT_EQ(seen(part).standby,
+                      power == CAPI_POWER_ON ? providing_service : standby_unknown)
+                << power;
+        }
+    }
+}
+
 // Every entity of the server once, as a walk does, and again.
 TEST_F(states, ThePlatformIsAskedOnceInTenSecondsForEachThingWhateverItAnswers)
 {
@@ -498,6 +518,46 @@ TEST_F(states, AChangeIsNotedWithItsTimeAndTheFirstIsNoChange)
     }
 }
 
+struct oper_course {
+    const char *what;
+    std::string seen; // of each look: Enabled, Disabled, Unknown
+    std::string told;
+};
+
+// What could not be read for a while has not become what it is anew.
+TEST_F(states, AnOperationalStateIsToldWhenItIsAnotherThanTheLastThatWasKnown)
+{
+    const oper_course courses[] = {
+        {"swings", "EDED", "E>D D>E E>D "},
+        {"stays", "EE", ""},
+        {"not read in between", "EUEUUE", ""},
+        {"another after it was not read", "EUDUUDUE", "E>D D>E "},
+        {"not read at first", "UUEUD", "E>D "},
+        {"disabled at first", "UDUDUE", "D>E "},
+    };
+    for (const oper_course &c : courses) {
+        SCOPED_TRACE(c.what);
+        build_components(
+            {component("/SYS", plain), component(part, plain), component(instrument, sensor_type)});
+        const agent_log quiet;
+        std::string told;
+        for (const char oper : c.seen) {
+            platform->fail["capi_get_sensor"] = oper == 'U' ? -1 : 0;
+            platform->sensors[instrument] = oper == 'D' ? invalid(numeric(25)) : numeric(25);
+            pass_ten_seconds();
+            const cache_lock_held lock;
+            phys_entry &entry = *row(instrument);
+            kavplat::look_at_states(entry);
+            kavplat::note_states(entry);
+            if (const auto change = kavplat::take_oper_change(entry)) {
+                const auto letter = [](int32_t state) { return " UDET"[state]; };
+                told += {letter(change->before.oper), '>', letter(change->after.oper), ' '};
+            }
+        }
+        EXPECT_EQ(told, c.told);
+    }
+}
+
 TEST_F(states, EachStateAloneCountsAsAChange)
 {
     const fake_capability replaceable = {CAPI_CAP_FIELD_REPLACEABLE_BYTE,
@@ -520,8 +580,11 @@ TEST_F(states, EachStateAloneCountsAsAChange)
         return kavplat::note_states(entry);
     };
     EXPECT_FALSE(change());
-    EXPECT_EQ(entry.noted.states, (entity_states{2, 3, 2, 4, 0}));
-    platform->ready_to_remove[part] = CAPI_NOT_READY_TO_REMOVE;
+    EXPECT_EQ(entry.noted.states, (entity_states{2, 3, 2, 1, 0}));
+    platform->fail["capi_get_rdy2rm_status"] = -1;
+    platform->power_states[part] = CAPI_POWER_SHUTTING_DOWN;
+    EXPECT_EQ(change().value().after, (entity_states{3, 3, 2, 1, 0}));
+    platform->power_states[part] = CAPI_POWER_ON;
     EXPECT_EQ(change().value().after, (entity_states{4, 3, 2, 4, 0}));
     platform->sensors[instrument] = numeric(60);
     EXPECT_EQ(change().value().after, (entity_states{4, 3, 2, 4, warning}));
