@@ -1,8 +1,7 @@
 // What can hold a component, and whether it does.
 #include "kavPlatMIB/platform_table.h"
 
-#include "kavdata/cache.h"
-#include "trace/trace.h"
+#include "kavdata/live.h"
 
 namespace kavplat
 {
@@ -12,29 +11,10 @@ namespace
 
 int32_t power_state(phys_entry &entry)
 {
-    if (!(entry.capiCaps[CAPI_CAP_POWER_BYTE] &
-          (CAPI_CAP_POWER_READABLE | CAPI_CAP_POWER_CONTROLLABLE))) {
-        return entry.holderCol4;
-    }
-    int32_t state = 0;
-    if (has_failed("kavPlatEquipmentHolderTable_handler", polled_call::power_state, entry,
-                   capi_get_power_state(0, entry.entPhysicalName, &state))) {
-        return entry.holderCol4;
-    }
-    switch (state) {
-    case CAPI_POWER_OFF:
-        entry.holderCol4 = kavPlatHolderPowerState::off;
-        break;
-    case CAPI_POWER_ON:
-        entry.holderCol4 = kavPlatHolderPowerState::on;
-        break;
-    case CAPI_POWER_STANDBY:
-    case CAPI_POWER_SHUTTING_DOWN:
-        entry.holderCol4 = kavPlatHolderPowerState::other;
-        break;
-    default:
-        entry.holderCol4 = kavPlatHolderPowerState::unknown;
-        break;
+    const uint32_t now = agent_uptime();
+    if (has_power_state(entry) && !is_renewed(entry.powerTime, now)) {
+        apply_power_state("kavPlatEquipmentHolderTable_handler", entry,
+                          ask_power_state(entry.entPhysicalName), now);
     }
     return entry.holderCol4;
 }

@@ -1,4 +1,5 @@
-// Live states of equipment: whether it may be removed, and whether it is enabled.
+// Live states of equipment: whether it may be removed, whether it is enabled, and the
+// power of what can hold something.
 #include "kavdata/codes.h"
 #include "kavdata/live.h"
 
@@ -7,6 +8,7 @@ namespace kavplat
 
 namespace admin = kavPlatEquipmentAdminState;
 namespace oper = kavPlatEquipmentOperState;
+namespace holder_power = kavPlatHolderPowerState;
 
 call_answer ask_enable_state(const char *name)
 {
@@ -16,12 +18,20 @@ call_answer ask_enable_state(const char *name)
     return answer;
 }
 
-admin_answer ask_admin_state(const char *name)
+call_answer ask_power_state(const char *name)
+{
+    call_answer answer = {};
+    answer.status = capi_get_power_state(0, name, &answer.value);
+    return answer;
+}
+
+admin_answer ask_admin_state(const char *name, const between_calls &between)
 {
     admin_answer answer = {};
     answer.ready.status = capi_get_rdy2rm_status(0, name, &answer.ready.value);
     if (answer.ready.status != 0) {
-        answer.power.status = capi_get_power_state(0, name, &answer.power.value);
+        between();
+        answer.power = ask_power_state(name);
     }
     return answer;
 }
@@ -50,6 +60,29 @@ void apply_enable_state(const char *caller, phys_entry &row, const call_answer &
         row.look.disabled = answer.value == CAPI_DISABLED;
         row.lastReadTime = now;
         row.equipmentCol2 = answer.value == CAPI_DISABLED ? oper::disabled : oper::enabled;
+    }
+}
+
+void apply_power_state(const char *caller, phys_entry &row, const call_answer &answer, uint32_t now)
+{
+    row.powerTime = now;
+    if (has_failed(caller, polled_call::power_state, row, answer.status)) {
+        return;
+    }
+    switch (answer.value) {
+    case CAPI_POWER_OFF:
+        row.holderCol4 = holder_power::off;
+        break;
+    case CAPI_POWER_ON:
+        row.holderCol4 = holder_power::on;
+        break;
+    case CAPI_POWER_STANDBY:
+    case CAPI_POWER_SHUTTING_DOWN:
+        row.holderCol4 = holder_power::other;
+        break;
+    default:
+        row.holderCol4 = holder_power::unknown;
+        break;
     }
 }
 

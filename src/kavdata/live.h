@@ -7,6 +7,8 @@
 
 #include "kavdata/cache.h"
 
+#include <functional>
+
 namespace kavplat
 {
 
@@ -29,11 +31,19 @@ struct admin_answer {
 };
 
 // ---- Ask: any thread ----
+//
+// What may take two calls of the platform calls `between` before the second.
 
-sensor_answer ask_sensor(const char *name, uint32_t component_type);
+using between_calls = std::function<void()>;
+inline void nothing_between_calls() {}
+
+sensor_answer ask_sensor(const char *name, uint32_t component_type,
+                         const between_calls &between = nothing_between_calls);
 call_answer ask_indicator(const char *name);
 call_answer ask_enable_state(const char *name);
-admin_answer ask_admin_state(const char *name);
+call_answer ask_power_state(const char *name);
+admin_answer ask_admin_state(const char *name,
+                             const between_calls &between = nothing_between_calls);
 
 // ---- Apply: cache lock held; now is the agent's up-time of the question ----
 
@@ -41,17 +51,19 @@ admin_answer ask_admin_state(const char *name);
 int apply_sensor(phys_entry &row, const sensor_answer &answer, uint32_t now);
 int apply_indicator(phys_entry &row, const call_answer &answer, uint32_t now);
 
-// Into equipmentCol1 and equipmentCol2; caller is whom a failure is told of.
+// Into equipmentCol1, equipmentCol2 and holderCol4; caller is whom a failure is told of.
 void apply_admin_state(const char *caller, phys_entry &row, const admin_answer &answer,
                        uint32_t now);
 void apply_enable_state(const char *caller, phys_entry &row, const call_answer &answer,
                         uint32_t now);
+void apply_power_state(const char *caller, phys_entry &row, const call_answer &answer,
+                       uint32_t now);
 
 // ---- Watching: cache lock held ----
 //
 // Somebody may renew all live values again and again, and says so: what was asked at
 // `since` or later is good until `until`, however old it is by then. Both are up-times
-// of the agent. He says it anew while he is at it, so that requests ask for themselves
+// of the agent. He says it anew before each call, so that requests ask for themselves
 // again soon after he has ceased to, or when one call keeps him for long.
 
 void promise_renewal(uint32_t since, uint32_t until);
@@ -78,6 +90,12 @@ inline bool has_admin_state(const phys_entry &entry)
 inline bool has_enable_state(const phys_entry &entry)
 {
     return entry.capiCaps[CAPI_CAP_ENABLE_STATE_BYTE] & CAPI_CAP_ENABLE_STATE;
+}
+
+inline bool has_power_state(const phys_entry &entry)
+{
+    return entry.capiCaps[CAPI_CAP_POWER_BYTE] &
+           (CAPI_CAP_POWER_READABLE | CAPI_CAP_POWER_CONTROLLABLE);
 }
 
 } // namespace kavplat

@@ -77,7 +77,7 @@ typedef struct entity_states {
 typedef struct noted_states {
     entity_states states; /* of no meaning while they were never noted */
     int32_t are_known;    /* 1 once they were noted */
-    int32_t told_oper;    /* states.oper when it was last told of; 0: never */
+    int32_t told_oper;    /* the last known states.oper that was taken; 0: none */
     int64_t since;        /* seconds since 1970: the last change, at first the making of
                              the row */
 } noted_states;
@@ -207,8 +207,10 @@ typedef struct phys_entry {
      * it is that of any entity. */
     sensor_look look;
 
-    /* Agent up-time of the last question for the administrative state; 0: never. */
+    /* Agent up-time of the last question for the administrative state, and for the
+     * power of a holder; 0: never. */
     uint32_t adminTime;
+    uint32_t powerTime;
 
     noted_states noted;
 

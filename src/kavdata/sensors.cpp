@@ -119,7 +119,7 @@ int read_anew(phys_entry *entry, uint32_t now)
 
 } // namespace
 
-sensor_answer ask_sensor(const char *name, uint32_t component_type)
+sensor_answer ask_sensor(const char *name, uint32_t component_type, const between_calls &between)
 {
     sensor_answer answer = {};
     answer.status = capi_get_sensor(0, name, &answer.record);
@@ -129,6 +129,7 @@ sensor_answer ask_sensor(const char *name, uint32_t component_type)
     terminate(answer.record.name);
     if (answer.record.reading_status != CAPI_READING_INVALID &&
         needs_semantics(answer.record, component_type)) {
+        between();
         answer.has_ok_semantics = capi_is_sensor_with_OK_semantics(&answer.record) != 0;
     }
     return answer;

@@ -17,7 +17,7 @@ namespace
 
 constexpr char caller[] = "watch";
 
-// For so long after the last sign of life what was found is good: a call of the platform
+// For so long after the last sign of life what was found is good: one call of the platform
 // may take as long. In hundredths of a second.
 constexpr uint32_t longest_call = 1000;
 
@@ -43,6 +43,7 @@ struct subject {
     bool is_indicator = false;
     bool has_admin = false;
     bool has_enable = false;
+    bool has_power = false;
 };
 
 struct answers {
@@ -51,6 +52,7 @@ struct answers {
     call_answer indicator;
     admin_answer admin;
     call_answer enable;
+    call_answer power;
 };
 
 bool is_indicator(const phys_entry &row)
@@ -61,7 +63,8 @@ bool is_indicator(const phys_entry &row)
 
 bool was_asked(const phys_entry &row)
 {
-    return row.look.time != 0 || row.look.state_time != 0 || row.adminTime != 0;
+    return row.look.time != 0 || row.look.state_time != 0 || row.adminTime != 0 ||
+           row.powerTime != 0;
 }
 
 bool take(subject &s, uint32_t index, const phys_entry &row)
@@ -70,7 +73,10 @@ bool take(subject &s, uint32_t index, const phys_entry &row)
     s.is_indicator = is_indicator(row);
     s.has_admin = has_admin_state(row);
     s.has_enable = has_enable_state(row);
-    if (!row.entPhysicalName || !(s.is_sensor || s.is_indicator || s.has_admin || s.has_enable)) {
+    // Of what can hold something alone it is served.
+    s.has_power = row.entPhysicalClass == PHYSICAL_CLASS_CONTAINER && has_power_state(row);
+    if (!row.entPhysicalName ||
+        !(s.is_sensor || s.is_indicator || s.has_admin || s.has_enable || s.has_power)) {
         return false;
     }
     s.index = index;
@@ -96,21 +102,33 @@ void find_subject(subject &s, uint32_t index, look_at which, uint32_t since)
     }
 }
 
-answers ask(const subject &s)
+answers ask(const subject &s, uint32_t since)
 {
     answers a = {};
     a.asked_at = agent_uptime();
     const char *name = s.name.c_str();
+    const auto renew = [since] {
+        const cache_guard lock;
+        promise_renewal(since, agent_uptime() + longest_call);
+    };
     if (s.is_sensor) {
-        a.sensor = ask_sensor(name, s.component_type);
+        renew();
+        a.sensor = ask_sensor(name, s.component_type, renew);
     } else if (s.is_indicator) {
+        renew();
         a.indicator = ask_indicator(name);
     }
     if (s.has_enable) {
+        renew();
         a.enable = ask_enable_state(name);
     }
     if (s.has_admin) {
-        a.admin = ask_admin_state(name);
+        renew();
+        a.admin = ask_admin_state(name, renew);
+    }
+    if (s.has_power) {
+        renew();
+        a.power = ask_power_state(name);
     }
     return a;
 }
@@ -138,6 +156,9 @@ void apply(phys_entry &row, const subject &s, const answers &a)
     }
     if (s.has_admin) {
         apply_admin_state(caller, row, a.admin, a.asked_at);
+    }
+    if (s.has_power) {
+        apply_power_state(caller, row, a.power, a.asked_at);
     }
 }
 
@@ -219,10 +240,8 @@ void note_all_states(const look_memory &memory, std::vector<notice> &found)
             }
             if (const auto change = take_oper_change(*row)) {
                 const entity_states &now = change->after;
-                if (now.oper == entStateOper::enabled || now.oper == entStateOper::disabled) {
-                    found.emplace_back(oper_notice{index, now.oper == entStateOper::enabled,
-                                                   now.admin, static_cast<uint8_t>(now.alarm)});
-                }
+                found.emplace_back(oper_notice{index, now.oper == entStateOper::enabled, now.admin,
+                                               static_cast<uint8_t>(now.alarm)});
             }
         }
     }
@@ -241,7 +260,7 @@ bool look(look_memory &memory, look_at which, const std::function<bool()> &go_on
     subject s;
     for (find_subject(s, 1, which, memory.since); s.index != 0;
          find_subject(s, s.index + 1, which, memory.since)) {
-        const answers a = ask(s);
+        const answers a = ask(s, memory.since);
         {
             const cache_guard lock;
             // Meanwhile the row may have gone, and another may have its index, even one

@@ -37,8 +37,6 @@ constexpr unsigned alarm_seconds = 1;
 // What is sent in one go; the agent has its turn before the next.
 constexpr size_t most_at_a_time = 100;
 
-constexpr std::chrono::seconds longest_wait_for_end{5};
-
 // ---- What the thread and the agent share ----
 
 mutex watch_mutex; // a leaf: nothing is taken under it
@@ -46,6 +44,7 @@ condition changed;
 bool runs KAV_GUARDED_BY(watch_mutex) = false;
 bool is_to_end KAV_GUARDED_BY(watch_mutex) = false;
 bool has_new_rows KAV_GUARDED_BY(watch_mutex) = false;
+bool tells_oper KAV_GUARDED_BY(watch_mutex) = false;
 std::chrono::seconds interval KAV_GUARDED_BY(watch_mutex){default_watch_interval};
 
 // Never destroyed: the thread may outlive what is destroyed at exit.
@@ -74,10 +73,18 @@ void hand_over(std::vector<notice> &found)
     found.clear();
 }
 
+// Of the thread while it runs, and kept for the next one: what was raised and went while
+// nobody looked is cleared. Never destroyed, as the notices.
+look_memory *remembered = new look_memory;
+
 // What was found before there was no memory is told all the same.
 void look_and_tell(look_memory &memory, look_at which, std::vector<notice> &found)
 {
     static bool was_told = false;
+    {
+        const lock_guard lock(watch_mutex);
+        memory.tells_oper = tells_oper;
+    }
     try {
         look(memory, which, may_go_on, found);
         hand_over(found);
@@ -121,14 +128,14 @@ void end_promise()
     monitor_fru_unlock();
 }
 
-void *watch(void *argument)
+void *watch(void *)
 {
     pthread_detach(pthread_self());
     {
         const at_work work;
         KAV_TRACE("watch", "%s\n", "watch");
-        look_memory memory;
-        memory.tells_oper = argument != nullptr;
+        look_memory &memory = *remembered;
+        memory.has_begun = false; // what a thread before it read is old
         std::vector<notice> found;
         look_and_tell(memory, look_at::all_rows, found);
         steady_clock::time_point last = steady_clock::now();
@@ -174,8 +181,7 @@ void begin_thread()
     known_change = relaxed_load(entLastChangeTime);
     known_maximum = getMaxPhysicalIndex();
     pthread_t id;
-    void *const tells_oper = loaded.entityStateMIB ? &loaded : nullptr;
-    if (const int status = start_thread(&id, watch, tells_oper); status != 0) {
+    if (const int status = start_thread(&id, watch, nullptr); status != 0) {
         const lock_guard lock(watch_mutex);
         runs = false;
         if (!could_not_start) {
@@ -197,6 +203,7 @@ void notice_fork()
         process_of_thread = -1;
         watch_mutex.renew();
         changed.renew();
+        remembered = new look_memory; // the rows are made anew as well
         const lock_guard lock(watch_mutex);
         runs = false;
     }
@@ -218,6 +225,13 @@ void begin_or_end_thread()
     if (has_to_begin) {
         begin_thread();
     }
+}
+
+// Modules are loaded while the thread runs, too.
+void look_for_modules()
+{
+    const lock_guard lock(watch_mutex);
+    tells_oper = loaded.entityStateMIB;
 }
 
 void look_for_new_rows()
@@ -253,6 +267,7 @@ void send_notices()
 void on_alarm(unsigned, void *)
 {
     notice_fork();
+    look_for_modules();
     begin_or_end_thread();
     look_for_new_rows();
     if (judge_config_change(config_changes, relaxed_load(entLastChangeTime), agent_uptime())) {
@@ -291,6 +306,8 @@ void forget_interval()
 
 } // namespace
 
+std::chrono::milliseconds longest_wait_for_watcher = std::chrono::seconds(5);
+
 void start_watching()
 {
     if (!is_wanted) {
@@ -308,7 +325,7 @@ void stop_watching()
 {
     is_wanted = false;
     notice_fork();
-    const auto until = steady_clock::now() + longest_wait_for_end;
+    const auto until = steady_clock::now() + longest_wait_for_watcher;
     const lock_guard lock(watch_mutex);
     is_to_end = true;
     changed.notify_all();

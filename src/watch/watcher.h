@@ -8,6 +8,8 @@
 #ifndef KAVPLAT_WATCH_WATCHER_H
 #define KAVPLAT_WATCH_WATCHER_H
 
+#include <chrono>
+
 namespace kavplat
 {
 
@@ -20,9 +22,10 @@ inline constexpr unsigned longest_watch_interval = 86400;
 void start_watching();
 
 // On the agent's thread, when a module is unloaded: the thread has ended when this
-// returns, unless the platform keeps it for longer than five seconds. start_watching has
-// it begin again.
+// returns, unless the platform keeps it for longer than longest_wait_for_watcher. It ends
+// then as soon as it can; start_watching has it begin again.
 void stop_watching();
+extern std::chrono::milliseconds longest_wait_for_watcher;
 
 } // namespace kavplat
 

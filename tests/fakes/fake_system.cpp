@@ -39,6 +39,7 @@ constinit hook<int(netsnmp_handler_registration *, netsnmp_mib_handler *)>
     on_netsnmp_inject_handler(21);
 constinit hook<unsigned(unsigned, unsigned, SNMPAlarmCallback *, void *)>
     on_snmp_alarm_register(22);
+constinit hook<void(netsnmp_variable_list *)> on_send_v2trap(23);
 
 } // namespace fake_system
 
@@ -65,6 +66,7 @@ int __real_netsnmp_register_table_iterator(netsnmp_handler_registration *, netsn
 int __real_netsnmp_register_scalar(netsnmp_handler_registration *);
 int __real_netsnmp_inject_handler(netsnmp_handler_registration *, netsnmp_mib_handler *);
 unsigned __real_snmp_alarm_register(unsigned, unsigned, SNMPAlarmCallback *, void *);
+void __real_send_v2trap(netsnmp_variable_list *);
 }
 
 namespace
@@ -175,7 +177,7 @@ void reset()
           on_pthread_mutex_init, on_pthread_mutex_lock, on_pthread_mutex_unlock,
           on_netsnmp_get_agent_uptime, on_netsnmp_create_handler_registration,
           on_netsnmp_register_table_iterator, on_netsnmp_register_scalar, on_netsnmp_inject_handler,
-          on_snmp_alarm_register);
+          on_snmp_alarm_register, on_send_v2trap);
     allow_allocations();
     attempts = 0;
     failures = 0;
@@ -439,6 +441,11 @@ unsigned __wrap_snmp_alarm_register(unsigned when, unsigned flags, SNMPAlarmCall
                                     void *argument)
 {
     return on_snmp_alarm_register.call(__real_snmp_alarm_register, when, flags, callback, argument);
+}
+
+void __wrap_send_v2trap(netsnmp_variable_list *varbinds)
+{
+    on_send_v2trap.call(__real_send_v2trap, varbinds);
 }
 
 } // extern "C"

@@ -168,6 +168,7 @@ extern hook<int(netsnmp_handler_registration *, netsnmp_iterator_info *)>
 extern hook<int(netsnmp_handler_registration *)> on_netsnmp_register_scalar;
 extern hook<int(netsnmp_handler_registration *, netsnmp_mib_handler *)> on_netsnmp_inject_handler;
 extern hook<unsigned(unsigned, unsigned, SNMPAlarmCallback *, void *)> on_snmp_alarm_register;
+extern hook<void(netsnmp_variable_list *)> on_send_v2trap;
 
 /* Puts every function and every record back, when it begins and when it ends. */
 class scope

@@ -12,7 +12,7 @@
 
 #include "kavdata/codes.h"
 #include "kavdata/live.h"
-#include "rooms/cache_fixture.h"
+#include "rooms/platform_tables.h"
 #include "watch/look.h"
 
 // A fork that goes on as an agent starts the thread anew.
@@ -24,6 +24,7 @@ extern "C" __attribute__((visibility("default"))) const char *__tsan_default_opt
 namespace
 {
 
+using namespace std::chrono_literals;
 namespace severities = kavplat::kavPlatEquipmentSeverity;
 using kavplat::judge_config_change;
 using kavplat::judge_severity;
@@ -189,16 +190,20 @@ class watching : public cache_test
         platform->sensor_types = {sensor_type, CAPI_TYPE_FAULT_SENSOR};
         platform->indicator_types = {indicator_type};
         platform->components = {
-            component("/SYS", plain), component("/SYS/MB", plain),
+            component("/SYS", plain),
+            component("/SYS/MB", plain),
             component(sensor_name, sensor_type,
                       {{CAPI_CAP_ENABLE_STATE_BYTE, CAPI_CAP_ENABLE_STATE}}),
             component("/SYS/MB/LED", indicator_type),
             component("/SYS/DISK", plain,
                       {{CAPI_CAP_FIELD_REPLACEABLE_BYTE, CAPI_CAP_FIELD_REPLACEABLE},
-                       {CAPI_CAP_ENABLE_STATE_BYTE, CAPI_CAP_ENABLE_STATE}})};
+                       {CAPI_CAP_ENABLE_STATE_BYTE, CAPI_CAP_ENABLE_STATE}}),
+            component("/SYS/BAY", CAPI_TYPE_DRIVE_BAY,
+                      {{CAPI_CAP_POWER_BYTE, CAPI_CAP_POWER_READABLE}})};
         say(12);
         platform->indicators["/SYS/MB/LED"] = indicator(CAPI_INDICATOR_ON);
         platform->ready_to_remove["/SYS/DISK"] = CAPI_READY_TO_REMOVE;
+        platform->power_states["/SYS/BAY"] = CAPI_POWER_ON;
         platform->enable_states[sensor_name] = {CAPI_ENABLED, ""};
         platform->enable_states["/SYS/DISK"] = {CAPI_ENABLED, ""};
         init_local_cache();
@@ -254,6 +259,24 @@ class watching : public cache_test
     }
 
     size_t all_calls() { return platform.all_calls().size(); }
+
+    // Whatever a request wants to read: all columns of all tables, and the states.
+    static void request_everything()
+    {
+        for (const platform_table &table : platform_tables) {
+            table_steps steps(table.first, table.next, table.indexes);
+            for (bool more = steps.first(); more; more = steps.next()) {
+                for (unsigned c = table.min_column; c <= table.max_column; c++) {
+                    served(table.handler, c, steps.row());
+                }
+            }
+        }
+        const cache_lock_held lock;
+        kavplat::end_agent_pass();
+        for (uint32_t i = 1; i <= maxPhysicalIndex; i++) {
+            kavplat::look_at_states(*kavplat::entry_at(i));
+        }
+    }
 };
 
 TEST_F(watching, asks_for_every_live_value_and_without_the_cache_lock)
@@ -267,26 +290,17 @@ TEST_F(watching, asks_for_every_live_value_and_without_the_cache_lock)
         asked++;
     };
     EXPECT_TRUE(look());
-    EXPECT_EQ(asked, 5U);
+    EXPECT_EQ(asked, 6U);
     EXPECT_EQ(platform.calls("capi_get_sensor", sensor_name), 1U);
     EXPECT_EQ(platform.calls("capi_get_indicator", "/SYS/MB/LED"), 1U);
     EXPECT_EQ(platform.calls("capi_get_rdy2rm_status", "/SYS/DISK"), 1U);
+    EXPECT_EQ(platform.calls("capi_get_power_state", "/SYS/BAY"), 1U);
     EXPECT_EQ(platform.calls("capi_get_enable_disable_state", sensor_name), 1U);
     EXPECT_EQ(platform.calls("capi_get_enable_disable_state", "/SYS/DISK"), 1U);
     EXPECT_EQ(row(sensor_name)->numericSensorCol4, 12000);
     EXPECT_EQ(row("/SYS/MB/LED")->alarmCol2, kavplat::kavPlatAlarmState::steady);
     EXPECT_EQ(row("/SYS/DISK")->equipmentCol1, kavplat::kavPlatEquipmentAdminState::locked);
-}
-
-// Whatever a request wants to read.
-void request_everything(phys_entry *sensor, phys_entry *led)
-{
-    const cache_lock_held lock;
-    snmp_read_sensor(sensor);
-    snmp_read_led(led);
-    for (uint32_t i = 1; i <= maxPhysicalIndex; i++) {
-        kavplat::look_at_states(*kavplat::entry_at(i));
-    }
+    EXPECT_EQ(row("/SYS/BAY")->holderCol4, kavplat::kavPlatHolderPowerState::on);
 }
 
 TEST_F(watching, lets_requests_find_what_it_found_until_it_has_ceased_to)
@@ -296,11 +310,11 @@ TEST_F(watching, lets_requests_find_what_it_found_until_it_has_ceased_to)
     kavplat::rest_for(memory, 6000);
     platform.forget_calls();
     pass(6900);
-    request_everything(row(sensor_name), row("/SYS/MB/LED"));
+    request_everything();
     EXPECT_EQ(all_calls(), 0U) << "69 seconds later, of 60 that it rests and 10 for a call";
     pass(101);
-    request_everything(row(sensor_name), row("/SYS/MB/LED"));
-    EXPECT_EQ(all_calls(), 5U) << "it is late";
+    request_everything();
+    EXPECT_EQ(all_calls(), 6U) << "it is late";
 }
 
 TEST_F(watching, keeps_what_it_found_good_while_a_look_takes_long)
@@ -318,16 +332,43 @@ TEST_F(watching, keeps_what_it_found_good_while_a_look_takes_long)
                 // The first row is read anew, the others are from the look before.
                 const size_t before = all_calls();
                 pass(900);
-                request_everything(row(sensor_name), row("/SYS/MB/LED"));
+                request_everything();
                 EXPECT_EQ(all_calls(), before);
                 pass(200); // a call that takes longer than anybody waits
-                request_everything(row(sensor_name), row("/SYS/MB/LED"));
-                EXPECT_EQ(all_calls(), before + 5);
+                request_everything();
+                EXPECT_EQ(all_calls(), before + 6);
             }
             return true;
         },
         found);
-    EXPECT_EQ(rows, 3U);
+    EXPECT_EQ(rows, 4U);
+}
+
+// A row may take five calls, and each may take as long as anybody waits for one.
+TEST_F(watching, keeps_what_it_found_good_between_the_calls_for_one_row)
+{
+    platform->sensor_types = {CAPI_TYPE_FAULT_SENSOR};
+    platform->components = {
+        component("/SYS", plain),
+        component("/SYS/S", CAPI_TYPE_FAULT_SENSOR,
+                  {{CAPI_CAP_FIELD_REPLACEABLE_BYTE, CAPI_CAP_FIELD_REPLACEABLE},
+                   {CAPI_CAP_ENABLE_STATE_BYTE, CAPI_CAP_ENABLE_STATE}})};
+    platform->sensors["/SYS/S"] = discrete_sensor(0, 1);
+    platform->enable_states["/SYS/S"] = {CAPI_ENABLED, ""};
+    platform->power_states["/SYS/S"] = CAPI_POWER_ON;
+    platform->fail["capi_get_rdy2rm_status"] = -1;
+    init_local_cache();
+    look();
+    std::string asked;
+    platform->on_call = [&](const fake_call &call) {
+        asked += call.function + ' ';
+        pass(900);
+        const cache_lock_held lock;
+        EXPECT_TRUE(kavplat::is_renewed(memory.since, kavplat::agent_uptime())) << asked;
+    };
+    look();
+    EXPECT_EQ(asked, "capi_get_sensor capi_is_sensor_with_OK_semantics "
+                     "capi_get_enable_disable_state capi_get_rdy2rm_status capi_get_power_state ");
 }
 
 TEST_F(watching, leaves_what_nobody_asked_for_yet_to_requests)
@@ -415,7 +456,7 @@ TEST_F(watching, logs_a_failure_when_it_begins)
     for (int i = 0; i < 3; i++) {
         pass(1000);
         look();
-        request_everything(row(sensor_name), row("/SYS/MB/LED"));
+        request_everything();
     }
     EXPECT_EQ(log.count(LOG_ERR, of_sensor), 1U);
     EXPECT_EQ(log.count(LOG_ERR, of_led), 1U);
@@ -552,10 +593,18 @@ class watcher : public watching
 {
   protected:
     SNMPAlarmCallback *alarm = nullptr;
+    // The last number of each notification's name, and of what it tells: "1 /SYS/MB/T0".
+    std::vector<std::string> sent;
 
     watcher()
     {
         init_snmp_once();
+        fake_system::on_send_v2trap.set([this](netsnmp_variable_list *varbinds) {
+            const netsnmp_variable_list *first = varbinds->next_variable;
+            sent.push_back(
+                std::to_string(varbinds->val.objid[varbinds->val_len / sizeof(oid) - 1]) + " " +
+                (first ? value_of(*first).octets : ""));
+        });
         fake_system::on_snmp_alarm_register.set(
             [](unsigned, unsigned flags, SNMPAlarmCallback *callback, void *) {
                 EXPECT_EQ(flags, unsigned{SA_REPEAT});
@@ -587,6 +636,21 @@ class watcher : public watching
     }
 
     size_t reads() { return platform.calls("capi_get_sensor", sensor_name); }
+
+    bool was_sent(const std::string &notification)
+    {
+        return std::find(sent.begin(), sent.end(), notification) != sent.end();
+    }
+
+    void end_thread()
+    {
+        configure("0");
+        EXPECT_TRUE(eventually([] {
+            const cache_lock_held lock;
+            const uint32_t now = kavplat::agent_uptime();
+            return !kavplat::is_renewed(now, now);
+        }));
+    }
 
   private:
     static inline SNMPAlarmCallback *last_alarm = nullptr;
@@ -626,11 +690,84 @@ TEST_F(watcher, looks_again_and_again_at_its_interval_and_not_at_all_at_0)
     configure("1");
     EXPECT_TRUE(eventually([&] { return reads() >= 3; }));
     configure("0");
-    // It ends; only then is it begun again.
-    alarm(0, nullptr);
-    configure("86400");
+    end_thread();
     const size_t before = reads();
+    const unsigned threads = fake_system::on_pthread_create.calls();
+    for (int i = 0; i < 10; i++) {
+        alarm(0, nullptr);
+    }
+    EXPECT_EQ(fake_system::on_pthread_create.calls(), threads);
+    EXPECT_EQ(reads(), before);
+    configure("86400");
     EXPECT_TRUE(eventually([&] { return reads() == before + 1; }));
+}
+
+TEST_F(watcher, clears_what_was_raised_before_its_thread_began_anew)
+{
+    build_board();
+    for (const bool goes_unwatched : {true, false}) {
+        SCOPED_TRACE(goes_unwatched);
+        sent.clear();
+        say(15);
+        configure("86400");
+        EXPECT_TRUE(eventually([&] { return was_sent("1 /SYS/MB/T0"); }));
+        end_thread();
+        pass(1000);
+        if (goes_unwatched) {
+            remove("/SYS/MB");
+        }
+        configure("86400");
+        if (!goes_unwatched) {
+            const size_t before = reads();
+            EXPECT_TRUE(eventually([&] { return reads() > before; }));
+            remove("/SYS/MB");
+        }
+        EXPECT_TRUE(eventually([&] { return was_sent("2 /SYS/MB/T0"); }));
+        end_thread();
+        insert("/SYS/MB");
+    }
+}
+
+TEST_F(watcher, tells_of_operational_states_from_when_their_module_is_loaded)
+{
+    build_board();
+    configure("1");
+    EXPECT_TRUE(eventually([&] { return reads() >= 1; }));
+    kavplat::loaded.entityStateMIB = true;
+    // One look may be under way, the next one has its end when a third has begun.
+    EXPECT_TRUE(eventually([&] { return reads() >= 4; }));
+    platform->enable_states["/SYS/DISK"] = {CAPI_DISABLED, ""};
+    EXPECT_TRUE(eventually([&] { return was_sent("2 "); })) << "entStateOperDisabled";
+}
+
+TEST_F(watcher, is_waited_for_when_it_is_stopped_but_not_for_ever)
+{
+    build_board();
+    std::atomic<bool> hangs = true;
+    std::atomic<bool> is_called = false;
+    platform->on_call = [&](const fake_call &call) {
+        if (call.function == "capi_get_sensor") {
+            is_called = true;
+            while (hangs) {
+                std::this_thread::yield();
+            }
+        }
+    };
+    EXPECT_TRUE(eventually([&] { return is_called.load(); }));
+    const auto usual = std::exchange(kavplat::longest_wait_for_watcher, 50ms);
+    const auto begin = std::chrono::steady_clock::now();
+    kavplat::stop_watching();
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 50ms);
+    // One that comes back in time is waited for no longer.
+    kavplat::longest_wait_for_watcher = std::chrono::hours(1);
+    std::thread platform_goes_on([&] { hangs = false; });
+    kavplat::stop_watching();
+    platform_goes_on.join();
+    platform->on_call = nullptr;
+    kavplat::longest_wait_for_watcher = usual;
+    EXPECT_EQ(platform.calls("capi_get_rdy2rm_status"), 0U) << "it went no further";
+    kavplat::start_watching();
+    EXPECT_TRUE(eventually([&] { return platform.calls("capi_get_rdy2rm_status") == 1; }));
 }
 
 TEST_F(watcher, looks_at_a_new_row_at_once)
