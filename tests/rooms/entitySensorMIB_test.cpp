@@ -74,6 +74,18 @@ class entitySensorMIB : public cache_test
                 ask(5, entry).number, ask(6, entry).octets};
     }
 
+    static void walk(table_steps steps, Netsnmp_Node_Handler *handler, unsigned first_column,
+                     unsigned last_column)
+    {
+        for (bool more = steps.first(); more; more = steps.next()) {
+            for (unsigned column = first_column; column <= last_column; column++) {
+                served(handler, column, steps.row());
+            }
+        }
+        const cache_lock_held lock;
+        kavplat::end_agent_pass();
+    }
+
     static std::vector<std::string> names_of_rows()
     {
         std::vector<std::string> names;
@@ -282,23 +294,65 @@ TEST_F(entitySensorMIB, ThePlatformIsAskedOnceInTenSecondsWhateverItAnswers)
     }
 }
 
+// Each call for each sensor comes no more often than in that one of the two walks, alone,
+// which makes it most.
 TEST_F(entitySensorMIB, AReadForTheNumericTableServesThisOneToo)
 {
-    const phys_entry *entry = build_sensor(numeric(CAPI_UNITS_RPM, 4000));
-    for (const int status : {0, -1}) {
-        platform->fail["capi_get_sensor"] = status;
+    const fake_capability has_enable = {CAPI_CAP_ENABLE_STATE_BYTE, CAPI_CAP_ENABLE_STATE};
+    platform->sensor_types = {sensor_component};
+    platform->components = {component("/SYS", plain), component("/SYS/A", sensor_component),
+                            component("/SYS/B", sensor_component, {has_enable}),
+                            component("/SYS/BAD", sensor_component, {has_enable}),
+                            component("/SYS/GONE", sensor_component)};
+    for (const char *name : {"/SYS/A", "/SYS/B", "/SYS/BAD", "/SYS/GONE"}) {
+        platform->sensors[name] = numeric(CAPI_UNITS_RPM, 4000);
+        platform->enable_states[name] = {CAPI_ENABLED, ""};
+    }
+    init_local_cache();
+    platform->sensors["/SYS/BAD"].reading_status = CAPI_READING_INVALID;
+    platform->fail_for["capi_get_sensor"]["/SYS/GONE"] = -1;
+    const agent_log quiet;
+    using walks = std::vector<std::function<void()>>;
+    const auto calls_of = [&](const walks &all) {
         pass(1000);
         platform.forget_calls();
-        served(kavPlatNumericSensorTable_handler, 4, entry);
-        row_of(entry);
-        EXPECT_EQ(platform.calls("capi_get_sensor"), 1U) << "status " << status;
+        for (const auto &walk : all) {
+            walk();
+        }
+        std::map<std::string, unsigned> calls;
+        for (const fake_call &call : platform.all_calls()) {
+            calls[call.function + " " + call.name]++;
+        }
+        return calls;
+    };
+    const auto numeric_table = [] {
+        walk({kavPlatNumericSensorTable_get_first_data_point,
+              kavPlatNumericSensorTable_get_next_data_point},
+             kavPlatNumericSensorTable_handler, 1, 16);
+    };
+    const auto sensor_table = [] {
+        const kavplat::table &t = kavplat::entPhySensorTable;
+        walk({t.get_first, t.get_next}, t.handler, 1, 8);
+    };
+    const auto alone = calls_of({numeric_table});
+    auto expected = calls_of({sensor_table});
+    EXPECT_EQ(expected, (std::map<std::string, unsigned>{
+                            {"capi_get_sensor /SYS/A", 1},
+                            {"capi_get_sensor /SYS/B", 1},
+                            {"capi_get_sensor /SYS/BAD", 1},
+                            {"capi_get_sensor /SYS/GONE", 1},
+                            {"capi_get_enable_disable_state /SYS/B", 1},
+                            {"capi_get_enable_disable_state /SYS/BAD", 1},
+                        }));
+    for (const auto &[call, times] : alone) {
+        expected[call] = std::max(expected[call], times);
     }
-    platform->fail.clear();
-    pass(1000);
-    platform.forget_calls();
-    row_of(entry);
-    served(kavPlatNumericSensorTable_handler, 4, entry);
-    EXPECT_EQ(platform.calls("capi_get_sensor"), 1U) << "and the other way round";
+    EXPECT_EQ(calls_of({numeric_table, sensor_table}), expected);
+    // The other way round but for what fails: the numeric table asks for that each time.
+    for (const char *failing : {"capi_get_sensor /SYS/BAD", "capi_get_sensor /SYS/GONE"}) {
+        expected[failing]++;
+    }
+    EXPECT_EQ(calls_of({sensor_table, numeric_table}), expected);
 }
 
 // The enable state stamps the sensor as read, which keeps the platform's own tables
