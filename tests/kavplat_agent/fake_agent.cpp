@@ -1,7 +1,9 @@
 #include "kavplat_agent/fake_agent.h"
 
 #include <csignal>
+#include <new>
 #include <stdexcept>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,7 +21,7 @@ namespace
 struct state {
     const objects *served;
     misdeed how;
-    int requests = 0;
+    std::atomic<int> &requests;
 };
 
 void add(netsnmp_pdu *to, const object_name &name, const snmp_value &value)
@@ -148,6 +150,12 @@ int on_request(int operation, netsnmp_session *session, int, netsnmp_pdu *asked,
 fake_agent::fake_agent(const objects &served, misdeed how)
 {
     port_ = free_port();
+    void *shared =
+        mmap(nullptr, sizeof *requests_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (shared == MAP_FAILED) {
+        throw std::runtime_error("no memory that the fake agent shares");
+    }
+    requests_ = new (shared) std::atomic<int>(0);
     snmp_client{port_}; // has the library begin, without any file
     int ready[2];
     if (pipe(ready) != 0 || (pid_ = fork()) < 0) {
@@ -155,7 +163,7 @@ fake_agent::fake_agent(const objects &served, misdeed how)
     }
     if (pid_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        state of{&served, how};
+        state of{&served, how, *requests_};
         netsnmp_session session;
         snmp_sess_init(&session);
         session.version = SNMP_DEFAULT_VERSION;
@@ -191,4 +199,5 @@ fake_agent::~fake_agent()
 {
     kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
+    munmap(requests_, sizeof *requests_);
 }

@@ -5,6 +5,7 @@
 #ifndef KAVPLAT_TESTS_FAKE_AGENT_H
 #define KAVPLAT_TESTS_FAKE_AGENT_H
 
+#include <atomic>
 #include <map>
 
 #include "harness/client.h"
@@ -31,11 +32,15 @@ class fake_agent
     fake_agent(const fake_agent &) = delete;
     fake_agent &operator=(const fake_agent &) = delete;
 
+    /* That it received so far. */
+    int requests() const { return *requests_; }
+
     std::string address() const { return "udp:127.0.0.1:" + std::to_string(port_); }
 
   private:
     pid_t pid_ = -1;
     uint16_t port_ = 0;
+    std::atomic<int> *requests_ = nullptr; /* shared with the process */
 };
 
 #endif

@@ -1,6 +1,8 @@
 // kavplat watch: what is told of a box that changes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <map>
@@ -8,6 +10,8 @@
 #include <set>
 
 #include "harness/agent.h"
+#include "harness/names.h"
+#include "kavplat_agent/fake_agent.h"
 #include "tools/kavplat/watch/changes.h"
 
 namespace
@@ -16,6 +20,7 @@ namespace
 using namespace kavplat_agent;
 using namespace kavplat_watch;
 using std::string;
+using namespace std::chrono_literals;
 
 entity made(uint32_t index, uint32_t contained_in, const string &name)
 {
@@ -54,6 +59,15 @@ string told(const std::vector<change> &all)
     return text;
 }
 
+size_t occurrences(const string &text, const string &what)
+{
+    size_t found = 0;
+    for (size_t at = text.find(what); at != string::npos; at = text.find(what, at + 1)) {
+        found++;
+    }
+    return found;
+}
+
 TEST(kavplat_watch, tells_what_came_what_went_and_what_is_another)
 {
     entity disk = made(3, 1, "/SYS/D");
@@ -72,6 +86,91 @@ TEST(kavplat_watch, tells_what_came_what_went_and_what_is_another)
               "came /SYS/E\n: \n"
               "state /SYS/T: ok -> critical; 20.0 -> 60.0; 60.0 at or above 50.0 (upper critical)\n"
               "reading /SYS/U: 20.0 -> 20.5\n");
+}
+
+TEST(kavplat_watch, knows_entities_by_name_and_serial_when_the_agent_began_anew)
+{
+    entity disk = made(4, 1, "/SYS/D");
+    disk.serial = "A";
+    entity nameless = made(7, 1, "");
+    nameless.description = "Fan";
+    const box before = of({made(1, 0, "/SYS"), made(2, 1, "/SYS/F"), measured(3, "/SYS/T", 20),
+                           disk, made(5, 1, "TWIN"), made(6, 1, "TWIN"), nameless});
+    // Two went, what was behind them moved, what is called alike became one more, and the
+    // drive is another one.
+    entity exchanged = disk;
+    exchanged.index = 3;
+    exchanged.serial = "B";
+    nameless.index = 9;
+    const box after = of({made(1, 0, "/SYS"), measured(2, "/SYS/T", 60), exchanged,
+                          made(4, 1, "TWIN"), made(5, 1, "TWIN"), made(6, 1, "TWIN"), nameless});
+    const string text = told(changes_between(before, after, run_of_agent::another));
+    EXPECT_EQ(
+        text,
+        "went /SYS/F: \n"
+        "went /SYS/D: serial A\n"
+        "came /SYS/D: serial B\n"
+        "came TWIN: \n"
+        "state /SYS/T: ok -> critical; 20.0 -> 60.0; 60.0 at or above 50.0 (upper critical)\n");
+    EXPECT_EQ(told(changes_between(after, before, run_of_agent::another)).substr(0, 31),
+              "went /SYS/D: serial B\nwent TWIN")
+        << "nor is one of them that went";
+}
+
+TEST(kavplat_watch, tells_an_agent_that_began_anew_from_a_clock_that_did)
+{
+    constexpr uint32_t last_tick = 0xFFFFFFFF;
+    struct two_answers {
+        change_mark before;
+        change_mark after;
+        std::chrono::seconds passed;
+        run_of_agent run;
+    };
+    const two_answers cases[] = {
+        {{1000}, {1200}, 2s, run_of_agent::the_same},
+        {{1000}, {1190}, 2s, run_of_agent::the_same},
+        {{1000}, {50}, 2s, run_of_agent::another},
+        // For an hour nobody could ask; it is up for longer than before, and for too short.
+        {{1000}, {350000}, 3600s, run_of_agent::another},
+        {{1000}, {361000}, 3600s, run_of_agent::the_same},
+        // After 497 days.
+        {{last_tick - 99}, {100}, 2s, run_of_agent::the_same},
+        {{last_tick - 99}, {359900}, 3600s, run_of_agent::the_same},
+        {{last_tick - 99}, {100}, 3600s, run_of_agent::another},
+        {{last_tick - 99999}, {100}, 2s, run_of_agent::another},
+        // Where our agent tells, it is believed.
+        {{1000, 7, "Mon"}, {1200, 7, "Mon"}, 2s, run_of_agent::the_same},
+        {{1000, 7, "Mon"}, {1200, 7, "Tue"}, 2s, run_of_agent::another},
+        {{1000, 7, "Mon"}, {1200, 0, ""}, 2s, run_of_agent::the_same},
+        // What an agent does not serve says nothing.
+        {{0}, {0}, 3600s, run_of_agent::the_same},
+    };
+    for (const two_answers &each : cases) {
+        EXPECT_EQ(run_between(each.before, each.after, each.passed), each.run)
+            << each.before.uptime << " " << each.after.uptime << " " << each.after.started;
+    }
+}
+
+TEST(kavplat_commands, watch_asks_a_quiet_box_once_each_time)
+{
+    const objects served = {{{1, 3, 6, 1, 2, 1, 1, 1, 0}, text_value("a switch")},
+                            {uptime(), {snmp_timeticks, 1000, {}, {}}},
+                            {{1, 3, 6, 1, 2, 1, 47, 1, 4, 1, 0}, {snmp_timeticks, 7, {}, {}}},
+                            {ent_cell(4, 1), integer_value(0)},
+                            {ent_cell(5, 1), integer_value(3)},
+                            {ent_cell(7, 1), text_value("A")}};
+    const auto requests_of = [&](int polls) {
+        const fake_agent server(served);
+        const command_result result = run_command(
+            quoted(KAVPLAT_COMMAND) + " watch -v2c -c public -t 20 --interval 0.05 --readings 0 " +
+            "--count " + std::to_string(polls) + " " + server.address());
+        EXPECT_EQ(result.status, 0) << result.output;
+        EXPECT_EQ(std::ranges::count(result.output, '\n'), 1) << result.output;
+        return server.requests();
+    };
+    const int with_two = requests_of(2);
+    EXPECT_GT(with_two, 2);
+    EXPECT_EQ(requests_of(9) - with_two, 7);
 }
 
 TEST(kavplat_commands, rehearse_a_server_whose_agent_is_watched)
@@ -102,6 +201,40 @@ TEST(kavplat_commands, rehearse_a_server_whose_agent_is_watched)
     // An agent that goes is told once.
     server.stop();
     EXPECT_TRUE(says(R"("change":"silent")")) << read_file(out);
+}
+
+TEST(kavplat_commands, watch_tells_nothing_but_a_restart_of_an_agent_that_numbers_anew)
+{
+    // An agent that is started again gets another port; this one stays.
+    const string where = "127.0.0.1:" + std::to_string(free_port());
+    agent server({.description = "servers/rack-2u.json", .arguments = {"udp:" + where}});
+    server.start();
+    const string kavplat = quoted(KAVPLAT_COMMAND);
+    const string file = quoted(server.description());
+    const string out = server.directory() / "watched";
+    child_process watch;
+    watch.start({KAVPLAT_COMMAND, "watch", "-v2c", "-c", "public", "-r0", "-t1", "--interval",
+                 "0.1", "--readings", "0", where},
+                out);
+    const auto says = [&out](const string &what) {
+        return eventually([&] { return read_file(out).find(what) != string::npos; });
+    };
+    ASSERT_TRUE(says("412 entities")) << read_file(out);
+    // Without a fan those behind it get other indexes when they are numbered from 1 again.
+    run_command(kavplat + " unplug " + file + " /SYS/FM0");
+    ASSERT_TRUE(says("- /SYS/FM0  ")) << read_file(out);
+    const size_t until_then = read_file(out).size();
+    server.stop();
+    server.start();
+    ASSERT_TRUE(says("was started anew")) << read_file(out);
+    run_command(kavplat + " unplug " + file + " /SYS/HDD3/DISK");
+    ASSERT_TRUE(says("- /SYS/HDD3/DISK  ")) << read_file(out);
+    const string since = read_file(out).substr(until_then);
+    const std::pair<const char *, size_t> expected[] = {
+        {"was started anew", 1}, {"answers again", 1}, {"  - ", 3}, {"  + ", 0}};
+    for (const auto &[what, times] : expected) {
+        EXPECT_EQ(occurrences(since, what), times) << what << "\n" << since;
+    }
 }
 
 TEST(kavplat_commands, watch_reads_at_once_when_it_is_notified)

@@ -83,11 +83,17 @@ struct entity {
     std::vector<size_t> children = {};
 };
 
+/* What tells whether a box has to be read again. */
+struct change_mark {
+    uint32_t uptime = 0;      /* hundredths of seconds; 0 also where it is not served */
+    uint32_t last_change = 0; /* entLastChangeTime; likewise */
+    std::string started = {}; /* kavPlatStartTime, octets; empty: not served */
+};
+
 struct box {
     std::string agent;
     std::string system;           /* sysDescr of the agent */
-    uint32_t uptime = 0;          /* hundredths of seconds */
-    uint32_t last_change = 0;     /* entLastChangeTime; 0 also where it is not served */
+    change_mark mark;             /* from before the entities were read */
     bool has_sensors = false;     /* ENTITY-SENSOR-MIB or the sensors of KAV-PLATFORM-MIB */
     bool has_states = false;      /* ENTITY-STATE-MIB or the states of KAV-PLATFORM-MIB */
     std::vector<entity> entities; /* by increasing index */

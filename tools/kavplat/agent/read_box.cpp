@@ -21,6 +21,8 @@ const object_name sys_descr = {1, 3, 6, 1, 2, 1, 1, 1, 0};
 const object_name sys_uptime = {1, 3, 6, 1, 2, 1, 1, 3, 0};
 const object_name last_change_time = {1, 3, 6, 1, 2, 1, 47, 1, 4, 1, 0};
 
+const object_name start_time = {1, 3, 6, 1, 4, 1, 58213, 2, 70, 101, 1, 1, 1, 0};
+
 const object_name physical_entry = {1, 3, 6, 1, 2, 1, 47, 1, 1, 1, 1};
 const object_name sensor_entry = {1, 3, 6, 1, 2, 1, 99, 1, 1, 1};
 const object_name state_entry = {1, 3, 6, 1, 2, 1, 131, 1, 1, 1};
@@ -426,26 +428,26 @@ uint32_t ticks(const value &from)
 
 bool read_mark(session &from, change_mark &into, std::string &failure)
 {
-    const object_name names[] = {sys_uptime, last_change_time};
-    const reply answer = from.get(names);
+    std::vector<object_name> names = {sys_uptime, last_change_time, start_time};
+    reply answer = from.get(names);
+    /* Version 1 answers all or nothing. */
+    while (answer.error == SNMP_ERR_NOSUCHNAME && answer.error_index >= 1 &&
+           static_cast<size_t>(answer.error_index) <= names.size() && names.size() > 1) {
+        names.erase(names.begin() + (answer.error_index - 1));
+        answer = from.get(names);
+    }
     failure = answer.failure;
     into = {};
-    if (!failure.empty()) {
-        return false;
-    }
-    if (answer.error == SNMP_ERR_NOSUCHNAME) {
-        /* Version 1 answers all or nothing. */
-        const reply again = from.get({names, 1});
-        failure = again.failure;
-        if (again.error == 0 && !again.values.empty()) {
-            into.uptime = ticks(again.values.front());
+    for (const value &each : answer.error == 0 ? answer.values : std::vector<value>{}) {
+        if (each.name == sys_uptime) {
+            into.uptime = ticks(each);
+        } else if (each.name == last_change_time) {
+            into.last_change = ticks(each);
+        } else if (each.name == start_time) {
+            into.started = each.text;
         }
-        return failure.empty();
     }
-    if (answer.error == 0 && answer.values.size() == 2) {
-        into = {ticks(answer.values[0]), ticks(answer.values[1])};
-    }
-    return true;
+    return failure.empty();
 }
 
 std::string read_live(session &from, box &into)
@@ -497,13 +499,10 @@ std::string read_box(session &from, box &into)
     if (knows_itself) {
         into.system = first.values.front().text;
     }
-    change_mark mark;
     std::string failure;
-    if (!read_mark(from, mark, failure)) {
+    if (!read_mark(from, into.mark, failure)) {
         return failure;
     }
-    into.uptime = mark.uptime;
-    into.last_change = mark.last_change;
     size_t answer_size = usual_answer;
     failure = read_physical(from, answer_size, into);
     if (!failure.empty()) {

@@ -14,13 +14,8 @@ namespace kavplat_agent
  */
 std::string read_box(session &from, box &into);
 
-/* What a box that looks quiet is asked for: one request. False, and failure says why,
- * when there is no answer. */
-struct change_mark {
-    uint32_t uptime = 0;
-    uint32_t last_change = 0;
-    bool operator==(const change_mark &) const = default;
-};
+/* One request, which is all that a quiet box is asked; to version 1 another one for each
+ * object that is not served. False, and failure says why, when there is no answer. */
 bool read_mark(session &from, change_mark &into, std::string &failure);
 
 /* States and readings of a box that was read before and has the entities that it had. */

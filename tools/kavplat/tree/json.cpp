@@ -88,7 +88,7 @@ void print_json(std::ostream &out, const box &all, const selection &what)
     ordered_json document;
     document["agent"] = as_utf8(all.agent);
     put_text(document, "system", all.system);
-    document["uptime_seconds"] = static_cast<double>(all.uptime) / 100;
+    document["uptime_seconds"] = static_cast<double>(all.mark.uptime) / 100;
     document["read"] = {{"requests", all.requests}, {"seconds", all.seconds}};
     document["troubles"] = ordered_json::array();
     for (const std::string &each : all.troubles) {

@@ -1,6 +1,8 @@
 #include "changes.h"
 
+#include <cstdlib>
 #include <map>
+#include <set>
 #include <tuple>
 
 #include "tools/kavplat/agent/words.h"
@@ -12,18 +14,23 @@ namespace
 
 using namespace kavplat_agent;
 
-using identity = std::tuple<uint32_t, std::string, std::string>;
+/* The index, or which one in the tree's order of those that are called alike; what it is
+ * called; its serial number. */
+using identity = std::tuple<size_t, std::string, std::string>;
 
-identity identity_of(const entity &each)
+std::vector<identity> identities_of(const box &all, const std::vector<tree_line> &lines,
+                                    run_of_agent run)
 {
-    return {each.index, each.name, each.serial};
-}
-
-std::map<identity, const entity *> by_identity(const box &all)
-{
-    std::map<identity, const entity *> result;
-    for (const entity &each : all.entities) {
-        result[identity_of(each)] = &each;
+    std::map<std::pair<std::string, std::string>, size_t> alike;
+    std::vector<identity> result;
+    for (const tree_line &line : lines) {
+        const entity &each = all.entities[line.at];
+        if (run == run_of_agent::the_same) {
+            result.emplace_back(each.index, each.name, each.serial);
+        } else {
+            const std::string &called = each.name.empty() ? each.description : each.name;
+            result.emplace_back(alike[{called, each.serial}]++, called, each.serial);
+        }
     }
     return result;
 }
@@ -76,22 +83,27 @@ void add_differences(const entity &before, const entity &after, std::vector<chan
 
 } // namespace
 
-std::vector<change> changes_between(const box &before, const box &after)
+std::vector<change> changes_between(const box &before, const box &after, run_of_agent run)
 {
+    const std::vector<tree_line> old_lines = in_order(before, before.roots);
+    const std::vector<tree_line> new_lines = in_order(after, after.roots);
+    const std::vector<identity> old_ones = identities_of(before, old_lines, run);
+    const std::vector<identity> new_ones = identities_of(after, new_lines, run);
+    const std::set<identity> is_there(new_ones.begin(), new_ones.end());
+    std::map<identity, const entity *> was_there;
     std::vector<change> result;
-    const auto old_ones = by_identity(before);
-    const auto new_ones = by_identity(after);
-    for (const tree_line &line : in_order(before, before.roots)) {
-        const entity &each = before.entities[line.at];
-        if (!new_ones.contains(identity_of(each))) {
+    for (size_t i = 0; i < old_lines.size(); ++i) {
+        const entity &each = before.entities[old_lines[i].at];
+        was_there[old_ones[i]] = &each;
+        if (!is_there.contains(old_ones[i])) {
             result.push_back({kind::went, shown_name(each), about(each)});
         }
     }
     std::vector<change> differences;
-    for (const tree_line &line : in_order(after, after.roots)) {
-        const entity &each = after.entities[line.at];
-        const auto old = old_ones.find(identity_of(each));
-        if (old == old_ones.end()) {
+    for (size_t i = 0; i < new_lines.size(); ++i) {
+        const entity &each = after.entities[new_lines[i].at];
+        const auto old = was_there.find(new_ones[i]);
+        if (old == was_there.end()) {
             result.push_back({kind::came, shown_name(each), about(each), each.own});
         } else {
             add_differences(*old->second, each, differences);
@@ -99,6 +111,26 @@ std::vector<change> changes_between(const box &before, const box &after)
     }
     result.insert(result.end(), differences.begin(), differences.end());
     return result;
+}
+
+run_of_agent run_between(const change_mark &before, const change_mark &after,
+                         std::chrono::milliseconds passed)
+{
+    if (!before.started.empty() && !after.started.empty() && before.started != after.started) {
+        return run_of_agent::another;
+    }
+    if (after.uptime == 0) {
+        return run_of_agent::the_same; /* it is not told */
+    }
+    using ticks = std::chrono::duration<int64_t, std::centi>;
+    const int64_t expected = std::chrono::duration_cast<ticks>(passed).count();
+    /* Clocks differ, and an answer takes its time. */
+    const int64_t slack = ticks(std::chrono::seconds(1)).count() + expected / 50;
+    if (after.uptime >= before.uptime) {
+        return after.uptime + slack < expected ? run_of_agent::another : run_of_agent::the_same;
+    }
+    const int64_t went_on = static_cast<uint32_t>(after.uptime - before.uptime);
+    return std::abs(went_on - expected) > slack ? run_of_agent::another : run_of_agent::the_same;
 }
 
 const char *kind_name(kind each)

@@ -119,43 +119,43 @@ status run(const options &asked, std::ostream &out, std::ostream &errors)
 
     teller tell(asked, out);
     tell.tell("begin", current.agent + ": " + kavplat_tree::summary(current, current.roots));
-    change_mark mark{current.uptime, current.last_change};
-    clock::time_point last_reading = clock::now();
+    change_mark mark = current.mark;
+    clock::time_point marked = clock::now();
+    clock::time_point last_reading = marked;
     bool is_silent = false;
+    run_of_agent run = run_of_agent::the_same; /* since it was told of */
+    size_t newly_read = 0;                     /* entities of another run, yet to be told of */
     for (long i = 0; stopped == 0 && (asked.count == 0 || i < asked.count); ++i) {
-        const bool notified = wait_for_notification(milliseconds(asked.interval));
+        const bool notified = wait_for_notification(
+            milliseconds(newly_read != 0 ? std::min(asked.interval, 1.0) : asked.interval));
         if (stopped != 0) {
             break;
         }
         change_mark now_it_is;
-        if (!read_mark(from, now_it_is, failure)) {
-            if (!is_silent) {
-                tell.tell("silent", failure);
-            }
-            is_silent = true;
-            continue;
-        }
-        if (is_silent) {
-            tell.tell("answers", current.agent + ": answers again");
-            is_silent = false;
-        }
-        /* Backwards: it began anew. Its clock also does so after 497 days. */
-        const bool began_anew = now_it_is.uptime < mark.uptime;
-        if (began_anew) {
-            tell.tell("restart", current.agent + ": the agent was started anew");
-        }
-        const bool is_due = notified || (asked.readings > 0 && clock::now() - last_reading >=
-                                                                   milliseconds(asked.readings));
-        const bool tells_changes = mark.last_change != 0 || now_it_is.last_change != 0;
+        const clock::time_point asked_at = clock::now();
+        read_mark(from, now_it_is, failure);
+        const clock::time_point answered = clock::now();
         box next;
-        if (began_anew || now_it_is.last_change != mark.last_change || (is_due && !tells_changes)) {
-            failure = read_box(from, next);
-        } else if (is_due) {
-            next = current;
-            failure = read_live(from, next);
-        } else {
-            mark = now_it_is;
-            continue;
+        bool has_read = false;
+        if (failure.empty()) {
+            const auto passed = std::chrono::floor<std::chrono::milliseconds>(asked_at - marked);
+            if (run_between(mark, now_it_is, passed) == run_of_agent::another) {
+                run = run_of_agent::another;
+            }
+            const bool is_due =
+                notified ||
+                (asked.readings > 0 && clock::now() - last_reading >= milliseconds(asked.readings));
+            const bool tells_changes = mark.last_change != 0 || now_it_is.last_change != 0;
+            has_read = true;
+            if (run == run_of_agent::another || now_it_is.last_change != mark.last_change ||
+                (is_due && !tells_changes)) {
+                failure = read_box(from, next);
+            } else if (is_due) {
+                next = current;
+                failure = read_live(from, next);
+            } else {
+                has_read = false;
+            }
         }
         if (!failure.empty()) {
             /* As it was before: the mark stays, so that it is read at the next turn. */
@@ -165,10 +165,29 @@ status run(const options &asked, std::ostream &out, std::ostream &errors)
             is_silent = true;
             continue;
         }
-        tell.tell(changes_between(current, next));
-        current = std::move(next);
+        /* An agent that has just begun may serve but a part yet, and nothing tells of the
+         * rest: it is told of when it was read twice with as much. */
+        if (run == run_of_agent::another && newly_read != next.entities.size()) {
+            newly_read = next.entities.size();
+            continue;
+        }
+        newly_read = 0;
+        if (is_silent) {
+            tell.tell("answers", current.agent + ": answers again");
+            is_silent = false;
+        }
+        if (run == run_of_agent::another) {
+            tell.tell("restart", current.agent + ": the agent was started anew");
+        }
         mark = now_it_is;
-        last_reading = clock::now();
+        marked = answered;
+        if (!has_read) {
+            continue;
+        }
+        tell.tell(changes_between(current, next, run));
+        run = run_of_agent::the_same;
+        current = std::move(next);
+        last_reading = answered;
         if (!out) {
             return not_read;
         }
