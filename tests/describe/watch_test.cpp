@@ -214,6 +214,39 @@ TEST(describe_watch, writes_the_file_tells_that_it_is_ready_and_ends_on_terminat
     EXPECT_NE(std::string::npos, read_file(here / "log").find("describes this machine"));
 }
 
+TEST(describe_output, has_its_directory_made_or_is_refused_with_what_to_do)
+{
+    const temporary_directory here;
+    fs::create_directories(here / "root");
+    const std::string command = "umask 077; exec " + quoted(KAVPLAT_COMMAND) +
+                                " describe --no-ipmi --root " + quoted(here / "root") +
+                                " --output ";
+    const command_result once =
+        run_command(command + quoted(here / "once" / "server.json") + " 2>&1");
+    EXPECT_EQ(0, once.status) << once.output;
+    child_process watching;
+    watching.start({"sh", "-c", command + quoted(here / "run" / "server.json") + " --watch"},
+                   here / "log");
+    for (const fs::path &directory : {here / "once", here / "run"}) {
+        EXPECT_TRUE(eventually([&] { return fs::exists(directory / "server.json"); }))
+            << read_file(here / "log");
+        EXPECT_EQ(fs::perms{0755}, fs::status(directory).permissions());
+    }
+    for (const char *watch : {"", " --watch"}) {
+        const command_result result = run_command(
+            "timeout 30 sh -c " +
+            quoted(command + quoted(here / "no" / "such" / "server.json") + watch) + " 2>&1");
+        EXPECT_EQ(1, result.status) << result.output;
+        EXPECT_NE(std::string::npos,
+                  result.output.find("server.json: its directory is missing and cannot be made (No "
+                                     "such file or directory): make it first, as by \"sudo install "
+                                     "-d -m 755 " +
+                                     (here / "no" / "such").string()))
+            << result.output;
+    }
+    EXPECT_FALSE(fs::exists(here / "no"));
+}
+
 TEST(describe_watch, a_drive_goes_with_the_word_of_udev_and_a_storm_costs_one_description)
 {
     if (KAVPLAT_SANITIZED) {

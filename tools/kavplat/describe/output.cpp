@@ -75,4 +75,20 @@ bool replace_file(const std::string &path, const std::string &text, std::string 
     return good;
 }
 
+bool make_directory_of(const std::string &path, std::string &why)
+{
+    const size_t last = path.find_last_of('/');
+    const std::string directory = path.substr(0, last == std::string::npos ? 0 : last);
+    constexpr mode_t mode = 0755;
+    // Whatever the umask: an agent may run as another user.
+    if (directory.empty() ||
+        (::mkdir(directory.c_str(), mode) == 0 && ::chmod(directory.c_str(), mode) == 0) ||
+        errno == EEXIST) {
+        return true;
+    }
+    why = "its directory is missing and cannot be made (" + std::string(std::strerror(errno)) +
+          "): make it first, as by \"sudo install -d -m 755 " + directory + '"';
+    return false;
+}
+
 } // namespace kavplat_describe

@@ -12,6 +12,10 @@ namespace kavplat_describe
 bool replace_file(const std::string &path, const std::string &text, std::string &why,
                   bool survives_a_crash = true);
 
+/* Makes the directory of a file where it alone is missing, for others to read. False
+ * with the reason, and what to do, when there is none afterwards. */
+bool make_directory_of(const std::string &path, std::string &why);
+
 } // namespace kavplat_describe
 
 #endif

@@ -116,6 +116,10 @@ const kavplat::subcommand kavplat::describe = {
             "Exits with 0 when there is a description, whatever could not be read, with 1\n"
             "when there is none, and with 2 when it was called in another way than this.");
         return [asked, given, is_watch] {
+            if (std::string why; !make_directory_of(asked->output, why)) {
+                std::cerr << "kavplat describe: " << asked->output << ": " << why << '\n';
+                return 1;
+            }
             settle(*asked, *given);
             return *is_watch ? kavplat_describe::watch(*asked) : run(*asked);
         };
