@@ -303,6 +303,8 @@ TEST(kavplat_commands, end_with_the_status_that_they_document)
         {"plug " + quoted(server.description()) + " /SYS/X --from " +
              quoted(KAVPLAT_SOURCE_DIR "/servers/minimal.json"),
          1, "minimal.json: there is no component /SYS/X"},
+        {"help tre", 2, "there is no subcommand tre; kavplat help lists them"},
+        {"help tree > /dev/full", 1, ""},
     };
     for (const ended &each : cases) {
         const command_result result =
@@ -400,6 +402,18 @@ TEST(kavplat_manual, says_of_each_subcommand_what_its_help_says)
     }
 }
 
+TEST(kavplat_help, is_that_of_the_subcommand_or_of_all)
+{
+    const auto told = [](const string &words) {
+        const command_result result = run_command(quoted(KAVPLAT_COMMAND) + " " + words);
+        EXPECT_EQ(result.status, 0) << words << result.output;
+        return result.output;
+    };
+    EXPECT_EQ(told("help health"), told("health --help"));
+    EXPECT_EQ(told("help help"), told("help --help"));
+    EXPECT_EQ(told("help"), told("--help"));
+}
+
 TEST(kavplat_manual, is_roff_without_a_fault)
 {
     // A page that refers to another names it as it is installed.
@@ -421,6 +435,7 @@ TEST(kavplat_completion, knows_subcommands_options_and_names)
 {
     const std::tuple<const char *, int, const char *> cases[] = {
         {"kavplat un", 1, "unplug\n"},
+        {"kavplat help wa", 2, "watch\n"},
         {"kavplat tree --js", 2, "--json\n"},
         {"kavplat tree --only al", 3, "alarms\n"},
         {"kavplat set $minimal /SYS/MB/L", 3, "/SYS/MB/LOCATE\n"},

@@ -9,8 +9,9 @@ namespace
 {
 
 const kavplat::subcommand *const subcommands[] = {
-    &kavplat::describe, &kavplat::capture, &kavplat::check, &kavplat::conformance, &kavplat::tree,
-    &kavplat::health,   &kavplat::watch,   &kavplat::plug,  &kavplat::unplug,      &kavplat::set,
+    &kavplat::describe, &kavplat::capture, &kavplat::check, &kavplat::conformance,
+    &kavplat::tree,     &kavplat::health,  &kavplat::watch, &kavplat::plug,
+    &kavplat::unplug,   &kavplat::set,     &kavplat::help,
 };
 
 int run(int count, char **arguments)
@@ -21,7 +22,7 @@ int run(int count, char **arguments)
     const std::string version = "kavplat " KAVPLAT_VERSION;
     app.set_version_flag("--version", version);
     app.require_subcommand(0, 1);
-    app.footer("kavplat SUBCOMMAND --help tells more.");
+    app.footer("kavplat help SUBCOMMAND tells more.");
     std::map<const CLI::App *, std::function<int()>> actions;
     for (const kavplat::subcommand *each : subcommands) {
         CLI::App *command = app.add_subcommand(each->name, each->purpose);

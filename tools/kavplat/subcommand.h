@@ -38,6 +38,7 @@ extern const subcommand check;
 extern const subcommand conformance;
 extern const subcommand describe;
 extern const subcommand health;
+extern const subcommand help;
 extern const subcommand plug;
 extern const subcommand set;
 extern const subcommand tree;
