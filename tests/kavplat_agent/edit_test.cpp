@@ -329,4 +329,37 @@ TEST(kavplat_edit, replaces_the_file_whole_and_only_by_a_good_one)
     EXPECT_EQ(files, 2U) << "no temporary file stays";
 }
 
+TEST(kavplat_edit, tells_what_the_change_makes_vain_and_nothing_that_was_so_before)
+{
+    const temporary_directory directory;
+    const string file = directory / "server.json";
+    const string limits = with(
+        small, "2.50e1", R"(2.50e1, "thresholds": { "upper_critical": 40, "upper_fatal": 45 })");
+    // A warning that was there, of a component whose place moves.
+    const string text = with(without(limits, R"("capabilities": ["fru-info"],)"), R"("system" },)",
+                             R"("system" },
+    { "name": "/SYS/A", "type": "led", "indicator": { "state": "off" } },)");
+    write_file(file, text);
+    const auto told = [&](const editing &edit) {
+        std::ostringstream out;
+        std::ostringstream errors;
+        EXPECT_EQ(run({file, ""}, edit, out, errors), done) << errors.str();
+        return errors.str();
+    };
+    const auto limit = [](const char *key, const char *value) {
+        return [=](sheet &in, string &said) {
+            return set(in, "/SYS/BAY0/DISK/T", {{key, value}}, false, said);
+        };
+    };
+    const string warned = told(limit("upper_critical", "50"));
+    EXPECT_EQ(std::ranges::count(warned, '\n'), 1) << warned;
+    EXPECT_TRUE(warned.starts_with(file + ":15: ")) << warned;
+    EXPECT_NE(warned.find("(/SYS/BAY0/DISK/T): warning: it lies below upper_critical"),
+              string::npos)
+        << warned;
+    EXPECT_EQ(told([](sheet &in, string &said) { return unplug(in, {"/SYS/A"}, said); }), "");
+    EXPECT_EQ(told(limit("reading", "26")), "");
+    EXPECT_EQ(told(limit("upper_fatal", "55")), "");
+}
+
 } // namespace

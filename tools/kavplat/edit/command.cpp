@@ -1,15 +1,19 @@
 #include "command.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <ostream>
+#include <set>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "described/format/json_text.h"
 #include "described/format/loader.h"
+#include "tools/kavplat/check/check.h"
 
 namespace kavplat_edit
 {
@@ -38,6 +42,30 @@ void print(std::ostream &errors, const std::string &file, const std::vector<load
     for (const load_error &each : all) {
         errors << described_platform::to_text(file, each) << '\n';
     }
+}
+
+/* What the text says in vain, of which the other one has nothing. Components are known by
+ * their names: their places may have moved. */
+std::vector<load_error> new_warnings(const described_platform::description &before,
+                                     const described_platform::description &after,
+                                     const std::string &text)
+{
+    const auto place = [](const load_error &each) {
+        const size_t in_component = each.pointer.find('/', sizeof "/components/" - 1);
+        return each.component.empty() || in_component == std::string::npos
+                   ? each.pointer
+                   : each.pointer.substr(in_component);
+    };
+    std::set<std::array<std::string, 3>> known;
+    for (const load_error &each : kavplat_check::warnings(before)) {
+        known.insert({each.component, place(each), each.message});
+    }
+    std::vector<load_error> found = kavplat_check::warnings(after);
+    std::erase_if(found, [&](const load_error &each) {
+        return known.contains({each.component, place(each), each.message});
+    });
+    described_platform::find_lines(text, found);
+    return found;
 }
 
 bool write_all(int file, const std::string &text)
@@ -118,6 +146,7 @@ status run(const target &where, const editing &edit, std::ostream &out, std::ost
         errors << where.file << ": is not changed, since it is not good as it is\n";
         return refused;
     }
+    const auto good = described_platform::load_text(in->text(), in->directory());
     std::string told;
     if (const std::string failure = edit(*in, told); !failure.empty()) {
         errors << where.file << ": is not changed: " << failure << '\n';
@@ -129,6 +158,7 @@ status run(const target &where, const editing &edit, std::ostream &out, std::ost
         errors << where.file << ": is not changed, since it would be bad as told above\n";
         return refused;
     }
+    print(errors, where.file, new_warnings(*good.loaded, *judged.loaded, in->text()));
     if (where.output == "-") {
         out << in->text();
         out.flush();

@@ -21,8 +21,9 @@ struct target {
 /* What changes a sheet; as the functions of edit.h. */
 using editing = std::function<std::string(sheet &in, std::string &told)>;
 
-/* Reads, changes, has the loader judge, and replaces the file at once: whoever reads
- * it meets the old or the new one whole. */
+/* Reads, changes, has the loader judge, tells what the check warns of now and did not
+ * before, and replaces the file at once: whoever reads it meets the old or the new one
+ * whole. */
 status run(const target &where, const editing &edit, std::ostream &out, std::ostream &errors);
 
 /* Another description to take components from; null, and told, when it is not good. */
