@@ -202,15 +202,20 @@ bool has_browser()
     return run_command("command -v chromium").status == 0;
 }
 
+string browse(const temporary_directory &directory, const string &page, const string &options)
+{
+    return run_command("HOME=" + quoted(directory.path()) +
+                       " timeout 60 chromium --headless --no-sandbox --disable-gpu " + options +
+                       " " + quoted("file://" + (directory / page.c_str()).string()) +
+                       " 2>/dev/null")
+        .output;
+}
+
 // What a page is in a browser, when its scripts have run.
 string seen_in_browser(const temporary_directory &directory, const string &page,
                        const string &options = "")
 {
-    return run_command("HOME=" + quoted(directory.path()) +
-                       " timeout 60 chromium --headless --no-sandbox --disable-gpu --dump-dom " +
-                       options + " " + quoted("file://" + (directory / page.c_str()).string()) +
-                       " 2>/dev/null")
-        .output;
+    return browse(directory, page, "--dump-dom " + options);
 }
 
 TEST(kavplat_tree, is_a_page_that_a_browser_searches_and_that_runs_nothing_of_the_agent)
@@ -273,6 +278,58 @@ TEST(kavplat_tree, is_a_page_that_fits_a_telephone_by_day_and_by_night)
     EXPECT_NE(light.find("too wide by 0 parts 5 "), string::npos) << light;
     EXPECT_NE(light.find("back rgb(246, 247, 249) text rgb(28, 35, 48)"), string::npos) << light;
     EXPECT_NE(dark.find("back rgb(20, 24, 31) text rgb(230, 233, 238)"), string::npos) << dark;
+}
+
+// As large as a rack server: twenty boards with nineteen sensors each.
+box large_example()
+{
+    box all;
+    all.agent = "rack7";
+    all.has_sensors = true;
+    all.entities = {made(1, 0, "/SYS", 3)};
+    for (uint32_t board = 1; board <= 20; board++) {
+        const string name = "/SYS/B" + std::to_string(board);
+        all.entities.push_back(made(board * 100, 1, name));
+        all.entities.back().serial = "BOARD-" + std::to_string(board);
+        for (uint32_t i = 1; i < 20; i++) {
+            entity each = made(board * 100 + i, board * 100, name + "/T" + std::to_string(i), 8);
+            each.description = "Temperature";
+            each.sensor = measured(20 + i, 1, "°C");
+            each.sensor->limits = {0, 5, 10, 35, 40, 45};
+            all.entities.push_back(each);
+        }
+    }
+    make_tree(all);
+    judge(all);
+    return all;
+}
+
+TEST(kavplat_tree, is_a_page_that_is_printed_whole_on_few_sheets)
+{
+    if (!has_browser()) {
+        GTEST_SKIP() << "there is no chromium here, so nobody has looked at the page";
+    }
+    const temporary_directory directory;
+    const box all = large_example();
+    std::ostringstream page;
+    print_page(page, all, {choice::all, all.roots});
+    write_file(directory / "page.html", page.str());
+    const string pdf = quoted(directory / "page.pdf");
+    browse(directory, "page.html", "--no-pdf-header-footer --print-to-pdf=" + pdf);
+    const string paper = run_command("pdfinfo " + pdf).output;
+    const size_t told = paper.find("Pages:");
+    ASSERT_NE(told, string::npos) << paper;
+    const int sheets = std::stoi(paper.substr(told + 6));
+    EXPECT_LE(sheets, 17) << "as on a screen it takes 20";
+    const string text = run_command("pdftotext -layout " + pdf + " -").output;
+    for (size_t at = 0, board = 1; board <= 20; board++) {
+        const string serial = "BOARD-" + std::to_string(board);
+        at = text.find(serial + "\n", at);
+        ASSERT_NE(at, string::npos) << serial;
+        at = text.find("T19", at);
+        ASSERT_NE(at, string::npos) << "the last sensor of " << serial;
+    }
+    EXPECT_EQ(text.find("Only what is wrong"), string::npos) << "nothing to press is on paper";
 }
 
 TEST(kavplat_tree, of_any_depth_is_shown)
