@@ -248,9 +248,12 @@ std::string read_states(session &from, size_t &answer_size, box &into)
 
 std::string read_equipment(session &from, size_t &answer_size, box &into)
 {
-    /* The severity has the sensor read, and the state follows it. */
+    /* The severity has the sensor read, and the state follows it. Where the standard's table
+     * told all states they are not asked for twice. */
     constexpr unsigned long wanted[] = {3, 1, 2};
-    table read(platform_entry(2), wanted);
+    const bool states_are_known = std::ranges::all_of(
+        into.entities, [](const entity &each) { return each.admin && each.oper; });
+    table read(platform_entry(2), std::span(wanted).first(states_are_known ? 1 : 3));
     std::string failure = read.read(from, answer_size, into.troubles);
     for (const auto &[index, row] : read.rows()) {
         entity *each = entity_at(into, index);
@@ -259,6 +262,9 @@ std::string read_equipment(session &from, size_t &answer_size, box &into)
         }
         into.has_states = true;
         each->severity = code(read.number(row, 3));
+        if (states_are_known) {
+            continue;
+        }
         /* Its words by the numbers of the standard. */
         const optional<int64_t> admin = read.number(row, 1);
         if (!each->admin && admin) {
