@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <system_error>
@@ -149,7 +150,13 @@ void event_thread::run()
         /* A failed allocation costs this round, not the agent. */
         try {
             look_at_file(watch);
+            bool has_told = false;
             while (deliver_next()) {
+                has_told = true;
+            }
+            if (has_told) {
+                /* The description before was freed piece by piece, into the heap. */
+                ::malloc_trim(0);
             }
         } catch (const std::exception &error) {
             log_error(std::string("described platform: ") + error.what());

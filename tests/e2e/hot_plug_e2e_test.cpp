@@ -334,4 +334,36 @@ TEST(bad_start, serves_nothing_until_the_file_is_good)
     EXPECT_TRUE(eventually([&] { return client.walk(ent_column(7)).size() == 4; }));
 }
 
+// What is read of a description, and the one before while both are compared, is given back
+// to the system: the heap of the thread that reads would keep it.
+TEST(large_description, takes_no_more_memory_after_changes)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer keeps what is freed";
+#endif
+    ordered_json all = ordered_json::parse(read_file(KAVPLAT_SOURCE_DIR "/servers/minimal.json"));
+    for (int i = 0; i < 10000; i++) {
+        all["components"].push_back({{"name", "/SYS/T" + std::to_string(i)},
+                                     {"type", "temperature-sensor"},
+                                     {"sensor",
+                                      {{"class", "threshold"},
+                                       {"type", "temperature"},
+                                       {"units", "degrees-c"},
+                                       {"reading", 20.5}}}});
+    }
+    const temporary_directory directory;
+    write_file(directory.path() / "server.json", all.dump(2));
+    agent server({.description = directory.path() / "server.json"});
+    ASSERT_NO_THROW(server.start());
+    ASSERT_TRUE(eventually([&] { return server.log_has("local cache ready"); }));
+    const long at_first = server.memory();
+    for (size_t i = 1; i <= 6; i++) {
+        all["components"].back()["sensor"]["reading"] = i;
+        replace_file(server.description(), all.dump(2));
+        ASSERT_TRUE(eventually([&] { return server.log_count("in force; components") == 1 + i; }));
+    }
+    EXPECT_TRUE(eventually([&] { return server.memory() < at_first + at_first / 10; }))
+        << at_first << " KiB grew to " << server.memory();
+}
+
 } // namespace
