@@ -163,7 +163,8 @@ class simulated_bmc
     struct discrete {
         unsigned number, entity, instance, type, reading_type, can_tell;
         const char *name;
-        int value; /* the states, a bit each */
+        int value;                 /* the states, a bit each */
+        std::vector<int> others{}; /* of sensors that share the record, numbered from there on */
     };
     void add(const discrete &it)
     {
@@ -185,8 +186,8 @@ class simulated_bmc
                         0xc0,
                         0,
                         0,
-                        0x01,
-                        0,
+                        static_cast<unsigned>(1 + it.others.size()),
+                        it.others.empty() ? 0U : 0x80U | it.instance,
                         0,
                         0,
                         0,
@@ -194,8 +195,12 @@ class simulated_bmc
                         0,
                         0};
         append(record, it.name);
-        sensor(it.number, it.type, it.reading_type, it.value);
-        scan(it.number);
+        std::vector<int> values = it.others;
+        values.insert(values.begin(), it.value);
+        for (unsigned i = 0; i < values.size(); i++) {
+            sensor(it.number + i, it.type, it.reading_type, values[i]);
+            scan(it.number + i);
+        }
         add_record(2, record);
     }
 
@@ -372,7 +377,7 @@ void expect_sensor(const platform::description &all, const expected_sensor &expe
 /* A rack server's: supplies one of which is missing, fans, an inlet, a drive. */
 void build(simulated_bmc &it)
 {
-    enum : unsigned { celsius = 1, volts = 4, watts = 6, rpm = 18 };
+    enum : unsigned { celsius = 1, fahrenheit = 2, volts = 4, watts = 6, rpm = 18 };
     it.add(simulated_bmc::analog{.number = 1,
                                  .entity = 0x40,
                                  .instance = 1,
@@ -447,6 +452,25 @@ void build(simulated_bmc &it)
                                    .can_tell = 0x07,
                                    .name = "Drive 1",
                                    .value = 0x03});
+    it.add(simulated_bmc::discrete{.number = 9,
+                                   .entity = 4,
+                                   .instance = 2,
+                                   .type = 0x0d,
+                                   .reading_type = 0x6f,
+                                   .can_tell = 0x03,
+                                   .name = "Drive",
+                                   .value = 0x01,
+                                   .others = {0x03, 0x00}});
+    it.add(simulated_bmc::analog{.number = 12,
+                                 .entity = 7,
+                                 .instance = 1,
+                                 .type = 1,
+                                 .unit = fahrenheit,
+                                 .factor = 1,
+                                 .name = "VR Temp",
+                                 .value = 104,
+                                 .upper = {194, 212, 230},
+                                 .lower = {}});
     it.add_unit(0, 0, 0, {"Maker", "Rack One", "R1-PART", "1.0", "SYS-SERIAL", "", ""});
     it.add_unit(1, 0x0a, 1, {"Powers", "PSU 750", "P750", "A3", "PS-1-SERIAL", "", ""});
 }
@@ -464,6 +488,13 @@ const std::vector<expected_sensor> built_sensors = {
     {"/SYS/HDD1/PRSNT", 2, 0, platform::upper_fatal, 0},
     {"/SYS/HDD1/DRIVE_1_FAULT", 2, 0, platform::upper_fatal, 0},
     {"/SYS/HDD1/DRIVE_1_PREDICTIVE", 1, 0, platform::upper_fatal, 0},
+    {"/SYS/HDD2/PRSNT", 2, 0, platform::upper_fatal, 0},
+    {"/SYS/HDD2/DRIVE2_FAULT", 1, 0, platform::upper_fatal, 0},
+    {"/SYS/HDD3/PRSNT", 2, 0, platform::upper_fatal, 0},
+    {"/SYS/HDD3/DRIVE3_FAULT", 2, 0, platform::upper_fatal, 0},
+    {"/SYS/HDD4/PRSNT", 1, 0, platform::upper_fatal, 0},
+    {"/SYS/HDD4/DRIVE4_FAULT", 1, 0, platform::upper_fatal, 0},
+    {"/SYS/MB/T_VR_TEMP", 40, 3, platform::upper_critical, 100},
 };
 
 } // namespace
