@@ -691,6 +691,8 @@ TEST_F(watcher, looks_again_and_again_at_its_interval_and_not_at_all_at_0)
     EXPECT_TRUE(eventually([&] { return reads() >= 3; }));
     configure("0");
     end_thread();
+    kavplat::stop_watching(); // waits for its very end
+    kavplat::start_watching();
     const size_t before = reads();
     const unsigned threads = fake_system::on_pthread_create.calls();
     for (int i = 0; i < 10; i++) {
