@@ -272,7 +272,11 @@ void build_laptop(made_machine &it)
     light("/sys/devices/platform/i8042/serio0/input/input3/input3::capslock", "1\n", "1\n");
     light("/sys/devices/platform/thinkpad/leds/tpacpi::power", "255\n", "255\n");
     light("/sys/devices/platform/thinkpad/leds/tpacpi::kbd_backlight", "2\n", "0\n");
+    light("/sys/devices/platform/thinkpad/leds/tpacpi::standby", "255\n", "100\n"); /* dimly */
+    light("/sys/devices/platform/thinkpad/leds/platform::micmute", "1\n", "1\n");
     it.expect("/SYS/LED_TPACPI_POWER", {.type = "power-led", .reading = 2});
+    it.expect("/SYS/LED_TPACPI_STANDBY", {.type = "led", .reading = 2});
+    it.expect("/SYS/LED_PLATFORM_MICMUTE", {.type = "led", .reading = 2});
     const auto zone = [&](const char *type, const char *temperature) {
         const std::string path = "/sys/devices/virtual/thermal/" + it.counted("thermal_zone");
         it.file(path + "/type", type);

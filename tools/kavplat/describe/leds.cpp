@@ -3,6 +3,8 @@
 #include "tools/kavplat/describe/sources.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <limits>
 
 namespace kavplat_describe
 {
@@ -28,7 +30,8 @@ void find_leds(const tree &files, machine &into)
     const std::string directory = "/sys/class/leds";
     for (const std::string &name : files.names(directory)) {
         const std::string path = files.real(directory + '/' + name);
-        const auto brightest = files.number(path + "/max_brightness").value_or(1);
+        const auto brightest = std::min<int64_t>(files.number(path + "/max_brightness").value_or(1),
+                                                 std::numeric_limits<int>::max());
         const auto says = [&](const char *word) { return name.find(word) != name.npos; };
         if (path.empty() || brightest <= 0 || path.find("/input/") != path.npos ||
             path.find("/usb") != path.npos || path.find("/hid") != path.npos ||
@@ -47,10 +50,12 @@ void find_leds(const tree &files, machine &into)
                     : name;
         const auto *function = std::ranges::find_if(
             functions, [&](const auto &known) { return name.ends_with(known.word); });
+        // Rounded to a whole number: 1 of darkness, 2 of any brightness above it.
+        const double scale = brightest == 1 ? 1 : 1 / (static_cast<double>(brightest) + 1);
         add_indicator(files, into, owner == nullptr ? into.root() : *owner,
                       "LED_" + label_of(label),
                       function == std::end(functions) ? "led" : function->type,
-                      path + "/brightness", 1 / static_cast<double>(brightest));
+                      path + "/brightness", scale, 1.5 - scale / 2);
     }
 }
 

@@ -131,11 +131,11 @@ component &add_presence(const tree &files, machine &into, component &holder,
 }
 
 void add_indicator(const tree &files, machine &into, component &holder, std::string label,
-                   const char *component_type, const std::string &path, double scale)
+                   const char *component_type, const std::string &path, double scale, double offset)
 {
     if (files.is_file(path)) {
         component &made = into.add(holder, std::move(label), component_type, path);
-        made.keys["indicator"]["state"] = bound_to(files, path, scale, one_more);
+        made.keys["indicator"]["state"] = bound_to(files, path, scale, offset);
     }
 }
 

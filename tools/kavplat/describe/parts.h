@@ -48,7 +48,8 @@ component &add_presence(const tree &files, machine &into, component &holder,
 
 /* A file that holds 0 when it is dark. Nothing where there is no such file. */
 void add_indicator(const tree &files, machine &into, component &holder, std::string label,
-                   const char *component_type, const std::string &path, double scale = 1);
+                   const char *component_type, const std::string &path, double scale = 1,
+                   double offset = 1);
 
 } // namespace kavplat_describe
 
