@@ -357,8 +357,9 @@ struct expected_sensor {
     bool valid = true;
 };
 
-void expect_sensor(const platform::description &all, const expected_sensor &expected)
+void expect_sensor(const platform::description &all, expected_sensor expected, bool believed = true)
 {
+    expected.valid = expected.valid && believed;
     SCOPED_TRACE(expected.name);
     const platform::component *it = platform::find_component(all, expected.name);
     ASSERT_NE(nullptr, it);
@@ -497,6 +498,23 @@ const std::vector<expected_sensor> built_sensors = {
     {"/SYS/MB/T_VR_TEMP", 40, 3, platform::upper_critical, 100},
 };
 
+constexpr std::chrono::seconds longest(80); /* reads, ten seconds apart, and a busy machine */
+
+void start_watching(const simulated_bmc &it, child_process &watching)
+{
+    std::vector<std::string> command = it.describe_command();
+    command.emplace_back("--watch");
+    watching.start(command, it.here / "log-of-watcher");
+}
+
+testing::AssertionResult is_watched(const simulated_bmc &it)
+{
+    const auto log = [&it] { return read_file(it.here / "log-of-watcher"); };
+    const bool good = eventually(
+        [&] { return log().find("describes this machine") != std::string::npos; }, longest);
+    return (good ? testing::AssertionSuccess() : testing::AssertionFailure()) << log();
+}
+
 } // namespace
 
 TEST(bmc, what_it_has_is_described_checked_and_read_from_files)
@@ -507,6 +525,10 @@ TEST(bmc, what_it_has_is_described_checked_and_read_from_files)
     simulated_bmc it;
     build(it);
     ASSERT_NO_FATAL_FAILURE(it.start());
+    child_process watching;
+    start_watching(it, watching);
+    ASSERT_TRUE(is_watched(it));
+    // Beside who reads the values anew anybody may describe.
     const command_result described = run_command(command_line(it.describe_command()));
     EXPECT_EQ(0, described.status);
     EXPECT_EQ("", described.output);
@@ -534,6 +556,42 @@ TEST(bmc, what_it_has_is_described_checked_and_read_from_files)
     EXPECT_NE(std::string::npos, read_file(it.here / "server.json").find("SYS-SERIAL"));
 }
 
+TEST(bmc, a_value_that_nobody_reads_again_is_not_served_as_a_good_one)
+{
+    if (!has_bmc_client()) {
+        GTEST_SKIP() << "built without the library that asks service processors";
+    }
+    simulated_bmc it;
+    build(it);
+    ASSERT_NO_FATAL_FAILURE(it.start());
+    const auto expect_no_reading = [&it] {
+        const command_result described = run_command(command_line(it.describe_command()));
+        EXPECT_EQ(0, described.status);
+        EXPECT_EQ("kavplat describe: service processor: its readings need --watch; until then "
+                  "none is valid\n",
+                  described.output);
+        const auto all = load(it.here / "server.json");
+        ASSERT_NE(nullptr, all);
+        for (const expected_sensor &each : built_sensors) {
+            expect_sensor(*all, each, false);
+        }
+        const platform::component *supply = platform::find_component(*all, "/SYS/PSU1/PS");
+        ASSERT_NE(nullptr, supply);
+        EXPECT_EQ("PS-1-SERIAL", supply->fru->serial);
+    };
+    expect_no_reading();
+    // A watcher that could not say that it ends leaves its last values behind.
+    child_process watching;
+    start_watching(it, watching);
+    ASSERT_TRUE(is_watched(it));
+    const fs::path valid = it.here / "values" / "20.0.01.valid";
+    EXPECT_EQ("1\n", read_file(valid));
+    ASSERT_EQ(0, ::kill(watching.id(), SIGKILL));
+    EXPECT_TRUE(eventually([&] { return !are_kept(it.here / "values"); }));
+    EXPECT_EQ("1\n", read_file(valid));
+    expect_no_reading();
+}
+
 TEST(bmc, a_watcher_writes_values_anew_sees_a_supply_plugged_and_goes_on_without_an_answer)
 {
     if (!has_bmc_client()) {
@@ -542,13 +600,10 @@ TEST(bmc, a_watcher_writes_values_anew_sees_a_supply_plugged_and_goes_on_without
     simulated_bmc it;
     build(it);
     ASSERT_NO_FATAL_FAILURE(it.start());
-    std::vector<std::string> command = it.describe_command();
-    command.emplace_back("--watch");
     child_process watching;
-    watching.start(command, it.here / "log-of-watcher");
+    start_watching(it, watching);
     const auto log = [&it] { return read_file(it.here / "log-of-watcher"); };
-    constexpr std::chrono::seconds longest(80); /* reads, ten seconds apart, and a busy machine */
-    ASSERT_TRUE(eventually([&] { return fs::exists(it.here / "server.json"); }, longest)) << log();
+    ASSERT_TRUE(is_watched(it));
     const fs::path inlet = it.here / "values" / "20.0.01";
     EXPECT_EQ("24\n", read_file(inlet));
     EXPECT_EQ(std::string::npos, read_file(it.here / "server.json").find("/SYS/PSU2/PS\""));

@@ -3,6 +3,10 @@
 #include "tools/kavplat/describe/output.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 namespace kavplat_describe
 {
@@ -98,6 +102,37 @@ void disbelieve(const bmc_inventory &told)
     for (const bmc_sensor &each : told.sensors) {
         replace_file(bmc_file(told.directory, each.key, "valid"), "0\n", ignored, false);
     }
+}
+
+namespace
+{
+
+/* A lock that the kernel takes away with the process; below 0: it is not to be had. */
+int lock(const std::string &directory, int how)
+{
+    const int descriptor = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor >= 0 && ::flock(descriptor, how | LOCK_NB) != 0) {
+        ::close(descriptor);
+        return -1;
+    }
+    return descriptor;
+}
+
+} // namespace
+
+bool keep_values(const std::string &directory)
+{
+    return lock(directory, LOCK_EX) >= 0; /* to the end of the process: it stays open */
+}
+
+bool are_kept(const std::string &directory)
+{
+    errno = 0;
+    const int free = lock(directory, LOCK_SH);
+    if (free >= 0) {
+        ::close(free);
+    }
+    return free < 0 && errno == EWOULDBLOCK;
 }
 
 json to_json(const bmc_inventory &told)

@@ -67,6 +67,11 @@ std::string bmc_file(const std::string &directory, const std::string &key, const
 /* From now on no value in those files is to be believed. */
 void disbelieve(const bmc_inventory &told);
 
+/* Values are current as long as somebody reads them again and again. Who does says so
+ * until its process ends, however it ends; false: somebody else has said it. */
+bool keep_values(const std::string &directory);
+bool are_kept(const std::string &directory);
+
 /* Lays what the service processor knows over what was found: what is there already is
  * not found once more. */
 void add_bmc(const bmc_inventory &told, machine &into);

@@ -550,7 +550,7 @@ bool bmc_client::look(std::string &why)
                       write_value(bmc_file(target_.directory, each.it.key), as_text(value), why);
         }
         if (!written || !write_value(bmc_file(target_.directory, each.it.key, "valid"),
-                                     good ? "1" : "0", why)) {
+                                     good && target_.believed ? "1" : "0", why)) {
             return lose(why);
         }
         moved = moved || (before && before != each.it.present);

@@ -16,13 +16,16 @@ struct bmc_target {
     std::string user;          /* of a host */
     std::string password_file; /* of a host; the first line counts */
     std::string directory;     /* absolute: files of the sensors' values are written here */
+    bool believed = true;      /* false: nobody reads again, so no value is to be believed */
 };
 
 /* Whether this program can ask at all. */
 bool has_bmc_client();
 
-/* Whether the kernel has a driver of a service processor of this machine. */
+/* Whether the kernel has a driver of a service processor of this machine, and lets this
+ * user ask it. */
 bool has_bmc();
+bool may_ask_bmc();
 
 /* Not to be shared by threads. Each call may take as long as the service processor likes,
  * so a process of its own is a good place: see bmc_reader.h. */

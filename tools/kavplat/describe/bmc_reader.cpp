@@ -37,13 +37,14 @@ bool send(int to, std::string_view text)
     return true;
 }
 
-std::string word_of(bmc_client &client)
+std::string word_of(bmc_client &client, bool believed)
 {
     json word = json::object();
     std::string why;
     try {
         if (client.look(why)) {
             word["inventory"] = to_json(client.inventory());
+            why = believed ? "" : "its readings need --watch; until then none is valid";
         }
     } catch (const std::exception &error) {
         why = error.what();
@@ -55,13 +56,16 @@ std::string word_of(bmc_client &client)
 }
 
 /* The life of the child. It ends with its parent, whose death the kernel tells. */
-void read_and_tell(const bmc_target &target, int to, bool once)
+void read_and_tell(bmc_target target, int to, bool once)
 {
+    target.believed = !once || are_kept(target.directory);
     bmc_client client(target);
     std::string last;
+    bool kept = once;
     for (;;) {
         const auto next = clock::now() + bmc_reader::between_looks;
-        std::string word = word_of(client);
+        std::string word = word_of(client, target.believed);
+        kept = kept || keep_values(target.directory);
         if (word != last && !send(to, word)) {
             return;
         }
