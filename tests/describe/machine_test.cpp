@@ -52,6 +52,33 @@ void put(const fs::path &file, const std::string &text)
     write_file(file, text);
 }
 
+/* For as long as it lives root is somebody else, whom files' modes bind. */
+class ordinary_user
+{
+  public:
+    explicit ordinary_user(const fs::path &to_read) : before_(::geteuid())
+    {
+        fs::permissions(to_read, fs::perms(0755));
+        become(nobody);
+    }
+    ~ordinary_user() { become(before_); }
+    ordinary_user(const ordinary_user &) = delete;
+    ordinary_user &operator=(const ordinary_user &) = delete;
+
+    template <class F>
+    void run_as_before(F what) const
+    {
+        become(before_);
+        what();
+        become(nobody);
+    }
+
+  private:
+    static constexpr uid_t nobody = 65534;
+    void become(uid_t who) const { EXPECT_EQ(0, before_ == 0 ? ::seteuid(who) : 0); }
+    const uid_t before_;
+};
+
 } // namespace
 
 TEST(machine, names_and_order_follow_from_places_and_not_from_the_order_of_finding)
@@ -244,15 +271,68 @@ TEST(tree, what_is_no_file_or_has_no_end_is_not_read)
 
 TEST(tree, what_may_not_be_read_is_remembered)
 {
-    if (::geteuid() == 0) {
-        GTEST_SKIP() << "root may read everything";
-    }
     const temporary_directory here;
     put(here / "serial", "S\n");
     ASSERT_EQ(0, ::chmod((here / "serial").c_str(), 0));
+    const ordinary_user nobody(here.path());
     const tree files(here.path());
     EXPECT_EQ("", files.text("/serial"));
     EXPECT_EQ(std::set<std::string>{"/serial"}, files.denied());
+}
+
+TEST(describe, an_ordinary_user_is_told_what_root_would_add)
+{
+    const temporary_directory here;
+    const auto put_away = [&here](const std::string &path) {
+        put(here.path().string() + path, "X\n");
+        ASSERT_EQ(0, ::chmod((here.path().string() + path).c_str(), 0));
+    };
+    const ordinary_user nobody(here.path());
+    options asked;
+    asked.root = here.path();
+    using lines = std::vector<std::string>;
+    EXPECT_EQ(lines(), describe(asked).complaints);
+    asked.bmc_is_for_root = true;
+    EXPECT_EQ(lines{"this user may not read all: run it as root for what the service processor "
+                    "knows"},
+              describe(asked).complaints);
+    nobody.run_as_before([&] {
+        put_away("/sys/firmware/dmi/tables/DMI");
+        put_away("/sys/class/dmi/id/board_serial");
+    });
+    EXPECT_EQ(lines{"this user may not read all: run it as root for memory modules, processor "
+                    "sockets, slots, serial numbers and what the service processor knows"},
+              describe(asked).complaints);
+    asked.bmc_is_for_root = false;
+    nobody.run_as_before([&] { put_away("/sys/class/hwmon/hwmon0/name"); });
+    EXPECT_EQ(lines{"this user may not read all: run it as root for memory modules, processor "
+                    "sockets, slots, serial numbers and what is in 1 file such as "
+                    "/sys/class/hwmon/hwmon0/name"},
+              describe(asked).complaints);
+}
+
+TEST(describe, a_service_processor_that_this_user_may_not_ask_is_what_root_would_add)
+{
+    if (!has_bmc_client()) {
+        GTEST_SKIP() << "built without the library that asks service processors";
+    }
+    const temporary_directory here;
+    // A machine with such a device; and a root whom its mode binds like anybody else.
+    const std::string command = std::string("unshare ") +
+                                (::geteuid() == 0 ? "" : "--user --map-root-user ") +
+                                "--mount sh -c 'mount -t tmpfs none /dev && : >/dev/ipmi0 && "
+                                "chmod \"$1\" /dev/ipmi0 && exec setpriv "
+                                "--bounding-set=-dac_override,-dac_read_search " KAVPLAT_COMMAND
+                                " describe --values \"$2\" 2>&1' sh ";
+    const command_result denied = run_command(command + "0 " + quoted(here / "values"));
+    EXPECT_EQ(0, denied.status);
+    EXPECT_NE(std::string::npos, denied.output.find("what the service processor knows"))
+        << denied.output;
+    EXPECT_EQ(std::string::npos, denied.output.find("service processor: ")) << denied.output;
+    const command_result allowed = run_command(command + "0600 " + quoted(here / "values"));
+    EXPECT_EQ(std::string::npos, allowed.output.find("what the service processor knows"))
+        << allowed.output;
+    EXPECT_NE(std::string::npos, allowed.output.find("service processor: ")) << allowed.output;
 }
 
 TEST(describe, this_machine_whatever_it_is_has_a_good_description_and_always_the_same)

@@ -27,6 +27,11 @@ bool has_bmc()
     return ::access(device, F_OK) == 0;
 }
 
+bool may_ask_bmc()
+{
+    return ::access(device, R_OK | W_OK) == 0;
+}
+
 } // namespace kavplat_describe
 
 #ifdef KAVPLAT_HAS_FREEIPMI

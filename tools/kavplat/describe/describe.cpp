@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <initializer_list>
+#include <set>
 #include <unistd.h>
 
 namespace kavplat_describe
@@ -14,17 +16,49 @@ namespace kavplat_describe
 namespace
 {
 
-void say_what_root_would_add(const tree &files, machine &of)
+/* What stands in files that a kernel keeps for root. */
+constexpr struct {
+    const char *part_of_path;
+    std::initializer_list<const char *> adds;
+} for_root[] = {
+    {"/dmi/tables/", {"memory modules", "processor sockets", "slots", "serial numbers"}},
+    {"_serial", {"serial numbers"}},
+    {"_uuid", {"serial numbers"}},
+    {"/vpd_pg", {"serial numbers"}},
+    {"the module of ", {"transceivers"}},
+};
+
+void say_what_root_would_add(const tree &files, bool bmc_too, machine &of)
 {
-    if (files.denied().empty()) {
+    std::vector<std::string> adds;
+    const auto add = [&adds](const std::string &what) {
+        if (std::ranges::find(adds, what) == adds.end()) {
+            adds.push_back(what);
+        }
+    };
+    std::set<std::string> others = files.denied();
+    for (const auto &known : for_root) {
+        if (std::erase_if(others, [&known](const std::string &each) {
+                return each.find(known.part_of_path) != std::string::npos;
+            }) > 0) {
+            std::ranges::for_each(known.adds, add);
+        }
+    }
+    if (bmc_too) {
+        add("what the service processor knows");
+    }
+    if (!others.empty()) {
+        add("what is in " + std::to_string(others.size()) +
+            (others.size() == 1 ? " file" : " files") + " such as " + *others.begin());
+    }
+    if (adds.empty()) {
         return;
     }
-    // Such as serial numbers, which are the first to be missed.
-    const std::string &first = *files.denied().begin();
-    of.complain(std::to_string(files.denied().size()) +
-                (files.denied().size() == 1 ? " file is" : " files are") +
-                " not for this user to read, such as " + first +
-                ": run it as root for what they add");
+    std::string text = "this user may not read all: run it as root for " + adds.front();
+    for (size_t i = 1; i < adds.size(); i++) {
+        text += (i + 1 < adds.size() ? ", " : " and ") + adds[i];
+    }
+    of.complain(std::move(text));
 }
 
 bool lay_over(json &description, const std::string &path, std::string &why)
@@ -101,7 +135,7 @@ described describe(const options &asked, const bmc_word &word)
     }
     find_all(files, found);
     lay_bmc_over(word, found);
-    say_what_root_would_add(files, found);
+    say_what_root_would_add(files, asked.bmc_is_for_root, found);
     json description = to_json(found);
     leave_out_what_is_bad(description, found);
     if (!asked.serials) {

@@ -19,6 +19,7 @@ struct options {
     std::string merge;  /* a description laid over what was found; empty: none */
     bool serials = true;
     bmc_target bmc;                  /* what is asked of the service processor */
+    bool bmc_is_for_root = false;    /* there is one, and this user may not ask it */
     recording *record = nullptr;     /* where what is looked at is written down; null: nowhere */
     error_history *errors = nullptr; /* what was seen before of the same machine; null: nothing */
 };

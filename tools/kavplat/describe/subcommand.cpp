@@ -43,9 +43,11 @@ struct bmc_options {
 /* A service processor is this machine's own, or that of the host that was named. */
 void settle(options &asked, const bmc_options &given)
 {
-    asked.bmc.wanted =
-        given.wanted || (!given.unwanted && (!asked.bmc.host.empty() ||
-                                             (has_bmc_client() && has_bmc() && asked.root == "/")));
+    const bool of_this_machine = !given.wanted && !given.unwanted && asked.bmc.host.empty() &&
+                                 asked.root == "/" && has_bmc_client() && has_bmc();
+    asked.bmc_is_for_root = of_this_machine && !may_ask_bmc();
+    asked.bmc.wanted = given.wanted || (of_this_machine && !asked.bmc_is_for_root) ||
+                       (!given.unwanted && !asked.bmc.host.empty());
     asked.bmc.directory = std::filesystem::absolute(given.directory).lexically_normal();
 }
 
