@@ -81,7 +81,7 @@ constexpr const char *secret_texts[] = {
     "ASSET-OF-3-CHASSIS",  "SERIAL-OF-4-SOCKET", "SERIAL-OF-17-MODULE", "ASSET-OF-17-MODULE",
     "SERIAL-OF-39-SUPPLY", "MAKER-SECRET-209",   "NVME-SERIAL-7",       "SATA-SERIAL-8",
     "MODULE-SERIAL-6",     "SAS-SERIAL-9",       "02:5e:10:aa:bb:cc",   "SATASERIAL8UDEV",
-    "4c4c4544-0042-3510"};
+    "4c4c4544-0042-3510",  "EEPROM-SERIAL-10"};
 
 std::string table_with_secrets()
 {
@@ -136,6 +136,11 @@ void build(made_machine &all)
     all.hwmon(
         "/sys/devices/platform/coretemp.0", "coretemp",
         {{"temp1_input", "45000"}, {"temp1_label", "Package id 0"}, {"temp1_crit", "100000"}});
+    const std::string module = "/sys/devices/pci0000:00/0000:00:1f.4/i2c-0/0-0050";
+    all.hwmon(module, "spd5118", {{"temp1_input", "38000"}});
+    std::string says(1024, '\0');
+    says[2] = 0x12;
+    all.file(module + "/eeprom", says.replace(517, 16, "EEPROM-SERIAL-10"));
     all.supply("BAT0", {{"type", "Battery"},
                         {"present", "1"},
                         {"status", "Full"},

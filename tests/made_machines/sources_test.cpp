@@ -2,6 +2,7 @@
 #include "made_machines/modules.h"
 
 #include "check.h"
+#include "describe/smbios_builder.h"
 #include "described/format/component_types.h"
 #include "described/format/loader.h"
 #include "described/live/live_values.h"
@@ -15,6 +16,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sys/stat.h>
 
 using namespace kavplat_describe_test;
@@ -534,6 +536,75 @@ TEST(memory_errors, before_somebody_watched_for_a_day_are_held_against_their_ave
         EXPECT_TRUE(it.look_at(it.minute)());
         EXPECT_EQ(!is_watched, it.look_at(it.day + it.minute)());
     }
+}
+
+/* What a memory module says of itself: of which kind it is, and its serial number. */
+std::string module_says(char kind, size_t bytes, size_t place, const std::string &serial)
+{
+    std::string all(bytes, '\0');
+    all[2] = kind;
+    return all.replace(place, serial.size(), serial);
+}
+
+TEST(sensors, of_a_memory_module_are_on_the_one_with_that_serial_number)
+{
+    made_machine machine;
+    smbios_builder table;
+    const std::pair<const char *, const char *> modules[] = {
+        {"A1", "1A2B3C4D"}, {"A2", "0D0C0B0A"}, {"A3", "00c0ffee"}, {"A4", "11223344"},
+        {"A5", "TWIN 77"},  {"A6", "77777777"}, {"A7", "77777777"}, {"A8", "FFFFFFFF"}};
+    for (const auto &[locator, serial] : modules) {
+        smbios_made::memory(table, 33, locator, "", 8192, serial);
+    }
+    table.end();
+    machine.file("/sys/firmware/dmi/tables/DMI", table.table);
+    const std::string bus = "/sys/devices/pci0000:00/0000:00:1f.4/i2c-7/";
+    const auto chip = [&](const char *name, const std::string &address) {
+        machine.hwmon(bus + address, name, {{"temp1_input", "38000"}});
+    };
+    const auto eeprom = [&](const std::string &address, const std::string &says) {
+        machine.file(bus + address + "/eeprom", says);
+    };
+    constexpr char ddr3 = 0x0b;
+    constexpr char ddr4 = 0x0c;
+    constexpr char ddr5 = 0x12;
+    using namespace std::string_literals;
+    chip("jc42", "7-0018");
+    eeprom("7-0050", module_says(ddr4, 512, 325, "\x1a\x2b\x3c\x4d"));
+    chip("jc42", "7-001f"); // whose number SMBIOS has from the other end
+    eeprom("7-0057", module_says(ddr3, 256, 122, "\x0a\x0b\x0c\x0d"));
+    chip("spd5118", "7-0051");
+    eeprom("7-0051", module_says(ddr5, 1024, 517, "\0\xc0\xff\xee"s));
+    // Nothing that tells: another kind's place, a number that nobody has, one of two, none
+    // at all, an end before it, no file, and a chip of another kind.
+    chip("jc42", "7-001a");
+    eeprom("7-0052", module_says(ddr3, 512, 325, "\x11\x22\x33\x44"));
+    chip("jc42", "7-001b");
+    eeprom("7-0053", module_says(ddr4, 512, 325, "\x99\x99\x99\x99"));
+    chip("jc42", "7-001c");
+    eeprom("7-0054", module_says(ddr4, 512, 325, "\x77\x77\x77\x77"));
+    chip("jc42", "7-001d");
+    eeprom("7-0055", module_says(ddr4, 512, 325, "\xff\xff\xff\xff"));
+    chip("jc42", "7-001e");
+    eeprom("7-0056", module_says(ddr4, 328, 325, "\x11\x22\x33"));
+    chip("spd5118", "7-0058");
+    chip("lm75", "7-0048");
+    eeprom("7-0048", module_says(ddr4, 512, 325, "\x1a\x2b\x3c\x4d"));
+    ASSERT_EQ(0, ::mkfifo(machine.on_disk(bus + "7-0058/eeprom").c_str(), 0600));
+
+    const auto description = load(describe(machine));
+    std::set<std::string> found;
+    for (const platform::component &each : description->components) {
+        if (each.sensor != nullptr) {
+            found.insert(each.name);
+        }
+    }
+    EXPECT_EQ((std::set<std::string>{"/SYS/MB/A1/DIMM/T_1", "/SYS/MB/A2/DIMM/T_1",
+                                     "/SYS/MB/A3/DIMM/T_1", "/SYS/MB/T_JC42-001A_1",
+                                     "/SYS/MB/T_JC42-001B_1", "/SYS/MB/T_JC42-001C_1",
+                                     "/SYS/MB/T_JC42-001D_1", "/SYS/MB/T_JC42-001E_1",
+                                     "/SYS/MB/T_LM75-0048_1", "/SYS/MB/T_SPD5118-0058_1"}),
+              found);
 }
 
 TEST(bindings, survive_another_count_and_another_card)

@@ -202,6 +202,12 @@ void cover_ata_page(std::string &bytes, secrets &found)
     }
 }
 
+/* Of a memory module, or of anything else. */
+void clear(std::string &bytes, secrets & /*found*/)
+{
+    std::ranges::fill(bytes, '\0');
+}
+
 /* Lines such as "E:ID_MODEL=..." and "S:disk/by-id/...". */
 void cover_udev_data(std::string &bytes, secrets &found)
 {
@@ -261,6 +267,7 @@ constexpr struct {
     {"/enclosure/", "id", cover_whole},
     {"/sys/", "vpd_pg80", cover_serial_page},
     {"/sys/", "vpd_pg89", cover_ata_page},
+    {"/sys/", "eeprom", clear},
     {"/run/udev/data/", "", cover_udev_data},
     {"/run/kavplat/modules/", "", cover_module},
     {"/proc/", "cpuinfo", cover_cpuinfo},

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <map>
 #include <set>
 
@@ -148,6 +150,72 @@ component *processor_of(const chip &it, const machine &all)
     return package && *package < all.processors.size() ? all.processors[*package] : nullptr;
 }
 
+/* The serial number in what a memory module says of itself; none: it has none, or is of
+ * an unknown kind. A byte takes such a bus a while, so these few are read alone. */
+std::optional<uint32_t> serial_in(const tree &files, const std::string &eeprom)
+{
+    constexpr size_t place_of_kind = 2;
+    constexpr struct {
+        unsigned char kind;
+        size_t serial;
+    } kinds[] = {{0x0b, 122}, {0x0c, 325}, {0x12, 517}}; /* DDR3, DDR4, DDR5 */
+    const std::string kind = files.part(eeprom, place_of_kind, 1);
+    const auto *known = std::ranges::find_if(kinds, [&kind](const auto &each) {
+        return !kind.empty() && each.kind == static_cast<unsigned char>(kind.front());
+    });
+    if (known == std::end(kinds)) {
+        return std::nullopt;
+    }
+    uint32_t serial = 0;
+    const std::string bytes = files.part(eeprom, known->serial, sizeof serial);
+    for (const char each : bytes) {
+        serial = serial << 8U | static_cast<unsigned char>(each);
+    }
+    const bool is_filled_in = serial != 0 && serial != UINT32_MAX;
+    return bytes.size() == sizeof serial && is_filled_in ? std::optional(serial) : std::nullopt;
+}
+
+/* Firmware writes it down in hexadecimal, from either end. */
+bool is_serial(const std::string &text, uint32_t serial)
+{
+    uint32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, 16);
+    return error == std::errc() && end == text.data() + text.size() &&
+           (number == serial || number == __builtin_bswap32(serial));
+}
+
+/* Of what sits on a memory module, by the module's serial number: a chip for temperatures
+ * has its neighbour with that beside it on the bus, 18 and 50 to 1f and 57; later ones
+ * hold it themselves. */
+component *module_of(const tree &files, const chip &it, const machine &all)
+{
+    const std::string address(last_part(it.device));
+    std::string eeprom = it.device + "/eeprom";
+    if (it.name == "jc42") {
+        constexpr std::string_view eight = "89abcdef";
+        const size_t dash = address.find("-001");
+        const size_t which = address.empty() ? eight.npos : eight.find(address.back());
+        if (dash == address.npos || dash + 5 != address.size() || which == eight.npos) {
+            return nullptr;
+        }
+        eeprom = std::string(without_last_part(it.device)) + '/' + address.substr(0, dash) +
+                 "-005" + std::to_string(which) + "/eeprom";
+    } else if (it.name != "spd5118") {
+        return nullptr;
+    }
+    const std::optional<uint32_t> serial = serial_in(files, eeprom);
+    component *found = nullptr;
+    for (const auto &[unused, module] : all.memory_modules) {
+        if (serial && is_serial(identity_text(module->fru.serial), *serial)) {
+            if (found != nullptr && found != module) {
+                return nullptr; /* what two have tells neither */
+            }
+            found = module;
+        }
+    }
+    return found;
+}
+
 /* Which chip on the board it is: a device of a bus by its address there, which does not
  * change, and not by the number of the bus, which does. */
 std::string chip_label(const chip &it)
@@ -180,6 +248,9 @@ void find_hwmon(const tree &files, machine &into)
         }
         it.name = files.text(it.directory + "/name");
         component *owner = processor_of(it, into);
+        if (owner == nullptr) {
+            owner = module_of(files, it, into);
+        }
         if (owner == nullptr && !it.device.empty()) {
             owner = into.at_device(it.device);
         }

@@ -212,32 +212,42 @@ std::string tree::resolve(const std::string &path, int &error) const
     return current;
 }
 
-tree::content tree::read(const std::string &path, size_t most) const
+/* Below 0: it may not be read, or is none. */
+int tree::open_file(const std::string &path, std::string &real_path, int &error) const
 {
-    content result;
-    const std::string real_path = resolve(path, result.error);
-    if (result.error != 0) {
-        return result;
+    real_path = resolve(path, error);
+    if (error != 0) {
+        return -1;
     }
     steps_++;
     const std::string file = root_ + real_path;
     struct stat status = {};
     // Opening a device does something to it; what may be a device is not opened to see.
     if (::lstat(file.c_str(), &status) != 0) {
-        result.error = errno;
-        return result;
+        error = errno;
+        return -1;
     }
     if (!S_ISREG(status.st_mode)) {
-        result.error = S_ISDIR(status.st_mode) ? EISDIR : ENOTSUP;
-        return result;
+        error = S_ISDIR(status.st_mode) ? EISDIR : ENOTSUP;
+        return -1;
     }
-    const descriptor from(
-        ::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY));
-    if (*from < 0) {
-        result.error = errno;
-        if (result.error == EACCES || result.error == EPERM) {
+    const int opened =
+        ::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
+    if (opened < 0) {
+        error = errno;
+        if (error == EACCES || error == EPERM) {
             denied_.insert(path);
         }
+    }
+    return opened;
+}
+
+tree::content tree::read(const std::string &path, size_t most) const
+{
+    content result;
+    std::string real_path;
+    const descriptor from(open_file(path, real_path, result.error));
+    if (*from < 0) {
         return result;
     }
     result.error = read_all(*from, result.bytes, most);
@@ -246,6 +256,21 @@ tree::content tree::read(const std::string &path, size_t most) const
         result.bytes.clear();
     }
     return result;
+}
+
+std::string tree::part(const std::string &path, size_t offset, size_t bytes) const
+{
+    if (record_ != nullptr) {
+        read(path); // who looks at it later may want another part
+    }
+    std::string real_path;
+    int error = 0;
+    const descriptor from(open_file(path, real_path, error));
+    std::string found(bytes, '\0');
+    const ssize_t count =
+        *from < 0 ? 0 : ::pread(*from, found.data(), bytes, static_cast<off_t>(offset));
+    found.resize(count < 0 ? 0 : static_cast<size_t>(count));
+    return found;
 }
 
 std::string tree::text(const std::string &path) const

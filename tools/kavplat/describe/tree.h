@@ -40,6 +40,10 @@ class tree
     /* A regular file. EFBIG: it holds more than most bytes. */
     content read(const std::string &path, size_t most = longest_text) const;
 
+    /* So many bytes from there on, or fewer where it ends before: of files that devices
+     * are slow to hand out. */
+    std::string part(const std::string &path, size_t offset, size_t bytes) const;
+
     /* What read() gives, without white space at its ends; empty when there is none. */
     std::string text(const std::string &path) const;
 
@@ -81,6 +85,7 @@ class tree
   private:
     static constexpr size_t most_steps = 500000;
 
+    int open_file(const std::string &path, std::string &real_path, int &error) const;
     bool is_a(mode_t kind, const std::string &path) const;
     std::string resolve(const std::string &path, int &error) const;
     void note(const std::string &real_path, const struct stat &status) const;
