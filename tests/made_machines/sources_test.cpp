@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 using namespace kavplat_describe_test;
@@ -639,7 +640,19 @@ void expect_good(const made_machine &machine, const std::string &what)
     }
 }
 
-TEST(hostile_trees, give_a_good_description_in_bounded_time)
+constexpr uintmax_t huge = uintmax_t{1} << 30U;
+
+/* In KiB: the most that this process ever had. */
+long most_memory()
+{
+    rusage used = {};
+    EXPECT_EQ(0, ::getrusage(RUSAGE_SELF, &used));
+    return used.ru_maxrss;
+}
+
+constexpr long most_growth = 64L * 1024;
+
+TEST(hostile_trees, give_a_good_description_in_bounded_time_and_memory)
 {
     made_machine machine;
     build_workstation(machine);
@@ -666,8 +679,20 @@ TEST(hostile_trees, give_a_good_description_in_bounded_time)
     }
     machine.file("/sys/devices/platform/odd/leds/a\nb::c/brightness", "1");
     machine.link("/sys/class/leds/a\nb::c", "/sys/devices/platform/odd/leds/a\nb::c");
+    machine.file(many + "/hwmon/hwmon88/temp1_input", "1");
+    machine.file(many + "/hwmon/hwmon88/temp1_label", "");
+    machine.link("/sys/class/hwmon/hwmon88", many + "/hwmon/hwmon88");
+    for (const char *name : {"/sys/firmware/dmi/tables/DMI", "/proc/cpuinfo",
+                             "/sys/devices/platform/many/hwmon/hwmon88/temp1_label"}) {
+        machine.file(name, "");
+        std::filesystem::resize_file(machine.on_disk(name), huge);
+    }
     const std::clock_t begin = std::clock();
+    const long memory_before = most_memory();
     expect_good(machine, "hostile");
+    if (!KAVPLAT_SANITIZED) { /* which keep what is freed */
+        EXPECT_LT(most_memory() - memory_before, most_growth);
+    }
     EXPECT_LT(static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC, 20);
     EXPECT_TRUE(is_part_of(names_in_order(machine), {"/SYS/MB/HBA17.0", "/SYS/MB/HBA17.0/DISK2"}));
 }
@@ -723,7 +748,11 @@ TEST(hostile_trees, of_any_kind_give_a_good_description)
                 std::ofstream(path) << texts_of_old[random(std::size(texts_of_old))];
             }
         }
+        const long memory_before = most_memory();
         expect_good(machine, "round " + std::to_string(round));
+        if (!KAVPLAT_SANITIZED) {
+            EXPECT_LT(most_memory() - memory_before, most_growth) << round;
+        }
     }
 }
 
