@@ -2,7 +2,10 @@
 #include "tools/kavplat/describe/describe.h"
 #include "tools/kavplat/describe/schedule.h"
 
+#include "harness/agent.h"
+#include "harness/client.h"
 #include "harness/files.h"
+#include "harness/names.h"
 #include "harness/process.h"
 #include "made_machines/machines.h"
 
@@ -181,7 +184,8 @@ bool is_with_udev()
     const command_result result =
         run_command("umockdev-wrapper " + quoted(fs::read_symlink("/proc/self/exe")) +
                     " --gtest_filter=" + test->test_suite_name() + '.' + test->name() + " 2>&1");
-    EXPECT_EQ(0, result.status) << result.output;
+    std::cout << result.output;
+    EXPECT_EQ(0, result.status);
     EXPECT_NE(std::string::npos, result.output.find("[  PASSED  ] 1 test.")) << result.output;
     return false;
 }
@@ -382,6 +386,44 @@ TEST(describe_watch, goes_on_where_the_file_can_not_be_written_and_where_the_mac
     it.pull();
     it.tell("remove");
     EXPECT_TRUE(eventually([&] { return !it.has("PULLED"); })) << it.log();
+}
+
+TEST(describe_watch, a_drive_that_is_pulled_is_gone_from_the_agent_too)
+{
+    if (KAVPLAT_SANITIZED) {
+        GTEST_SKIP() << "a sanitizer's library and the one that stands for udev do not go together";
+    }
+    if (!is_with_udev()) {
+        return;
+    }
+    watched_machine it;
+    ASSERT_TRUE(it.systemd.hears("READY=1")) << it.log();
+    agent server({.environment = {{"KAVPLAT_DESCRIPTION", it.file()}}});
+    ASSERT_NO_THROW(server.start());
+    snmp_client client(server.port());
+    const auto row_of = [&client](const std::string &serial) {
+        unsigned long found = 0;
+        for (const varbind &each : client.bulk_walk(ent_column(11), 20)) {
+            found = each.value.text == serial ? each.name.back() : found;
+        }
+        return found;
+    };
+    const unsigned long pulled = row_of("PULLED");
+    ASSERT_NE(0U, pulled);
+    it.pull();
+    const auto told = std::chrono::steady_clock::now();
+    it.tell("remove");
+    // Two seconds on a machine that has the time; here others may be at work.
+    constexpr std::chrono::seconds longest(10);
+    EXPECT_TRUE(eventually(
+        [&] { return client.get({ent_cell(11, pulled)}).varbinds.at(0).value == no_instance(); },
+        longest))
+        << it.log();
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - told);
+    std::cout << "gone from the agent " << took.count() << " ms after the word of it\n";
+    RecordProperty("milliseconds", static_cast<int>(took.count()));
+    EXPECT_NE(0U, row_of("STAYS"));
 }
 
 TEST(describe_watch, takes_a_file_to_write_to)
