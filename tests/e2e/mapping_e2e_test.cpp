@@ -1,16 +1,11 @@
 // What lies in what, and which port is which interface of the host, asked of a real agent.
 #include <atomic>
-#include <cstring>
 #include <map>
 #include <net/if.h>
 #include <random>
-#include <sched.h>
 #include <set>
 #include <string>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -19,6 +14,7 @@
 #include "harness/client.h"
 #include "harness/files.h"
 #include "harness/names.h"
+#include "harness/own_network.h"
 
 namespace
 {
@@ -126,41 +122,6 @@ TEST(mapping, under_churn_no_row_says_other_than_its_child_within_one_pdu)
     RecordProperty("seen", static_cast<int>(both));
     RecordProperty("gone", static_cast<int>(gone));
 }
-
-// An interface in a network of the test's own. False where there can be none.
-class own_network
-{
-  public:
-    own_network()
-    {
-        if (unshare(CLONE_NEWNET) != 0) {
-            return;
-        }
-        socket_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        ifreq loopback = {};
-        strcpy(loopback.ifr_name, "lo");
-        loopback.ifr_flags = IFF_UP | IFF_RUNNING;
-        is_there_ = ioctl(socket_, SIOCSIFFLAGS, &loopback) == 0;
-    }
-    ~own_network() { close(socket_); }
-    own_network(const own_network &) = delete;
-    own_network &operator=(const own_network &) = delete;
-
-    // A bridge without members is an interface that one call makes.
-    bool add(const char *name) const { return is_there_ && ioctl(socket_, 0x89a0, name) == 0; }
-    bool remove(const char *name) const { return ioctl(socket_, 0x89a1, name) == 0; }
-    bool rename(const char *from, const char *to) const
-    {
-        ifreq request = {};
-        strcpy(request.ifr_name, from);
-        strcpy(request.ifr_newname, to);
-        return ioctl(socket_, SIOCSIFNAME, &request) == 0;
-    }
-
-  private:
-    int socket_ = -1;
-    bool is_there_ = false;
-};
 
 TEST(mapping, a_port_leads_to_its_interface_while_the_host_has_it)
 {

@@ -55,9 +55,9 @@ void build_card(made_machine &it, const std::string &bridge, const std::string &
         const std::string function = it.below(bridge, "00." + std::to_string(i), "020000");
         const std::string mac = "00:1b:21:00:00:0" + std::to_string(i);
         const std::string adapter = name + std::to_string(i);
-        it.port(function, 0, mac);
         it.expect(adapter, {.type = "network-adapter"});
-        it.expect(adapter + "/PORT0", {.type = "network-port", .serial = mac});
+        it.expect(adapter + "/PORT0",
+                  {.type = "network-port", .serial = mac, .interface = it.port(function, 0, mac)});
     }
     /* A share for a guest. */
     const std::string share = it.below(bridge, "02.0", "020000");
@@ -78,7 +78,8 @@ void build_shelf(made_machine &it)
     it.expect(name, {.type = "enclosure",
                      .serial = "SH-500304801f3b6c7f",
                      .model = "S4-24",
-                     .revision = "0105"});
+                     .revision = "0105",
+                     .maker = "SHELVES"});
     for (unsigned slot = 0; slot < 12; ++slot) {
         const std::string bay = name + "/HDD" + std::to_string(slot);
         const bool full = slot % 4 != 3;
@@ -87,7 +88,8 @@ void build_shelf(made_machine &it)
             const built drive{.type = "disk",
                               .serial = "ZA1000" + std::to_string(slot),
                               .model = "ST8000NM",
-                              .revision = "E004"};
+                              .revision = "E004",
+                              .maker = "MAKER"};
             device =
                 it.scsi(host, "end_device-" + number + ':' + std::to_string(slot), slot, drive);
             it.expect(bay + "/DISK", drive);
@@ -215,8 +217,10 @@ void build_workstation(made_machine &it)
     it.below(top, "0a.0", "060400"); /* nothing hangs below this one */
     it.expect("/SYS/MB/BRIDGE1.1-0", {.type = "io-module"});
     const std::string usb = it.pci("0000:00", "14.0", "0c0330");
-    it.port(usb + "/usb1/1-2/1-2.1/1-2.1:1.0", 0, "00:e0:4c:68:00:01");
-    it.expect("/SYS/MB/NET_USB2.1", {.type = "network-port", .serial = "00:e0:4c:68:00:01"});
+    it.expect("/SYS/MB/NET_USB2.1",
+              {.type = "network-port",
+               .serial = "00:e0:4c:68:00:01",
+               .interface = it.port(usb + "/usb1/1-2/1-2.1/1-2.1:1.0", 0, "00:e0:4c:68:00:01")});
     it.file("/sys/devices/virtual/block/loop0/size", "8\n");
     it.link("/sys/block/loop0", "/sys/devices/virtual/block/loop0");
     it.file("/sys/devices/virtual/net/lo/address", "00:00:00:00:00:00\n");
@@ -250,7 +254,8 @@ void build_laptop(made_machine &it)
     it.hwmon(battery, "BAT0", {{"in0_input", "12345"}});
     it.supply("AC", {{"type", "Mains"}, {"online", "0"}});
     it.supply("hidpp_battery_0", {{"type", "Battery"}, {"scope", "Device"}});
-    it.expect("/SYS/BAT0", {.type = "battery", .serial = "4711", .model = "45N1"});
+    it.expect("/SYS/BAT0",
+              {.type = "battery", .serial = "4711", .model = "45N1", .maker = "Cells"});
     it.expect("/SYS/BAT0/PRSNT", {.type = "presence-sensor", .reading = 2});
     it.expect("/SYS/BAT0/CHARGE", {.type = "usage-sensor", .reading = 87});
     it.expect("/SYS/BAT0/V", {.type = "voltage-sensor", .reading = 12.345});
@@ -303,9 +308,11 @@ void build_small_computer(made_machine &it)
     it.file(zone + "/temp", "48312\n");
     it.link("/sys/class/thermal/" + zone.substr(zone.rfind('/') + 1), zone);
     it.expect("/SYS/MB/P0/T_CPU-THERMAL", {.type = "temperature-sensor", .reading = 48.312});
-    it.port("/sys/devices/platform/scb/fd580000.ethernet", 0, "dc:a6:32:00:00:01");
+    const std::string mac = "dc:a6:32:00:00:01";
     it.expect("/SYS/MB/NET_FD580000.ETHERNET_0",
-              {.type = "network-port", .serial = "dc:a6:32:00:00:01"});
+              {.type = "network-port",
+               .serial = mac,
+               .interface = it.port("/sys/devices/platform/scb/fd580000.ethernet", 0, mac)});
     const std::string led = "/sys/devices/platform/leds/leds/ACT";
     it.file(led + "/brightness", "0\n");
     it.file(led + "/max_brightness", "255\n");
@@ -335,14 +342,21 @@ void build_node(made_machine &it)
         const std::string serial = "CPU-" + std::to_string(i);
         smbios_made::processor(table, 32, cpu, "Processor 7543", serial);
         it.expect("/SYS/MB/" + cpu, {.type = "cpu-socket"});
-        it.expect("/SYS/MB/" + cpu + "/CPU",
-                  {.type = "processor", .serial = serial, .model = "Processor 7543 (PN-1)"});
+        it.expect("/SYS/MB/" + cpu + "/CPU", {.type = "processor",
+                                              .serial = serial,
+                                              .model = "Processor 7543 (PN-1)",
+                                              .maker = "Chipmaker"});
     }
-    it.expect("/SYS/MB", {.type = "system-board", .serial = "NODE-3-BOARD", .model = "Nodeboard"});
-    it.expect("/SYS/MIDPLANE", {.type = "backplane", .serial = "MID-1", .model = "Midplane"});
-    it.expect("/SYS/CHASSIS", {.type = "enclosure", .serial = "CHASSIS-OF-FOUR"});
+    it.expect("/SYS/MB", {.type = "system-board",
+                          .serial = "NODE-3-BOARD",
+                          .model = "Nodeboard",
+                          .maker = "Boardmaker"});
+    it.expect("/SYS/MIDPLANE",
+              {.type = "backplane", .serial = "MID-1", .model = "Midplane", .maker = "Boardmaker"});
+    it.expect("/SYS/CHASSIS", {.type = "enclosure", .serial = "CHASSIS-OF-FOUR", .maker = "Maker"});
     /* The second of that name has its handle in it. */
-    it.expect("/SYS/CHASSIS_H0012", {.type = "enclosure", .serial = "NODE-3-TRAY"});
+    it.expect("/SYS/CHASSIS_H0012",
+              {.type = "enclosure", .serial = "NODE-3-TRAY", .maker = "Maker"});
     table.end();
     it.file("/sys/firmware/dmi/tables/DMI", table.table);
     it.file("/sys/firmware/dmi/tables/smbios_entry_point", table.entry_point(3, 2));

@@ -242,7 +242,8 @@ void made_machine::hwmon(const std::string &device, const std::string &chip, con
     link("/sys/class/hwmon/" + name, path);
 }
 
-void made_machine::port(const std::string &device, unsigned number, const std::string &address)
+std::string made_machine::port(const std::string &device, unsigned number,
+                               const std::string &address)
 {
     const std::string name = counted("eth");
     const std::string path = device + "/net/" + name;
@@ -252,6 +253,7 @@ void made_machine::port(const std::string &device, unsigned number, const std::s
     file(path + "/type", "1\n");
     link(path + "/device", device);
     link("/sys/class/net/" + name, path);
+    return name;
 }
 
 void made_machine::processors(unsigned packages, unsigned cores, const std::string &model) const

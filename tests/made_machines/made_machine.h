@@ -24,6 +24,9 @@ struct built {
     std::optional<double> reading{}; /* of a sensor or an indicator, as a description
                                         has it: 2 is true and lit */
     std::map<std::string, double> limits{};
+    std::string maker{}; /* empty: whatever it is */
+    std::string interface {
+    }; /* of a port, as the kernel calls it */
 };
 
 using texts = std::vector<std::pair<std::string, std::string>>;
@@ -64,7 +67,8 @@ class made_machine
     void bay(const std::string &shelf, unsigned slot, const std::string &drive, int fault,
              int locate) const;
     void hwmon(const std::string &device, const std::string &chip, const texts &files);
-    void port(const std::string &device, unsigned number, const std::string &address);
+    /* What the kernel calls it. */
+    std::string port(const std::string &device, unsigned number, const std::string &address);
     void processors(unsigned packages, unsigned cores, const std::string &model) const;
     std::string supply(const std::string &name, const texts &files) const;
 

@@ -91,6 +91,10 @@ void expect_as_built(const built &expected, const platform::component &found)
         EXPECT_EQ(expected.model, fru.model);
     }
     EXPECT_EQ(expected.revision, fru.software_revision);
+    if (!expected.maker.empty()) {
+        EXPECT_EQ(expected.maker, fru.manufacturer);
+    }
+    EXPECT_EQ(expected.interface, found.interface);
     if (found.sensor != nullptr) {
         const auto reading = value_of(found.sensor->reading);
         EXPECT_EQ(expected.reading.has_value(), reading.has_value());
@@ -295,8 +299,9 @@ TEST(network, a_port_of_a_bond_has_its_own_address)
     machine.file(adapter + "/net/eth0/bonding_slave/perm_hwaddr", "00:1b:21:00:00:01\n");
     machine.file(adapter + "/net/eth1/addr_assign_type", "1\n");
     machine.expect("/SYS/MB/NET3.0", {.type = "network-adapter"});
-    machine.expect("/SYS/MB/NET3.0/PORT0", {.type = "network-port", .serial = "00:1b:21:00:00:01"});
-    machine.expect("/SYS/MB/NET3.0/PORT1", {.type = "network-port"});
+    machine.expect("/SYS/MB/NET3.0/PORT0",
+                   {.type = "network-port", .serial = "00:1b:21:00:00:01", .interface = "eth0"});
+    machine.expect("/SYS/MB/NET3.0/PORT1", {.type = "network-port", .interface = "eth1"});
     expect_as_built(machine);
 }
 
@@ -318,10 +323,11 @@ TEST(cages, of_ports_hold_what_is_plugged_and_are_there_without_it)
     made_machine machine;
     const std::string adapter = machine.pci("0000:00", "03.0", "020000");
     for (unsigned i = 0; i < 4; ++i) {
-        machine.port(adapter, i, "02:00:00:00:00:0" + std::to_string(i));
-        const std::string port = "/SYS/MB/NET3.0/PORT" + std::to_string(i);
-        machine.expect(port,
-                       {.type = "network-port", .serial = "02:00:00:00:00:0" + std::to_string(i)});
+        const std::string address = "02:00:00:00:00:0" + std::to_string(i);
+        machine.expect("/SYS/MB/NET3.0/PORT" + std::to_string(i),
+                       {.type = "network-port",
+                        .serial = address,
+                        .interface = machine.port(adapter, i, address)});
     }
     machine.expect("/SYS/MB/NET3.0", {.type = "network-adapter"});
     const auto expect_cage = [&](const std::string &port, bool plugged) {
