@@ -17,7 +17,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <iostream>
 #include <limits>
 #include <sstream>
@@ -221,7 +220,7 @@ long most_memory_of(pid_t process)
 
 } // namespace
 
-TEST(describe_watch, of_250_components_holds_less_than_20_megabytes_and_looks_in_150_milliseconds)
+TEST(describe_watch, of_250_components_holds_less_than_20_megabytes)
 {
     if (KAVPLAT_SANITIZED) {
         GTEST_SKIP() << "a sanitizer takes memory and time of its own";
@@ -242,23 +241,14 @@ TEST(describe_watch, of_250_components_holds_less_than_20_megabytes_and_looks_in
 
     kavplat_describe::options asked;
     asked.root = machine.root();
-    std::clock_t quickest = std::numeric_limits<std::clock_t>::max();
-    std::string text;
-    for (int i = 0; i < 5; i++) {
-        const std::clock_t begin = std::clock();
-        text = kavplat_describe::describe(asked).text;
-        quickest = std::min(quickest, std::clock() - begin);
-    }
+    const std::string text = kavplat_describe::describe(asked).text;
     EXPECT_EQ(read_file(here / "server.json"), text);
-    const long milliseconds = quickest * 1000 / CLOCKS_PER_SEC;
-    EXPECT_LT(milliseconds, 150);
     size_t components = 0;
     for (size_t at = 0; (at = text.find("\"name\":", at)) != std::string::npos; at++) {
         components++;
     }
     EXPECT_GE(components, 250U);
-    std::cout << components << " components: " << memory << " KiB at most, " << milliseconds
-              << " ms of processor for a look\n";
+    std::cout << components << " components: " << memory << " KiB at most\n";
 }
 
 TEST(describe_watch, writes_the_file_tells_that_it_is_ready_and_ends_on_terminate)

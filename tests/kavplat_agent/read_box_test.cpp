@@ -70,6 +70,7 @@ const entity &named(const box &all, const string &name)
 const agent_options rack = {
     .description = "servers/rack-2u.json",
     .configuration = "dlmod entitySensorMIB " KAVPLAT_MODULE "\n"
+                     "dlmod entityStateMIB " KAVPLAT_MODULE "\n"
                      "rocommunity system 127.0.0.1 .1.3.6.1.2.1.1\n"
                      "rocommunity nothing 127.0.0.1 .1.3.6.1.2.1.11\n"
                      "createUser reader SHA-256 \"the pass phrase\" AES \"the other phrase\"\n"
