@@ -33,7 +33,7 @@ echo '{ "components": [] }' >"$scratch/bad.json"
 expect 0 out '^ *check ' --help
 silent err
 expect 2 err 'subcommand is required'
-expect 2 err '^There is no subcommand no-such-command; there are describe .* set$' no-such-command
+expect 2 err '^There is no subcommand no-such-command; there are describe .* help$' no-such-command
 expect 0 out '^Usage: kavplat conformance' conformance --help
 expect 0 out '^Usage: kavplat check' check --help
 silent err

@@ -35,6 +35,7 @@ for argument in "$@"; do
     icinga2-bin) command=icinga2 ;;
     php-cli) command=php ;;
     openipmi) command=ipmi_sim ;;
+    poppler-utils) command=pdfinfo ;;
     *) command=$argument ;;
     esac
     echo "$argument" >>"$KAVPLAT_INSTALLED"
