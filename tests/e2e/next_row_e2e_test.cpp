@@ -102,7 +102,7 @@ bool tells_a_time(const object_name &name)
                                                {1, 3, 6, 1, 2, 1, 99, 1, 1, 1, 7},
                                                {1, 3, 6, 1, 2, 1, 131, 1, 1, 1, 1}}};
     return std::ranges::any_of(those, [&](const object_name &each) {
-        return std::ranges::search(name, each).begin() == name.begin();
+        return name.size() >= each.size() && std::equal(each.begin(), each.end(), name.begin());
     });
 }
 
