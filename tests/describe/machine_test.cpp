@@ -122,6 +122,38 @@ TEST(machine, one_component_less_leaves_all_others_their_names)
     }
 }
 
+TEST(machine, of_one_label_the_end_of_the_path_tells_which_it_is_and_never_a_count)
+{
+    const json one = made_of(
+        {{"T", "/sys/devices/pci0000:00/0000:00:1a.3/hwmon/hwmon2", "a"},
+         {"T", "/sys/devices/pci0000:00/0000:00:18.3/hwmon/hwmon3", "b"},
+         {"T", "/sys/devices/pci0000:00/0000:00:1c.4/0000:3b:00.0/i2c-1/1-001a/hwmon/hwmon4", "c"},
+         {"T", "/sys/devices/pci0000:00/0000:00:1c.4/0000:3b:00.0/i2c-1/1-0018/hwmon/hwmon5", "d"},
+         {"U", "/sys/devices/platform/nct6775.2592/hwmon/hwmon7", "e"},
+         {"U", "/sys/devices/platform/nct6775.656/hwmon/hwmon6", "g"}});
+    const json other = made_of(
+        {{"T", "/sys/devices/pci0000:00/0000:00:1a.3/hwmon/hwmon12", "a"},
+         {"T", "/sys/devices/pci0000:00/0000:00:18.3/hwmon/hwmon10", "b"},
+         {"T", "/sys/devices/pci0000:00/0000:00:1c.4/0000:3c:00.0/i2c-3/3-001a/hwmon/hwmon2", "c"},
+         {"T", "/sys/devices/pci0000:00/0000:00:1c.4/0000:3c:00.0/i2c-3/3-0018/hwmon/hwmon9", "d"},
+         {"U", "/sys/devices/platform/nct6775.2592/hwmon/hwmon4", "e"},
+         {"U", "/sys/devices/platform/nct6775.656/hwmon/hwmon5", "g"}});
+    EXPECT_EQ(to_text(one), to_text(other));
+    std::map<std::string, std::string> serials;
+    for (const json &each : one["components"]) {
+        serials[each["name"]] = each.value("fru", json::object()).value("serial", "");
+    }
+    EXPECT_EQ((std::map<std::string, std::string>{{"/SYS", ""},
+                                                  {"/SYS/MB", ""},
+                                                  {"/SYS/MB/T", "b"},
+                                                  {"/SYS/MB/T_1A.3", "a"},
+                                                  {"/SYS/MB/T_1C.4-0_001A", "c"},
+                                                  {"/SYS/MB/T_1C.4-0_0018", "d"},
+                                                  {"/SYS/MB/U", "g"},
+                                                  {"/SYS/MB/U_NCT6775.2592", "e"}}),
+              serials);
+}
+
 TEST(machine, labels_are_parts_of_names)
 {
     EXPECT_EQ("PROC_1_DIMM_3", label_of("Proc 1 DIMM 3 "));

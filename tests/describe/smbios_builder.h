@@ -175,12 +175,25 @@ inline uint16_t memory(smbios_builder &into, int version, const std::string &loc
 }
 
 inline uint16_t slot(smbios_builder &into, int version, const std::string &designation, uint8_t bus,
-                     uint8_t device_and_function)
+                     uint8_t device_and_function, uint8_t kind = 0xa5)
 {
     return into.add(
         9, length_in(version, {{20, 0x0c}, {21, 0x0d}, {26, 0x11}}),
-        {{5, 1, 0xa5}, {7, 1, 4}, {0x0d, 2, 0}, {0x0f, 1, bus}, {0x10, 1, device_and_function}},
+        {{5, 1, kind}, {7, 1, 4}, {0x0d, 2, 0}, {0x0f, 1, bus}, {0x10, 1, device_and_function}},
         {{4, designation}});
+}
+
+inline uint16_t onboard(smbios_builder &into, const std::string &designation, uint8_t kind,
+                        uint8_t instance, uint8_t bus, uint8_t device_and_function,
+                        bool enabled = true)
+{
+    return into.add(41, 0x0b,
+                    {{5, 1, enabled ? 0x80U | kind : kind},
+                     {6, 1, instance},
+                     {7, 2, 0},
+                     {9, 1, bus},
+                     {0x0a, 1, device_and_function}},
+                    {{4, designation}});
 }
 
 inline uint16_t power_supply(smbios_builder &into, const std::string &location,

@@ -348,6 +348,60 @@ TEST(smbios, boards_lie_in_each_other_as_they_say)
     EXPECT_EQ("B-2", fru(all, "/SYS/NODE_2", "serial"));
 }
 
+TEST(smbios, devices_of_one_designation_are_told_apart_by_the_number_that_the_board_gives_them)
+{
+    constexpr uint8_t video = 3, ethernet = 5, sata = 9, flash = 0x0e, nvme = 0x0f;
+    for (const bool first_is_on : {true, false}) {
+        for (const uint8_t bus :
+             {uint8_t{0x3b}, uint8_t{0x3c}}) { // another one when a card is added
+            const machine_files files;
+            smbios_builder made;
+            smbios_made::onboard(made, "Onboard LAN", ethernet, 1, bus, 0, first_is_on);
+            smbios_made::onboard(made, "Onboard LAN", ethernet, 2, bus, 1);
+            smbios_made::onboard(made, "SATA", sata, 1, 0, 0xb8);
+            smbios_made::onboard(made, "SATA", sata, 1, 0, 0xb9);
+            smbios_made::onboard(made, "Video", video, 1, 0, 0x10);
+            smbios_made::onboard(made, "NVMe", nvme, 1, 0xff, 0xff);
+            smbios_made::onboard(made, "Flash", flash, 1, 0xff, 0xff);
+            smbios_made::onboard(made, "Sound", 7, 0, 0xff, 0xff);
+            smbios_made::onboard(made, "Sound", 7, 0, 0xff, 0xff);
+            made.end();
+            files.put(made, 3, 2);
+            const json all = files.described();
+            EXPECT_EQ(first_is_on, named(all, "/SYS/MB/ONBOARD_LAN_1") != nullptr);
+            EXPECT_EQ("network-adapter", type_of(all, "/SYS/MB/ONBOARD_LAN_2"));
+            EXPECT_EQ("storage-controller", type_of(all, "/SYS/MB/SATA_0"));
+            EXPECT_EQ("storage-controller", type_of(all, "/SYS/MB/SATA_1"));
+            EXPECT_EQ("accelerator", type_of(all, "/SYS/MB/VIDEO"));
+            EXPECT_EQ("storage-controller", type_of(all, "/SYS/MB/NVME"));
+            EXPECT_EQ("storage-controller", type_of(all, "/SYS/MB/FLASH"));
+            EXPECT_NE(nullptr, named(all, "/SYS/MB/SOUND"));
+            EXPECT_NE(nullptr, named(all, "/SYS/MB/SOUND_H0018"));
+        }
+    }
+}
+
+TEST(smbios, slots_are_what_fits_into_them)
+{
+    const std::pair<uint8_t, const char *> kinds[] = {
+        {0x1f, "drive-bay"}, {0x20, "drive-bay"},           {0x24, "drive-bay"},
+        {0x25, "drive-bay"}, {0xc5, "drive-bay"},           {0xc6, "drive-bay"},
+        {0x16, "m2-slot"},   {0x21, "mezzanine-slot"},      {0x23, "mezzanine-slot"},
+        {0xa5, "pcie-slot"}, {0x26, "network-module-slot"}, {0x28, "network-module-slot"},
+        {0xc4, "pcie-slot"}};
+    const machine_files files;
+    smbios_builder made;
+    for (const auto &[kind, unused] : kinds) {
+        smbios_made::slot(made, 26, "S" + std::to_string(kind), 0xff, 0xff, kind);
+    }
+    made.end();
+    files.put(made, 3, 5);
+    const json all = files.described();
+    for (const auto &[kind, type] : kinds) {
+        EXPECT_EQ(type, type_of(all, "/SYS/MB/S" + std::to_string(kind)));
+    }
+}
+
 TEST(smbios, a_broken_table_costs_what_stands_behind_the_break_and_a_line)
 {
     const smbios_builder whole = rack_server(30);

@@ -107,38 +107,145 @@ void build_shelf(made_machine &it)
             {.type = "disk", .serial = "ARRAY", .model = "Array", .revision = "1"});
 }
 
-void build_server(made_machine &it)
+/* As the kernel shows the memory controller's counters of a module. */
+void add_error_counters(const made_machine &it, const std::string &module, const std::string &label,
+                        const std::string &location, const std::string &uncorrected,
+                        const std::string &corrected)
+{
+    const std::string path = "/sys/devices/system/edac/mc/mc0/" + module + '/';
+    it.file(path + "dimm_label", label + '\n');
+    it.file(path + "dimm_location", location + '\n');
+    it.file(path + "size", "32768\n");
+    it.file(path + "dimm_ue_count", uncorrected + '\n');
+    it.file(path + "dimm_ce_count", corrected + '\n');
+}
+
+void expect_errors(made_machine &it, const std::string &module, const std::string &suffix,
+                   double uncorrected, double corrected)
+{
+    it.expect(module + "/UE" + suffix,
+              {.type = "fault-sensor", .reading = uncorrected, .limits = {{"upper_critical", 1}}});
+    it.expect(module + "/CE" + suffix, {.type = "predictive-sensor",
+                                        .reading = corrected,
+                                        .limits = {{"upper_non_critical", 50}}});
+}
+
+/* The bus of a device, and its number and function there, as firmware writes them. */
+std::pair<uint8_t, uint8_t> firmware_address(const std::string &device)
+{
+    const std::string address = device.substr(device.rfind('/') + 1);
+    const auto number = [&address](size_t at, size_t digits) {
+        return std::stoul(address.substr(at, digits), nullptr, 16);
+    };
+    return {static_cast<uint8_t>(number(5, 2)),
+            static_cast<uint8_t>(number(8, 2) << 3U | number(11, 1))};
+}
+
+void build_sockets(made_machine &it, smbios_builder &table)
 {
     it.processors(2, 4, "Processor 6230R");
     for (unsigned i = 0; i < 2; ++i) {
-        const std::string name = "/SYS/MB/P" + std::to_string(i);
-        it.expect(name, {.type = "processor", .model = "Processor 6230R"});
+        const std::string socket = "CPU" + std::to_string(i + 1);
+        const std::string name = "/SYS/MB/" + socket;
+        const built processor{.type = "processor",
+                              .serial = "P-" + std::to_string(i),
+                              .model = "Processor 6230R (PN-1)"};
+        smbios_made::processor(table, 32, socket, "Processor 6230R", processor.serial);
+        it.expect(name, {.type = "cpu-socket"});
+        it.expect(name + "/CPU", processor);
         it.hwmon("/sys/devices/platform/coretemp." + std::to_string(i), "coretemp", core_sensors);
-        expect_cores(it, name);
+        expect_cores(it, name + "/CPU");
+        for (const char *place : {"A1", "A10", "A2"}) {
+            const std::string slot = name + "/DIMM_" + place;
+            const bool full = std::string(place) != "A2";
+            const std::string serial = "M-" + std::to_string(i) + place;
+            smbios_made::memory(table, 32, socket + "_DIMM_" + place, "", full ? 32768 : 0, serial);
+            it.expect(slot, {.type = "dimm-slot"});
+            if (full) {
+                it.expect(slot + "/DIMM",
+                          {.type = "memory-module", .serial = serial, .model = "MM-32"});
+            }
+        }
     }
+    /* One by its locator, which begins as another's does; one that the driver calls otherwise. */
+    add_error_counters(it, "dimm0", "CPU2_DIMM_A10", "channel 0 slot 0", "3", "60");
+    add_error_counters(it, "dimm1", "CPU_SrcID#0_Chan#1_DIMM#0", "channel 1 slot 0", "0", "7");
+    expect_errors(it, "/SYS/MB/CPU2/DIMM_A10/DIMM", "", 3, 60);
+    expect_errors(it, "/SYS/MB", "_MC0_CHANNEL_1_SLOT_0", 0, 7);
+}
+
+/* Half of the bays are known to the kernel alone, the others to both. */
+void build_bays(made_machine &it, smbios_builder &table)
+{
+    constexpr uint8_t u2 = 0x25;
     for (unsigned i = 0; i < 8; ++i) {
         const std::string bridge = it.pci("0000:17", "0" + std::to_string(i) + ".0", "060400");
         const std::string drive = it.below(bridge, "00.0", "010802");
-        const std::string slot = std::to_string(20 + i);
-        it.slot(slot, drive, true);
-        build_nvme(it, drive, "/SYS/MB/SLOT" + slot + "/NVME0", i);
+        const std::string number = std::to_string(20 + i);
+        const bool in_table = i % 2 == 1;
+        if (in_table) {
+            const auto [bus, place] = firmware_address(drive);
+            smbios_made::slot(table, 32, "NVMe Bay " + number, bus, place, u2);
+        }
+        const std::string name = (in_table ? "/SYS/MB/NVME_BAY_" : "/SYS/MB/SLOT") + number;
+        it.slot(number, drive, true, name, in_table ? "drive-bay" : "pcie-slot");
+        build_nvme(it, drive, name + "/NVME0", i);
     }
+}
+
+void build_onboard_ports(made_machine &it, smbios_builder &table)
+{
+    constexpr uint8_t ethernet = 5;
+    const std::string bridge = it.pci("0000:00", "1c.0", "060400");
+    for (unsigned i = 0; i < 2; ++i) {
+        const std::string adapter = it.below(bridge, "00." + std::to_string(i), "020000");
+        const auto [bus, place] = firmware_address(adapter);
+        smbios_made::onboard(table, "Onboard LAN", ethernet, static_cast<uint8_t>(i + 1), bus,
+                             place);
+        const std::string name = "/SYS/MB/ONBOARD_LAN_" + std::to_string(i + 1);
+        const std::string mac = "00:1b:21:00:01:0" + std::to_string(i);
+        it.expect(name, {.type = "network-adapter"});
+        it.expect(name + "/PORT0",
+                  {.type = "network-port", .serial = mac, .interface = it.port(adapter, 0, mac)});
+    }
+}
+
+void build_server(made_machine &it)
+{
+    smbios_builder table;
+    smbios_made::system(table, 32, "Maker", "Server 2", "SERVER-1");
+    smbios_made::board(table, "Serverboard", "BOARD-1");
+    it.expect("/SYS/MB", {.type = "system-board", .serial = "BOARD-1", .model = "Serverboard"});
+    build_sockets(it, table);
+    build_bays(it, table);
+    build_onboard_ports(it, table);
     build_shelf(it);
-    const std::string bridge = it.pci("0000:85", "02.0", "060400");
-    it.slot("4", bridge, false);
-    build_card(it, bridge, "/SYS/MB/SLOT4/NET");
-    const std::string errors = "/sys/devices/system/edac/mc/mc0/dimm0/";
-    it.file(errors + "dimm_label", "CPU_SrcID#0_Chan#0_DIMM#0\n");
-    it.file(errors + "dimm_location", "channel 0 slot 0\n");
-    it.file(errors + "size", "32768\n");
-    it.file(errors + "dimm_ue_count", "3\n");
-    it.file(errors + "dimm_ce_count", "60\n");
-    const std::string module = "/SYS/MB/DIMM_MC0_CHANNEL_0_SLOT_0";
-    it.expect(module, {.type = "memory-module"});
-    it.expect(module + "/UE",
-              {.type = "fault-sensor", .reading = 3, .limits = {{"upper_critical", 1}}});
-    it.expect(module + "/CE",
-              {.type = "predictive-sensor", .reading = 60, .limits = {{"upper_non_critical", 50}}});
+    /* A slot that firmware names by the card in it, one by the port above, an empty one. */
+    const std::string card = it.pci("0000:85", "02.0", "060400");
+    build_card(it, card, "/SYS/MB/PCIE_SLOT_4/NET");
+    const std::string port = it.pci("0000:85", "03.0", "060400");
+    it.below(port, "00.0", "120000");
+    it.expect("/SYS/MB/PCIE_SLOT_5/ACC0", {.type = "accelerator"});
+    for (const auto &[number, device] :
+         {std::pair(4, it.first_below(card)), {5, port}, {6, std::string()}}) {
+        const auto [bus, place] =
+            device.empty() ? std::pair<uint8_t, uint8_t>(0xff, 0xff) : firmware_address(device);
+        smbios_made::slot(table, 32, "PCIe Slot " + std::to_string(number), bus, place);
+        it.expect("/SYS/MB/PCIE_SLOT_" + std::to_string(number), {.type = "pcie-slot"});
+    }
+    for (const char *number : {"1", "2"}) {
+        const std::string name = std::string("/SYS/PSU") + number;
+        const built supply{.type = "power-supply",
+                           .serial = std::string("PS-") + number,
+                           .model = "S-750",
+                           .revision = "01A"};
+        smbios_made::power_supply(table, std::string("PSU") + number, supply.serial, true);
+        it.expect(name, {.type = "psu-bay"});
+        it.expect(name + "/PS", supply);
+    }
+    table.end();
+    it.file("/sys/firmware/dmi/tables/DMI", table.table);
+    it.file("/sys/firmware/dmi/tables/smbios_entry_point", table.entry_point(3, 2));
 }
 
 } // namespace
@@ -216,6 +323,11 @@ void build_workstation(made_machine &it)
     }
     it.below(top, "0a.0", "060400"); /* nothing hangs below this one */
     it.expect("/SYS/MB/BRIDGE1.1-0", {.type = "io-module"});
+    /* Of modules that no table tells of. */
+    add_error_counters(it, "dimm0", "CPU_SrcID#0_Chan#0_DIMM#0", "channel 0 slot 0", "3", "60");
+    const std::string module = "/SYS/MB/DIMM_MC0_CHANNEL_0_SLOT_0";
+    it.expect(module, {.type = "memory-module"});
+    expect_errors(it, module, "", 3, 60);
     const std::string usb = it.pci("0000:00", "14.0", "0c0330");
     it.expect("/SYS/MB/NET_USB2.1",
               {.type = "network-port",

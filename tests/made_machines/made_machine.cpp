@@ -122,18 +122,25 @@ std::string made_machine::below(const std::string &bridge, const std::string &nu
     return add_pci(bridge + "/0000:" + bus + ':' + number, type);
 }
 
-void made_machine::slot(const std::string &name, const std::string &device, bool hot_plug)
+std::string made_machine::first_below(const std::string &bridge) const
 {
+    return bridge + "/0000:" + buses_.at(bridge) + ":00.0";
+}
+
+void made_machine::slot(const std::string &name, const std::string &device, bool hot_plug,
+                        const std::string &as, const std::string &type)
+{
+    const std::string described = as.empty() ? "/SYS/MB/SLOT" + name : as;
     const std::string path = "/sys/bus/pci/slots/" + name;
     const std::string address = last_part(device);
     file(path + "/address", address.substr(0, address.size() - 2) + '\n');
-    expect("/SYS/MB/SLOT" + name, {.type = "pcie-slot"});
+    expect(described, {.type = type});
     if (hot_plug) {
         file(path + "/adapter", "1\n");
         file(path + "/power", "1\n");
         file(path + "/attention", "0\n");
-        expect("/SYS/MB/SLOT" + name + "/PRSNT", {.type = "presence-sensor", .reading = 2});
-        expect("/SYS/MB/SLOT" + name + "/ATTENTION", {.type = "led", .reading = 1});
+        expect(described + "/PRSNT", {.type = "presence-sensor", .reading = 2});
+        expect(described + "/ATTENTION", {.type = "led", .reading = 1});
     }
 }
 

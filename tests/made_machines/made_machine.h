@@ -56,7 +56,10 @@ class made_machine
                     const std::string &type);
     std::string below(const std::string &bridge, const std::string &number,
                       const std::string &type);
-    void slot(const std::string &name, const std::string &device, bool hot_plug);
+    std::string first_below(const std::string &bridge) const;
+    /* as: what it is in the description; empty: as the kernel alone knows it. */
+    void slot(const std::string &name, const std::string &device, bool hot_plug,
+              const std::string &as = "", const std::string &type = "pcie-slot");
 
     std::string nvme(const std::string &device, const built &drive);
     std::string sata(const std::string &controller, unsigned port, const built &drive);

@@ -270,6 +270,84 @@ TEST(drives, are_identified_by_udev_where_the_kernel_says_less)
     expect_as_built(machine);
 }
 
+TEST(drives, are_named_by_the_links_on_the_way_and_not_by_what_they_say_of_themselves)
+{
+    made_machine machine;
+    const built drive{.type = "disk", .serial = "S1", .model = "M1", .revision = "R1"};
+    const std::string host = machine.pci("0000:00", "03.0", "010700") + "/host0";
+    const auto add = [&](const std::string &port, const std::string &name, unsigned target,
+                         const char *address) {
+        machine.scsi(host, port + '/' + name, target, drive);
+        const std::string link = host + '/' + port + '/' + name + "/sas_device/" + name + '/';
+        machine.file(link + "sas_address", std::string("0x") + address + '\n');
+        return link;
+    };
+    add("port-0:0", "end_device-0:0", 1, "5000c500a1b2c3d5");
+    machine.directory(host + "/port-0:0/phy-0:6");
+    machine.directory(host + "/port-0:0/phy-0:5");
+    machine.file(add("port-0:1", "end_device-0:1", 2, "5000c500a1b2c3d9") + "phy_identifier", "2");
+    const std::string expander = "port-0:2/expander-0:0";
+    machine.file(host + '/' + expander + "/sas_device/expander-0:0/phy_identifier", "4\n");
+    machine.directory(host + '/' + expander + "/port-0:0:9/phy-0:0:7");
+    add(expander + "/port-0:0:9", "end_device-0:0:9", 3, "5000c500a1b2c3e1");
+    machine.file(add("port-0:3", "end_device-0:3", 4, "5000c500a1b2c3ef") + "phy_identifier",
+                 "255\n");
+    machine.expect("/SYS/MB/HBA3.0", {.type = "storage-controller"});
+    for (const char *place : {"PHY5", "PHY2", "PHY4-7", "5000C500A1B2C3EF"}) {
+        machine.expect(std::string("/SYS/MB/HBA3.0/DISK_") + place, drive);
+    }
+    expect_as_built(machine);
+}
+
+TEST(drives, that_the_board_lists_are_not_there_twice)
+{
+    made_machine machine;
+    constexpr uint8_t video = 3, other = 1, nvme = 0x0f, u2 = 0x20;
+    constexpr uint8_t at_1c = 0x1c << 3, at_1d = 0x1d << 3, at_02 = 2 << 3, at_1f = 0x1f << 3;
+    smbios_builder table;
+    smbios_made::slot(table, 26, "U.2 Bay 0", 0, at_1c, u2);
+    smbios_made::onboard(table, "Onboard NVMe", nvme, 1, 0, at_1d);
+    smbios_made::onboard(table, "Onboard VGA", video, 1, 0, at_02);
+    smbios_made::onboard(table, "Onboard LAN", other, 1, 0, at_1f);
+    table.end();
+    machine.file("/sys/firmware/dmi/tables/DMI", table.table);
+    machine.expect("/SYS/MB/U.2_BAY_0", {.type = "drive-bay"});
+    build_nvme(machine, machine.pci("0000:00", "1c.0", "010802"), "/SYS/MB/U.2_BAY_0/NVME0", 1);
+    build_nvme(machine, machine.pci("0000:00", "1d.0", "010802"), "/SYS/MB/ONBOARD_NVME", 2);
+    machine.pci("0000:00", "02.0", "030000");
+    machine.expect("/SYS/MB/ONBOARD_VGA", {.type = "accelerator"});
+    const std::string mac = "02:00:00:00:00:01";
+    machine.expect("/SYS/MB/ONBOARD_LAN", {.type = "network-adapter"});
+    machine.expect("/SYS/MB/ONBOARD_LAN/PORT0",
+                   {.type = "network-port",
+                    .serial = mac,
+                    .interface = machine.port(machine.pci("0000:00", "1f.0", "020000"), 0, mac)});
+    expect_as_built(machine);
+}
+
+TEST(cards, are_there_whatever_bus_they_serve_and_without_a_driver_too)
+{
+    made_machine machine;
+    const std::pair<const char *, const char *> kinds[] = {{"0c0400", "HBA"},
+                                                           {"0c0600", "NET"},
+                                                           {"010802", "NVME"},
+                                                           {"120000", "ACC"},
+                                                           {"0c0500", ""}};
+    int number = 0x10;
+    for (const auto &[kind, stem] : kinds) {
+        char device[8];
+        std::snprintf(device, sizeof device, "%02x.0", number++);
+        machine.pci("0000:00", device, kind);
+        if (*stem != '\0') {
+            machine.expect(std::string("/SYS/MB/") + stem + device,
+                           {.type = *stem == 'N' && stem[1] == 'E' ? "network-adapter"
+                                    : *stem == 'A'                 ? "accelerator"
+                                                                   : "storage-controller"});
+        }
+    }
+    expect_as_built(machine);
+}
+
 TEST(cards, have_no_alias_that_is_their_model_once_more)
 {
     made_machine machine;
@@ -411,6 +489,15 @@ TEST(sensors, have_the_kernel_s_units_and_the_limits_that_make_sense)
           limits{{"lower_non_critical", 11.4},
                  {"upper_non_critical", 12.6},
                  {"upper_critical", 12.6}}}},
+        {"in1",
+         {{"input", "-12000"}, {"min", "-13200"}, {"max", "-10800"}},
+         "V",
+         {"voltage-sensor", "", "", "", -12,
+          limits{{"lower_non_critical", -13.2}, {"upper_non_critical", -10.8}}}},
+        {"temp1",
+         {{"input", "1000"}, {"max", "-5000"}},
+         "T",
+         {"temperature-sensor", "", "", "", 1, {}}},
         {"curr1", {{"input", "250"}, {"max", "0"}}, "I", {"current-sensor", "", "", "", 0.25, {}}},
         {"power1",
          {{"average", "65500000"}, {"crit", "250000000"}},
@@ -606,12 +693,86 @@ TEST(sensors, of_a_memory_module_are_on_the_one_with_that_serial_number)
             found.insert(each.name);
         }
     }
-    EXPECT_EQ((std::set<std::string>{"/SYS/MB/A1/DIMM/T_1", "/SYS/MB/A2/DIMM/T_1",
-                                     "/SYS/MB/A3/DIMM/T_1", "/SYS/MB/T_JC42-001A_1",
-                                     "/SYS/MB/T_JC42-001B_1", "/SYS/MB/T_JC42-001C_1",
-                                     "/SYS/MB/T_JC42-001D_1", "/SYS/MB/T_JC42-001E_1",
-                                     "/SYS/MB/T_LM75-0048_1", "/SYS/MB/T_SPD5118-0058_1"}),
-              found);
+    EXPECT_EQ(
+        (std::set<std::string>{"/SYS/MB/A1/DIMM/T_1", "/SYS/MB/A2/DIMM/T_1", "/SYS/MB/A3/DIMM/T_1",
+                               "/SYS/MB/T_JC42-1F.4-001A_1", "/SYS/MB/T_JC42-1F.4-001B_1",
+                               "/SYS/MB/T_JC42-1F.4-001C_1", "/SYS/MB/T_JC42-1F.4-001D_1",
+                               "/SYS/MB/T_JC42-1F.4-001E_1", "/SYS/MB/T_LM75-1F.4-0048_1",
+                               "/SYS/MB/T_SPD5118-1F.4-0058_1"}),
+        found);
+}
+
+/* Sensors of one kind at one address, on every sort of bus. */
+struct alike {
+    const char *name;
+    std::string device;
+};
+
+std::vector<alike> build_alike(made_machine &machine)
+{
+    const auto bus = [&machine](const std::string &above, const std::string &name) {
+        const std::string path = above + '/' + machine.counted("i2c-");
+        machine.file(path + "/name", name + '\n');
+        return path;
+    };
+    const auto at = [](const std::string &path, const char *address) {
+        return path + '/' + path.substr(path.rfind('-') + 1) + '-' + address;
+    };
+    const std::string both = machine.pci("0000:00", "14.0", "0c0500");
+    const std::string single = machine.pci("0000:00", "1f.4", "0c0500");
+    const std::string main = bus(single, "SMBus I801 adapter at efa0");
+    const std::string mux = at(main, "0070");
+    const std::string prefix = main.substr(main.rfind('/') + 1) + "-mux (chan_id ";
+    const std::string board = bus("/sys/devices/platform/soc/fe804000.i2c", "bcm2835");
+    std::vector<alike> all = {
+        {"JC42-14.0-SMBUS_PIIX4_ADAPTER_PORT_0-0018",
+         at(bus(both, "SMBus PIIX4 adapter port 0"), "0018")},
+        {"JC42-14.0-SMBUS_PIIX4_ADAPTER_PORT_2-0018",
+         at(bus(both, "SMBus PIIX4 adapter port 2"), "0018")},
+        {"JC42-1F.4-0018", at(main, "0018")},
+        {"JC42-1F.4-001A", at(main, "001a")},
+        {"JC42-1F.4-0070-MUX_CHAN_ID_0-0018", at(bus(mux, prefix + "0)"), "0018")},
+        {"JC42-1F.4-0070-MUX_CHAN_ID_1-0018", at(bus(mux, prefix + "1)"), "0018")},
+        {"JC42-FE804000.I2C-0018", at(board, "0018")},
+        {"K10TEMP-18.3", machine.pci("0000:00", "18.3", "060000")},
+        {"K10TEMP-1A.3", machine.pci("0000:00", "1a.3", "060000")},
+    };
+    int number = 0;
+    for (const alike &each : all) {
+        machine.hwmon(each.device, std::string(each.name).starts_with("K10") ? "k10temp" : "jc42",
+                      {{"temp1_input", std::to_string(1000 * ++number)}});
+    }
+    return all;
+}
+
+TEST(sensors, of_one_kind_keep_their_names_whichever_is_gone)
+{
+    for (const order each : {order::forwards, order::backwards}) {
+        constexpr size_t count = 9;
+        for (size_t gone = 0; gone <= count; ++gone) {
+            SCOPED_TRACE(gone);
+            made_machine machine(each);
+            const std::vector<alike> all = build_alike(machine);
+            ASSERT_EQ(count, all.size());
+            for (size_t i = 0; i < count; ++i) {
+                if (i != gone) {
+                    machine.expect(
+                        "/SYS/MB/T_" + std::string(all[i].name) + "_1",
+                        {.type = "temperature-sensor", .reading = static_cast<double>(i + 1)});
+                    continue;
+                }
+                for (const auto &link :
+                     std::filesystem::directory_iterator(machine.on_disk("/sys/class/hwmon"))) {
+                    const std::string path = std::filesystem::canonical(link.path());
+                    if (path.find(all[i].device + "/hwmon/") != path.npos) {
+                        std::filesystem::remove(link.path());
+                        break;
+                    }
+                }
+            }
+            expect_as_built(machine);
+        }
+    }
 }
 
 TEST(bindings, survive_another_count_and_another_card)

@@ -173,6 +173,43 @@ bool is_virtual(const tree &files, const std::string &device, const scsi_address
     });
 }
 
+/* The lowest link of a port, as what it hangs on numbers its links. */
+std::optional<int64_t> sas_link(const tree &files, const std::string &port, const std::string &name)
+{
+    constexpr int64_t not_known = 0xff;
+    std::optional<int64_t> lowest;
+    for (const std::string &each : files.names(port)) {
+        const auto number = number_after(each.substr(each.rfind(':') + 1), "");
+        if (each.starts_with("phy-") && number && (!lowest || *number < *lowest)) {
+            lowest = *number;
+        }
+    }
+    if (!lowest) {
+        lowest = files.number(port + '/' + name + "/sas_device/" + name + "/phy_identifier");
+    }
+    return lowest && *lowest >= 0 && *lowest < not_known ? lowest : std::nullopt;
+}
+
+/* The way to a SAS drive: the link of the controller, and of each expander behind it;
+ * empty: not all of them are known. */
+std::string sas_links(const tree &files, const std::string &device)
+{
+    std::string links;
+    for (size_t begin = 1; begin < device.size();) {
+        const size_t end = std::min(device.find('/', begin), device.size());
+        const std::string part = device.substr(begin, end - begin);
+        if (part.starts_with("expander-") || part.starts_with("end_device-")) {
+            const auto link = sas_link(files, device.substr(0, begin - 1), part);
+            if (!link) {
+                return "";
+            }
+            links += (links.empty() ? "" : "-") + std::to_string(*link);
+        }
+        begin = end + 1;
+    }
+    return links;
+}
+
 /* What tells a drive from the others of its controller. */
 std::string place_of(const tree &files, const std::string &device, const scsi_address &address)
 {
@@ -186,8 +223,11 @@ std::string place_of(const tree &files, const std::string &device, const scsi_ad
         if (const auto bay = files.number(link + "/bay_identifier"); bay) {
             return std::to_string(*bay);
         }
+        if (const std::string links = sas_links(files, device); !links.empty()) {
+            return "_PHY" + links;
+        }
         if (const std::string name = files.text(link + "/sas_address"); !name.empty()) {
-            return '_' + name.substr(name.starts_with("0x") ? 2 : 0);
+            return '_' + label_of(name.substr(name.starts_with("0x") ? 2 : 0));
         }
     }
     return std::to_string(address.channel) + '.' + std::to_string(address.target);
@@ -202,8 +242,13 @@ void find_nvme(const tree &files, machine &into)
         if (!path.ends_with("/nvme/" + name) || !is_pci_address(last_part(device))) {
             continue; /* somewhere in a network */
         }
-        const location where = locate(into, device);
-        component &drive = into.add(*where.holder, "NVME" + where.rest, "nvme-disk", device);
+        component *known = exactly_at(into, device); /* its controller, by other sources */
+        if (known == nullptr) {
+            const location where = locate(into, device);
+            known = &into.add(*where.holder, "NVME" + where.rest, "nvme-disk", device);
+        }
+        component &drive = *known;
+        drive.type = "nvme-disk";
         drive.fru.model = files.text(path + "/model");
         drive.fru.serial = files.text(path + "/serial");
         drive.fru.software_revision = files.text(path + "/firmware_rev");

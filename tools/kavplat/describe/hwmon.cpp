@@ -124,12 +124,14 @@ void add_channel(const tree &files, const chip &of, const std::string &prefix, c
     if (each.what->what != nullptr && reading != nullptr) {
         component &sensor =
             add_reading(files, into, holder, label, *each.what->what, stem + reading);
+        sensor.where = of.directory;
         add_limits(files, stem, each, sensor);
     }
     for (const std::string &file : each.files) {
         if (file == "alarm" || file == "fault" || file.ends_with("_alarm")) {
             add_flag(files, into, holder, label + '_' + label_of(file),
-                     is_warning(file) ? "predictive-sensor" : "fault-sensor", stem + file);
+                     is_warning(file) ? "predictive-sensor" : "fault-sensor", stem + file)
+                .where = of.directory;
         }
     }
 }
@@ -216,14 +218,73 @@ component *module_of(const tree &files, const chip &it, const machine &all)
     return found;
 }
 
-/* Which chip on the board it is: a device of a bus by its address there, which does not
- * change, and not by the number of the bus, which does. */
-std::string chip_label(const chip &it)
+/* The way to a PCI device, by which a chip on the board is called. */
+std::string way_to(const std::string &device, machine &all)
 {
+    const location where = locate(all, device);
+    const bool on_board = where.holder == &all.board();
+    const char *between = on_board || where.rest.empty() ? "" : "-";
+    return (on_board ? "" : where.holder->label) + between + where.rest;
+}
+
+/* "1F.4-0018": the controller of a bus, the address there, and what lies between. The
+ * number of the bus changes, so where a controller has several the kernel's name of this
+ * one tells which it is. Empty: it is on no such bus. on_board: or else the controller is
+ * on what has the sensors, and need not be told. */
+std::string i2c_place(const tree &files, const std::string &device, bool on_board, machine &all)
+{
+    const std::string_view bus = "i2c-";
+    std::vector<std::string> place;
+    std::string so_far;
+    bool found = false;
+    for (size_t begin = 1; begin < device.size();) {
+        const size_t end = std::min(device.find('/', begin), device.size());
+        const std::string part = device.substr(begin, end - begin);
+        begin = end + 1;
+        if (number_after(part, bus)) {
+            if (!found && on_board) {
+                const std::string way = way_to(so_far, all);
+                place.push_back(way.empty() ? label_of(last_part(so_far)) : way);
+            }
+            const std::vector<std::string> beside = files.names(so_far);
+            if (std::ranges::count_if(beside, [bus](const std::string &each) {
+                    return number_after(each, bus).has_value();
+                }) > 1) {
+                std::string name = files.text(so_far + '/' + part + "/name");
+                if (const size_t dash = name.find('-', bus.size()); name.starts_with(bus)) {
+                    name.erase(0, dash + 1); /* "i2c-1-mux (chan_id 0)" */
+                }
+                place.push_back(label_of(name, label_of(part)));
+            }
+            found = true;
+        } else if (found) {
+            place.push_back(label_of(part.substr(part.find('-') + 1)));
+        }
+        so_far += '/' + part;
+    }
+    std::string text;
+    for (const std::string &each : place) {
+        text += (text.empty() ? "" : "-") + each;
+    }
+    return found ? text : "";
+}
+
+/* Which chip it is, where that does not follow from what it stands on. */
+std::string chip_label(const tree &files, const chip &it, bool on_board, machine &all)
+{
+    if (const std::string place = i2c_place(files, it.device, on_board, all); !place.empty()) {
+        return label_of(it.name) + '-' + place;
+    }
+    if (!on_board) {
+        return "";
+    }
     const std::string_view last = last_part(it.device);
     const size_t dash = last.find('-');
     if (last.starts_with(it.name)) {
         return label_of(last);
+    }
+    if (is_pci_address(last)) {
+        return label_of(it.name) + '-' + way_to(it.device, all);
     }
     if (dash != last.npos && number_after(last.substr(0, dash), "")) {
         return label_of(it.name) + '-' + label_of(last.substr(dash + 1));
@@ -248,15 +309,18 @@ void find_hwmon(const tree &files, machine &into)
         }
         it.name = files.text(it.directory + "/name");
         component *owner = processor_of(it, into);
-        if (owner == nullptr) {
-            owner = module_of(files, it, into);
+        component *const module = owner == nullptr ? module_of(files, it, into) : nullptr;
+        if (module != nullptr) {
+            owner = module;
         }
         if (owner == nullptr && !it.device.empty()) {
             owner = into.at_device(it.device);
         }
         const bool on_board = owner == nullptr || owner == &into.board();
         component &holder = on_board ? into.board() : *owner;
-        const std::string prefix = on_board ? '_' + chip_label(it) : "";
+        /* A memory module has one. */
+        const std::string label = module != nullptr ? "" : chip_label(files, it, on_board, into);
+        const std::string prefix = label.empty() ? "" : '_' + label;
         for (const auto &[unused, each] : channels_of(files, it.directory)) {
             add_channel(files, it, prefix, each, holder, into);
         }

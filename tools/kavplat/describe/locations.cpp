@@ -8,6 +8,7 @@ namespace
 {
 
 constexpr std::string_view root_stem = "pci";
+constexpr std::string_view no_place[] = {"sys", "devices", "platform", "virtual", "hwmon"};
 constexpr std::string_view first_domain = "0000:";
 
 /* "1C.4" of 0000:00:1c.4, "0" of 0000:02:00.0. */
@@ -36,7 +37,103 @@ std::string root_text(std::string_view part)
     return label_of(bus) + '-';
 }
 
+std::vector<std::string> parts_of(const std::string &path)
+{
+    std::vector<std::string> parts;
+    for (size_t begin = 0; begin < path.size();) {
+        const size_t end = std::min(path.find('/', begin), path.size());
+        if (end > begin) {
+            parts.push_back(path.substr(begin, end - begin));
+        }
+        begin = end + 1;
+    }
+    return parts;
+}
+
+bool is_path(const std::string &where)
+{
+    return where.starts_with('/');
+}
+
+bool is_root_bus(std::string_view part)
+{
+    return part.starts_with(root_stem) && part.find(':') != part.npos;
+}
+
+/* "*-0018" for "1-0018", "hwmon*" for "hwmon3". */
+std::string uncounted(const std::string &part)
+{
+    const std::string star = with_star(part, "");
+    return star.empty() ? part : star;
+}
+
+/* In which order such parts stand: as texts those of one length and in hexadecimal. */
+struct part_order {
+    bool as_text;
+    std::string text;
+};
+
+part_order order_of(const std::string &part)
+{
+    constexpr size_t address_of_i2c = 6; /* "*-001a" */
+    const std::string text = uncounted(part);
+    return {is_pci_address(part) || is_root_bus(part) ||
+                (text.size() == address_of_i2c && text.starts_with("*-")),
+            text};
+}
+
+bool part_before(const part_order &one, const part_order &other)
+{
+    if (one.as_text != other.as_text) {
+        return one.as_text;
+    }
+    return one.as_text ? one.text < other.text : comes_before(one.text, other.text);
+}
+
 } // namespace
+
+std::string place_text(const std::string &where)
+{
+    constexpr size_t longest = 48;
+    if (!is_path(where)) {
+        return label_of(where);
+    }
+    std::string way;
+    std::string rest;
+    for (const std::string &part : parts_of(where)) {
+        if (is_root_bus(part)) {
+            way = root_text(part);
+        } else if (is_pci_address(part)) {
+            way += (way.empty() || way.back() == '-' ? "" : "-") + hop_text(part);
+            rest.clear();
+        } else if (std::string text = uncounted(part);
+                   std::ranges::find(no_place, text) == std::end(no_place) &&
+                   !text.ends_with('*')) {
+            text.erase(0, text.rfind('*') + 1); /* "target2:0:1" */
+            rest += '_' + label_of(text.starts_with('-') ? text.substr(1) : text);
+        }
+    }
+    std::string text = way.empty() ? rest.substr(std::min<size_t>(rest.size(), 1)) : way + rest;
+    text.erase(0, text.size() - std::min(text.size(), longest)); /* they differ at the end */
+    return text.empty() ? label_of(where) : text;
+}
+
+bool place_before(const std::string &one, const std::string &other)
+{
+    if (!is_path(one) || !is_path(other)) {
+        return is_path(one) != is_path(other) ? is_path(one) : one < other;
+    }
+    const std::vector<std::string> left = parts_of(one);
+    const std::vector<std::string> right = parts_of(other);
+    for (size_t i = 0; i < std::min(left.size(), right.size()); ++i) {
+        const part_order of_left = order_of(left[i]);
+        const part_order of_right = order_of(right[i]);
+        if (of_left.text != of_right.text) {
+            return part_before(of_left, of_right);
+        }
+    }
+    return left.size() != right.size() ? left.size() < right.size() : comes_before(one, other);
+}
 
 component *slot_at(const machine &all, std::string_view pci_address)
 {

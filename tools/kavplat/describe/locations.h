@@ -29,6 +29,14 @@ struct location {
 /* Of a PCI device, or of what hangs on one. */
 location locate(machine &all, const std::string &path);
 
+/* What is said of a place (component::where) that goes into a name: of a device's path the
+ * way to the last PCI device and what hangs below that, or its end, without what the kernel
+ * counts; anything else as it is. */
+std::string place_text(const std::string &where);
+
+/* The order of places: addresses count as hexadecimal, the kernel's counting not at all. */
+bool place_before(const std::string &one, const std::string &other);
+
 /* The component that this very device is; null: none is. */
 component *exactly_at(const machine &all, const std::string &path);
 

@@ -5,7 +5,7 @@
  *
  *   - A component's NAC name is its parent's name and its label.
  *   - Of components with the same parent and label, the one whose `where` comes first
- *     keeps the label; the others add '_' and their `where` to it. Should that be taken
+ *     keeps the label; the others add '_' and place_text() of their `where`. Should that be taken
  *     too, a number from 2 on is added, in the order of the identity.
  *   - A description lists what one parent holds in the order of comes_before().
  */

@@ -36,7 +36,7 @@ bool is_set(const measured &what, double value, bool upper)
     if (std::string_view(what.type) == "temperature") {
         return value > coldest && value < hottest && (!upper || value > 0);
     }
-    return value != 0 && (!upper || value > 0);
+    return value != 0; /* below 0 on a negative rail */
 }
 
 } // namespace

@@ -20,10 +20,12 @@ constexpr struct {
     const char *stem;
     const char *type;
 } kinds[] = {
-    {"0108", "", ""}, /* the drive is what there is to see of it */
+    {"0108", "NVME", "storage-controller"}, /* until a driver shows the drive in it */
     {"01", "HBA", "storage-controller"},
     {"02", "NET", "network-adapter"},
     {"03", "GPU", "accelerator"},
+    {"0c04", "HBA", "storage-controller"}, /* Fibre Channel */
+    {"0c06", "NET", "network-adapter"},    /* InfiniBand */
     {"0b40", "ACC", "accelerator"},
     {"12", "ACC", "accelerator"},
 };
@@ -150,8 +152,11 @@ void find_pci(const tree &files, machine &into)
         }
         add_bridges_above(devices, each.path, names, into);
         if (component *known = exactly_at(into, each.path); known != nullptr) {
-            identify(each, names, *known); /* the board's table of devices has it too */
-        } else if (*kind->stem != '\0') {
+            identify(each, names, *known);    /* the board's table of devices has it too */
+            if (known->type == "io-module") { /* where that does not tell what it is */
+                known->type = kind->type;
+            }
+        } else {
             const location where = locate(into, each.path);
             component &made =
                 into.add(*where.holder, kind->stem + where.rest, kind->type, each.path);

@@ -398,13 +398,37 @@ void add_old_memory(reading &table, const structure &it)
     }
 }
 
+const char *slot_type(uint8_t kind)
+{
+    switch (kind) {
+    case 0x14:
+    case 0x15:
+    case 0x16:
+    case 0x17:
+        return "m2-slot";
+    case 0x1f: /* U.2, of each generation of PCIe */
+    case 0x20:
+    case 0x24:
+    case 0x25:
+    case 0xc5: /* E1.S, E1.L */
+    case 0xc6: /* E3.S, E3.L */
+        return "drive-bay";
+    case 0x21:
+    case 0x22:
+    case 0x23:
+        return "mezzanine-slot";
+    case 0x26:
+    case 0x27:
+    case 0x28:
+        return "network-module-slot";
+    default:
+        return "pcie-slot";
+    }
+}
+
 void add_slot(reading &table, const structure &it)
 {
-    const uint8_t kind = it.byte(5);
-    const char *type = kind >= 0x14 && kind <= 0x17   ? "m2-slot"
-                       : kind >= 0x26 && kind <= 0x28 ? "network-module-slot"
-                       : kind >= 0x21 && kind <= 0x23 ? "mezzanine-slot"
-                                                      : "pcie-slot";
+    const char *type = slot_type(it.byte(5));
     component &slot = table.add(table.board_of(it), it.text(4), "SLOT", type, it);
     slot.capabilities = {"holder"};
     if (const std::string address = bus_address(it, 0x0d); !address.empty()) {
@@ -415,10 +439,15 @@ void add_slot(reading &table, const structure &it)
 const char *onboard_type(uint8_t kind)
 {
     switch (kind & 0x7fU) {
+    case 0x03:
+        return "accelerator";
     case 0x04:
     case 0x08:
     case 0x09:
     case 0x0a:
+    case 0x0e: /* eMMC */
+    case 0x0f: /* NVMe */
+    case 0x10: /* UFS */
         return "storage-controller";
     case 0x05:
     case 0x06:
@@ -430,6 +459,36 @@ const char *onboard_type(uint8_t kind)
     }
 }
 
+std::string onboard_label(const structure &it)
+{
+    return label_of(identity_text(it.text(4)), "DEVICE");
+}
+
+/* What tells the devices of one designation apart: the number that the board gives them,
+ * or else their function. One that is switched off counts, since it may be switched on. */
+std::string number_among_alike(const reading &table, const structure &it, const std::string &label)
+{
+    constexpr size_t instance = 0x06;
+    constexpr size_t function = 0x0a;
+    for (const size_t offset : {instance, function}) {
+        const auto number_of = [offset](const structure &one) {
+            return one.byte(offset) & (offset == function ? 0x07U : 0xffU);
+        };
+        std::set<unsigned> numbers;
+        size_t alike = 0;
+        for (const structure &each : table.all) {
+            if (each.type == it.type && onboard_label(each) == label) {
+                ++alike;
+                numbers.insert(number_of(each));
+            }
+        }
+        if (alike > 1 && numbers.size() == alike) {
+            return '_' + std::to_string(number_of(it));
+        }
+    }
+    return "";
+}
+
 constexpr uint8_t is_enabled = 0x80;
 
 void add_onboard(reading &table, const structure &it)
@@ -437,10 +496,11 @@ void add_onboard(reading &table, const structure &it)
     if ((it.byte(5) & is_enabled) == 0) {
         return;
     }
+    const std::string label = onboard_label(it);
     component &device =
-        table.add(table.board_of(it), it.text(4), "DEVICE", onboard_type(it.byte(5)), it);
+        table.add(table.board_of(it), {}, (label + number_among_alike(table, it, label)).c_str(),
+                  onboard_type(it.byte(5)), it);
     if (const std::string address = bus_address(it, 7); !address.empty()) {
-        device.where = address;
         table.into.is_device(device, table.files.real("/sys/bus/pci/devices/" + address));
     }
 }

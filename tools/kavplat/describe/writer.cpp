@@ -1,6 +1,7 @@
 #include "tools/kavplat/describe/writer.h"
 
 #include "described/format/document.h"
+#include "tools/kavplat/describe/locations.h"
 
 #include <algorithm>
 #include <set>
@@ -155,7 +156,7 @@ void give_names(machine &of)
                 return one->label < other->label;
             }
             if (one->where != other->where) {
-                return comes_before(one->where, other->where);
+                return place_before(one->where, other->where);
             }
             return rank(*one) < rank(*other);
         });
@@ -168,7 +169,7 @@ void give_names(machine &of)
             std::string label = each->label;
             if (before != nullptr && before->label == label) {
                 const std::string longer =
-                    label + (each->where.empty() ? "" : '_' + label_of(each->where));
+                    label + (each->where.empty() ? "" : '_' + place_text(each->where));
                 label = longer;
                 for (int i = 2; !taken.insert(label).second; i++) {
                     label = longer + '_' + std::to_string(i);
