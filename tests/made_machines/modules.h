@@ -8,9 +8,9 @@
 namespace kavplat_describe_test
 {
 
-inline void put_text(std::string &memory, size_t at, const std::string &text)
+inline void put_text(std::string &memory, size_t at, const std::string &text, size_t size = 16)
 {
-    std::fill_n(memory.begin() + static_cast<std::ptrdiff_t>(at), 16, ' ');
+    std::fill_n(memory.begin() + static_cast<std::ptrdiff_t>(at), size, ' ');
     memory.replace(at, text.size(), text);
 }
 
@@ -33,7 +33,7 @@ inline std::string small_module(const std::string &serial)
     put_text(memory, 20, "OPTICS INC");
     put_text(memory, 40, "SFP-10G-SR");
     put_text(memory, 68, serial);
-    put_text(memory, 84, "240131");
+    put_text(memory, 84, "240131", 8);
     put_sum(memory, 0, 63);
     put_sum(memory, 64, 95);
     put_text(memory, 96, "MAKER'S OWN");
@@ -50,7 +50,7 @@ inline std::string four_lane_module(const std::string &serial)
     put_text(memory, 148, "OPTICS INC");
     put_text(memory, 168, "QSFP28-100G-LR4");
     put_text(memory, 196, serial);
-    put_text(memory, 212, "240131");
+    put_text(memory, 212, "240131", 8);
     put_sum(memory, 128, 191);
     put_sum(memory, 192, 223);
     return memory;
@@ -66,7 +66,7 @@ inline std::string common_module(const std::string &serial)
     put_text(memory, 129, "OPTICS INC");
     put_text(memory, 148, "QDD-400G-DR4");
     put_text(memory, 166, serial);
-    put_text(memory, 182, "240131");
+    put_text(memory, 182, "240131", 8);
     put_sum(memory, 128, 222);
     return memory;
 }
