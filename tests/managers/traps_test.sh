@@ -4,35 +4,15 @@
 # lines, snmptrapd prints a line with names, and snmptt makes an event with a severity.
 # usage: traps_test.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
-PATH=$PATH:/usr/sbin:/sbin
-
-# The agent ends every snmpd that it can see when it is told to end.
-if [[ ${KAVPLAT_INSIDE-} != yes ]]; then
-    namespace=(unshare --pid --fork --kill-child --mount-proc)
-    [[ $(id -u) -eq 0 ]] || namespace+=(--user --map-root-user)
-    KAVPLAT_INSIDE=yes exec "${namespace[@]}" "${BASH_SOURCE[0]}" "$@"
-fi
+# shellcheck source=tests/harness/inside.sh
+source "${BASH_SOURCE[0]%/*}/../harness/inside.sh"
 
 source_dir=$1 build_dir=$2
 files=$source_dir/managers module=$build_dir/src/libPlatformMIB.so
-scratch=$(mktemp -d)
-trap 'rm -rf -- "$scratch"' EXIT # the namespace ends what was started
 fail() {
     printf '%s\n' "$@" >&2
     tail -n 40 -- "$scratch"/*.log >&2
     exit 1
-}
-free_port() {
-    perl -MSocket -e 'socket(my $s, PF_INET, SOCK_DGRAM, 0);
-        bind($s, sockaddr_in(0, INADDR_LOOPBACK)); print((sockaddr_in(getsockname($s)))[0])'
-}
-until_so() { # WHAT COMMAND...
-    local what=$1 deadline=$((SECONDS + 60))
-    shift
-    until "$@"; do
-        [[ $SECONDS -lt $deadline ]] || fail "not so within 60 seconds: $what"
-        sleep 0.1
-    done
 }
 says() { grep -qsE -e "$2" -- "$scratch/$1"; } # LOG PATTERN
 export MIBDIRS=$source_dir/mibs:$source_dir/mibs/compact SNMPCONFPATH=$scratch/nothing SNMP_PERSISTENT_DIR=$scratch/state

@@ -4,35 +4,15 @@
 # again, with every row; the end of kavplatd is the end of no snmpd.
 # usage: kavplatd_test.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
-PATH=$PATH:/usr/sbin:/sbin
-
-# The agent with the modules in it ends every snmpd that it can see.
-if [[ ${KAVPLAT_INSIDE-} != yes ]]; then
-    namespace=(unshare --pid --fork --kill-child --mount-proc)
-    [[ $(id -u) -eq 0 ]] || namespace+=(--user --map-root-user)
-    KAVPLAT_INSIDE=yes exec "${namespace[@]}" "${BASH_SOURCE[0]}" "$@"
-fi
+# shellcheck source=tests/harness/inside.sh
+source "${BASH_SOURCE[0]%/*}/../harness/inside.sh"
 
 source_dir=$1 build_dir=$2
 module=$build_dir/src/libPlatformMIB.so
-scratch=$(mktemp -d)
-trap 'rm -rf -- "$scratch"' EXIT
 fail() {
     printf '%s\n' "$@" >&2
     tail -n 20 -- "$scratch"/*.log >&2
     exit 1
-}
-free_port() {
-    perl -MSocket -e 'socket(my $s, PF_INET, SOCK_DGRAM, 0);
-        bind($s, sockaddr_in(0, INADDR_LOOPBACK)); print((sockaddr_in(getsockname($s)))[0])'
-}
-until_so() { # WHAT COMMAND...
-    local what=$1 deadline=$((SECONDS + 60))
-    shift
-    until "$@"; do
-        [[ $SECONDS -lt $deadline ]] || fail "not so within 60 seconds: $what"
-        sleep 0.05
-    done
 }
 export MIBS='' SNMPCONFPATH=$scratch/nothing KAVPLAT_DESCRIPTION=$source_dir/servers/rack-2u.json
 
